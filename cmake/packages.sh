@@ -1,0 +1,29 @@
+# shellcheck shell=bash disable=SC2034
+# The Debian packages that the project needs, and how demo and check get them. To be sourced by bash.
+
+BUILD_PACKAGES=(g++ cmake ninja-build pkgconf qtbase5-dev)
+STANDIN_PACKAGES=(libglib2.0-dev libjson-glib-dev dbus-daemon util-linux mount)
+TEST_PACKAGES=(qtdeclarative5-dev)
+VALGRIND_PACKAGES=(valgrind)
+
+# Installs what is missing of the packages named; where that takes rights that one has not, says what to do.
+need_packages()
+{
+    # Elsewhere than on Debian the packages have other names; CMake says what it misses.
+    command -v dpkg-query >/dev/null || return 0
+    local package missing=()
+    for package in "$@"; do
+        [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "These packages are missing: ${missing[*]}"
+        echo "Install them with: apt-get update && apt-get install -y --no-install-recommends ${missing[*]}"
+        exit 2
+    fi >&2
+    echo "Installing ${missing[*]}"
+    apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+# For a build directory that does not exist yet.
+export CMAKE_GENERATOR=${CMAKE_GENERATOR:-Ninja}

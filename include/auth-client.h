@@ -1,0 +1,199 @@
+#pragma once
+
+#include "auth-client-export.h"
+
+#include <QtCore/QObject>
+#include <QtCore/QScopedPointer>
+#include <QtCore/QString>
+#include <QtCore/QVariant>
+
+#include <functional>
+
+class AuthClientPrivate;
+
+/** Receives the result of AuthClient::factorMethod(): one value, invalid when the call failed. It may be empty. */
+using ValueCallBack = std::function<void(const QVariant &)>;
+
+/**
+ * Authenticates a user with the authentication daemon, and acts with the token that the daemon hands out.
+ *
+ * A host calls authenticate() and waits for authenticatedChanged() with a token, or for discredit(). With the token
+ * held, setLocked() changes the device-lock state. The object forgets the token when the daemon says that the
+ * authentication failed, when the device becomes locked, when the daemon leaves the bus, and on dropAuthentication();
+ * each of these emits discredit(). It follows a restart of the daemon by itself.
+ *
+ * All members are to be used from the thread that created the object; signals are emitted there, from its event loop,
+ * except where a member says that it emits by itself.
+ *
+ * @section parameters Parameter maps
+ * The maps given to authenticate(), changeAuthData(), factorMethod() and factorMethodWait() travel over D-Bus. They may
+ * hold booleans, integers of 8 (unsigned), 16, 32 and 64 bits, doubles, strings, byte arrays, string lists, lists and
+ * maps of such values, and everything registered with qDBusRegisterMetaType(). An invalid value, a null pointer, a
+ * function, an object, any other type, a string with a NUL character or half a surrogate pair, a nesting of more than
+ * 20 maps or 30 lists, and a map of more than about 64 MiB cannot be carried: such a call is not sent, and a warning
+ * names the path of the offending value and its type. Values are never logged.
+ *
+ * @section lifetime Deleting a client
+ * A client may be deleted at any time, with calls under way, from a callback and from a handler of any of its signals;
+ * what was under way ends unheard then. There is one exception: while the daemon's name changes hands (it leaves the
+ * bus, or another instance takes over), the signals progressChanged(), authenticatedChanged() and discredit() are
+ * emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater() in handlers of these three.
+ *
+ * @note Constructing the object ends the process with exit status 1, after a critical "Cannot connect to" message, when
+ *       the system bus is not connected or the daemon's socket cannot be reached. So does the daemon's return to the
+ * bus without its socket, at any later time.
+ */
+class AUTH_CLIENT_EXPORT AuthClient : public QObject
+{
+    Q_OBJECT
+
+    /** Whether a token is held: true from a successful authentication until the next discredit(). */
+    Q_PROPERTY(bool authenticated READ authenticated NOTIFY authenticatedChanged)
+    /** Whether a request made with authenticate() or changeAuthData() is under way. */
+    Q_PROPERTY(bool progress READ progress NOTIFY progressChanged)
+
+public:
+    /**
+     * Connects to the daemon.
+     *
+     * Waits for the daemon's introspection data on the system bus and on the socket (a daemon that accepts and stays
+     * mute holds each of the three requests for 25 seconds); makes no call of the daemon's own but the asynchronous one
+     * for the device-lock state.
+     *
+     * @param parent the owner, or nullptr
+     */
+    explicit AuthClient(QObject *parent = nullptr);
+
+    /**
+     * For clients that extend this one: constructs the object with a private object of the extending class' own.
+     *
+     * @param parent  the owner, or nullptr
+     * @param factory called once, with the object under construction, whose derived part does not exist yet; returns
+     * the private object, which the client owns from then on; never nullptr
+     */
+    AuthClient(QObject *parent, AuthClientPrivate *(*factory)(AuthClient *));
+
+    ~AuthClient() override;
+
+    bool authenticated() const;
+    bool progress() const;
+
+    /**
+     * Asks the daemon to authenticate a user. Does not wait for the outcome, but fetches the daemon's challenge first
+     * when none is held (a blocking call, at most 25 seconds).
+     *
+     * Sets progress(). The daemon's outcome follows from the event loop: authenticatedChanged() with the token and
+     * progressChanged(), or progressChanged(), authenticatedChanged() with an empty byte array and discredit(). When
+     * the call itself fails on the bus, a warning is logged and progress() stays set: the outcome is the daemon's to
+     * tell, and a host that does not want to wait for it calls dropAuthentication().
+     *
+     * @param service what the user authenticates for, such as "login" or "unlock"; passed to the daemon unchecked
+     * @param params  what the daemon and its factors want to know (see @ref parameters). The challenge is added under
+     *                "challenge" unless the map has that key, in which case the caller's value is sent and none is
+     * fetched
+     */
+    Q_INVOKABLE void authenticate(const QString &service, const QVariantMap &params);
+
+    /**
+     * Asks the daemon to change authentication data, such as a user's code. Blocks and sets progress() as
+     * authenticate() does, except that the challenge is fetched even when the caller supplies one.
+     *
+     * The outcome follows from the event loop: progressChanged(), then authDataChanged() or changeAuthDataFailed(). A
+     * request that the daemon turns down at once counts as a failed authentication: progressChanged(),
+     * authenticatedChanged() with an empty byte array and discredit().
+     *
+     * @param method the factor whose data is to be changed; passed to the daemon unchecked
+     * @param params as for authenticate()
+     */
+    Q_INVOKABLE void changeAuthData(const QString &method, const QVariantMap &params);
+
+    /**
+     * Asks the daemon to unlock the device if its policy allows that without an authentication. Does not block.
+     *
+     * unlockIfNeededFinished() follows from the event loop, with the daemon's decision, or with false when the call
+     * failed on the bus.
+     */
+    Q_INVOKABLE void unlockIfNeeded();
+
+    /** Does nothing; a request under way stays under way. */
+    Q_INVOKABLE void cancel();
+
+    /** Does nothing: challenges are fetched and renewed as they are needed. */
+    Q_INVOKABLE void requestChallenge();
+
+    /**
+     * Sets the device-lock state with the token held, and waits for the daemon's answer (at most 25 seconds).
+     *
+     * @param state a number of AuthDevlockClient::LockState; sent as it is
+     * @return what the daemon answered; false, after a warning, when no token is held (nothing is sent then) or when
+     * the call failed. Nothing changes here by the call; that the device became locked is heard from the daemon
+     */
+    Q_INVOKABLE bool setLocked(int state);
+
+    /**
+     * Forgets the token. Does not call the daemon.
+     *
+     * Emits, before it returns, progressChanged() if a request was under way, authenticatedChanged() with an empty byte
+     * array, and discredit(); the latter two whether or not a token was held.
+     */
+    Q_INVOKABLE void dropAuthentication();
+
+    /**
+     * Calls a method of a factor, with the token (empty when none is held). Fetches the challenge first when none is
+     * held (a blocking call, at most 25 seconds); does not wait for the result.
+     *
+     * @param params   the method's parameters (see @ref parameters)
+     * @param method   the factor whose method is called
+     * @param callback called once with the result, from the event loop; with an invalid variant, after a warning, when
+     * the call failed or @p params cannot be carried. Not called when the client is deleted before. Nested structures
+     * arrive as the bus delivered them. May be empty
+     */
+    void factorMethod(const QVariantMap &params, const QString &method, ValueCallBack callback);
+
+    /**
+     * As factorMethod(), but waits for the result (at most 25 seconds, and as long again when the challenge has to be
+     * fetched first). Signals of the daemon that arrive meanwhile are delivered afterwards, from the event loop.
+     *
+     * @return the result, or an invalid variant after a warning when the call failed or @p params cannot be carried
+     */
+    QVariant factorMethodWait(const QVariantMap &params, const QString &method);
+
+Q_SIGNALS:
+    /** progress() has changed. */
+    void progressChanged();
+
+    /**
+     * A token has come or the one held is gone. Emitted for every token, also when it follows another, and for every
+     * drop.
+     *
+     * @param authToken a byte array: the token, or empty after a drop. This signal alone publishes it
+     */
+    void authenticatedChanged(QVariant authToken);
+
+    /** The daemon has changed the authentication data as asked. */
+    void authDataChanged();
+
+    /** The daemon has not changed the authentication data. */
+    void changeAuthDataFailed();
+
+    /**
+     * The answer to unlockIfNeeded().
+     *
+     * @param success whether the daemon unlocked the device; false also when it could not be asked
+     */
+    void unlockIfNeededFinished(bool success);
+
+    /** The authentication is not valid, or no longer; whatever the host granted on its strength is to be taken back. */
+    void discredit();
+
+    /**
+     * A notice of a factor, as the daemon sent it.
+     *
+     * @param factor the factor's name
+     * @param params what the factor tells
+     */
+    void factorSignal(const QString &factor, const QVariantMap &params);
+
+protected:
+    const QScopedPointer<AuthClientPrivate> d;
+};

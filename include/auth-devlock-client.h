@@ -1,0 +1,87 @@
+#pragma once
+
+#include "auth-client-export.h"
+
+#include <QtCore/QObject>
+#include <QtCore/QScopedPointer>
+
+class AuthDevlockClientPrivate;
+
+/**
+ * Follows and sets the device-lock state.
+ *
+ * The state is the one that the daemon last reported on the system bus, never a guess: setState() changes nothing here
+ * until the daemon announces the change. It is Undefined until the daemon has answered for the first time and whenever
+ * the daemon is away. After the daemon's return it stays Undefined until the daemon announces a state; a screen must
+ * treat Undefined as locked.
+ *
+ * The object may be deleted at any time, also from a handler of stateChanged(), with one exception: while the daemon
+ * leaves the bus, the signal is emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater()
+ * there.
+ *
+ * All members are to be used from the thread that created the object; signals are emitted there, from its event loop.
+ *
+ * @note Constructing the object ends the process with exit status 1, after a critical "Cannot connect to" message, when
+ *       the system bus is not connected.
+ */
+class AUTH_CLIENT_EXPORT AuthDevlockClient : public QObject
+{
+    Q_OBJECT
+
+    /** Always true; kept for interfaces that bind to it. */
+    Q_PROPERTY(bool enabled READ enabled NOTIFY enabledChanged)
+    /** The state that the daemon last reported. */
+    Q_PROPERTY(LockState state READ state WRITE setState NOTIFY stateChanged)
+
+public:
+    /** The device-lock states; the numbers are those that the daemon uses on the bus. */
+    enum LockState : int {
+        Unlocked = 0,         ///< The device is in use.
+        Locked = 1,           ///< The device is locked; clients drop their tokens when it becomes so.
+        ManagerLockout = 2,   ///< A device manager has locked the user out.
+        CodeEntryLockout = 3, ///< Too many wrong codes were entered; the daemon ends this by itself after a while.
+        Undefined = 4,        ///< The daemon has not told, or is away.
+        SecurityUi = 5,       ///< The security interface is shown.
+    };
+    Q_ENUM(LockState)
+
+    /**
+     * Connects to the daemon on the system bus and asks for the present state.
+     *
+     * The answer arrives later: the first stateChanged() comes with it. The constructor itself waits only for the bus
+     * and for the daemon's introspection data, at most 25 seconds when a daemon owns the name and does not answer.
+     *
+     * @param parent the owner, or nullptr
+     */
+    explicit AuthDevlockClient(QObject *parent = nullptr);
+    ~AuthDevlockClient() override;
+
+    /** Always true. */
+    bool enabled() const;
+
+    /**
+     * The state that the daemon last reported. A number that the daemon sends outside the enumerators is passed on as
+     * it is.
+     */
+    LockState state() const;
+
+    /**
+     * Asks the daemon for another state and waits for its answer (at most 25 seconds).
+     *
+     * Nothing changes here by the call: when the daemon accepts, it announces the new state and stateChanged() follows
+     * from the event loop. A refusal or an error is not reported; state() simply stays as it was.
+     *
+     * @param state the state wanted, sent as it is
+     */
+    void setState(LockState state);
+
+Q_SIGNALS:
+    /** Never emitted: enabled() does not change. */
+    void enabledChanged();
+
+    /** state() has changed; emitted once a change. */
+    void stateChanged();
+
+private:
+    const QScopedPointer<AuthDevlockClientPrivate> d;
+};

@@ -1,0 +1,329 @@
+#include "auth-connection.h"
+
+#include "authd/options.h"
+
+#include <QtCore/QDebug>
+#include <QtDBus/QDBusArgument>
+#include <QtDBus/QDBusError>
+#include <QtDBus/QDBusMetaType>
+#include <QtDBus/QDBusReply>
+#include <QtDBus/QDBusUnixFileDescriptor>
+
+#include <cstdlib>
+#include <utility>
+
+namespace {
+
+// A receiver turns away a message whose containers (arrays, dict entries, structures and variants) nest deeper than
+// this, and the whole connection with it.
+constexpr int MaximumDepth = 64;
+
+// An array can have 64 MiB, and the whole map is one; what is left out here is room for the challenge.
+constexpr qint64 MaximumSize = qint64(63) * 1024 * 1024;
+
+// The most that a number, or the signature, length and padding of another value take.
+constexpr qint64 ValueSize = 24;
+
+/** Walks a parameter map as the marshaller will, and finds what it would stumble over. */
+class ParameterCheck
+{
+public:
+    explicit ParameterCheck(bool canPassDescriptors)
+        : m_canPassDescriptors(canPassDescriptors)
+    {
+    }
+
+    bool map(const QVariantMap &values, int depth);
+    QString reason() const;
+
+private:
+    bool value(const QVariant &value, int depth);
+    bool compound(const QVariant &value, int depth);
+    bool argument(const QDBusArgument &argument, int depth);
+    bool list(const QVariantList &values, int depth);
+    bool text(const QString &text);
+    bool add(qint64 size);
+    bool refuse(const QString &problem);
+
+    const bool m_canPassDescriptors;
+    qint64 m_size = 0;
+    QString m_path;
+    QString m_type;
+    QString m_problem;
+};
+
+QString ParameterCheck::reason() const
+{
+    return m_path + QLatin1String(" of type ") + m_type + QLatin1Char(' ') + m_problem;
+}
+
+bool ParameterCheck::map(const QVariantMap &values, int depth)
+{
+    for (auto it = values.begin(); it != values.end(); ++it) {
+        // An array, a dict entry and a variant enclose the value.
+        if (!text(it.key()) || !value(it.value(), depth + 3)) {
+            const bool nested = !m_path.isEmpty() && !m_path.startsWith(QLatin1Char('['));
+            m_path.prepend(nested ? it.key() + QLatin1Char('.') : it.key());
+            if (m_type.isEmpty())
+                m_type = QStringLiteral("QString");
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ParameterCheck::list(const QVariantList &values, int depth)
+{
+    for (int i = 0; i < values.size(); ++i) {
+        if (!value(values.at(i), depth)) {
+            const bool nested = !m_path.isEmpty() && !m_path.startsWith(QLatin1Char('['));
+            m_path.prepend(QLatin1Char('[') + QString::number(i) + QLatin1String(nested ? "]." : "]"));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ParameterCheck::value(const QVariant &value, int depth)
+{
+    bool good = false;
+    if (depth > MaximumDepth) {
+        good = refuse(QStringLiteral("is nested too deeply for D-Bus"));
+    } else {
+        switch (value.userType()) {
+        case QMetaType::Bool:
+        case QMetaType::UChar:
+        case QMetaType::Short:
+        case QMetaType::UShort:
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+        case QMetaType::Double:
+            good = add(ValueSize);
+            break;
+        case QMetaType::QString:
+            good = text(value.toString());
+            break;
+        case QMetaType::QByteArray:
+            good = add(ValueSize + value.toByteArray().size());
+            break;
+        default:
+            good = compound(value, depth);
+        }
+    }
+    if (!good && m_type.isEmpty())
+        m_type = value.isValid() ? QString::fromLatin1(value.typeName()) : QStringLiteral("Invalid");
+    return good;
+}
+
+bool ParameterCheck::compound(const QVariant &value, int depth)
+{
+    const int type = value.userType();
+    if (type == qMetaTypeId<QDBusVariant>())
+        return this->value(value.value<QDBusVariant>().variant(), depth + 1);
+    if (type == qMetaTypeId<QDBusArgument>())
+        return argument(value.value<QDBusArgument>(), depth);
+
+    bool sendable = false;
+    if (type == qMetaTypeId<QDBusObjectPath>())
+        sendable = !value.value<QDBusObjectPath>().path().isEmpty();
+    else if (type == qMetaTypeId<QDBusSignature>())
+        sendable = !value.value<QDBusSignature>().signature().isEmpty();
+    else if (type == qMetaTypeId<QDBusUnixFileDescriptor>())
+        sendable = m_canPassDescriptors && value.value<QDBusUnixFileDescriptor>().isValid();
+    else if (type != QMetaType::UnknownType)
+        sendable = QDBusMetaType::typeToSignature(type);
+    if (!sendable)
+        return refuse(QStringLiteral("cannot be sent over D-Bus"));
+
+    if (!add(ValueSize))
+        return false;
+    if (value.canConvert<QVariantMap>())
+        return map(value.toMap(), depth);
+    if (value.canConvert<QVariantList>())
+        return list(value.toList(), type == QMetaType::QVariantList ? depth + 2 : depth + 1);
+    return true;
+}
+
+// A structure that the bus delivered, and that nobody decoded, can be sent back.
+bool ParameterCheck::argument(const QDBusArgument &argument, int depth)
+{
+    const QString signature = argument.currentSignature();
+    const QDBusArgument::ElementType type = argument.currentType();
+    // Empty, read to its end, or still being written.
+    if (type == QDBusArgument::UnknownType)
+        return refuse(QStringLiteral("cannot be sent over D-Bus"));
+    if (type == QDBusArgument::BasicType || type == QDBusArgument::VariantType || signature == QLatin1String("ay")
+        || signature == QLatin1String("as"))
+        return value(argument.asVariant(), depth);
+
+    // All containers are entered alike for reading.
+    argument.beginStructure();
+    while (!argument.atEnd()) {
+        if (!this->argument(argument, depth + 1))
+            return false;
+    }
+    argument.endStructure();
+    return true;
+}
+
+// Strings that the bus would shorten or alter are refused like values that it cannot carry: they may be secrets.
+bool ParameterCheck::text(const QString &text)
+{
+    qint64 size = ValueSize;
+    for (int i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (c.isNull())
+            return refuse(QStringLiteral("holds a NUL character, which D-Bus cannot carry"));
+        if (c.isSurrogate()) {
+            if (c.isLowSurrogate() || i + 1 == text.size() || !text.at(i + 1).isLowSurrogate())
+                return refuse(QStringLiteral("holds half a surrogate pair, which D-Bus cannot carry"));
+            ++i;
+            size += 4;
+        } else {
+            size += c.unicode() < 0x80 ? 1 : c.unicode() < 0x800 ? 2 : 3;
+        }
+    }
+    return add(size);
+}
+
+bool ParameterCheck::add(qint64 size)
+{
+    m_size += size;
+    return m_size <= MaximumSize || refuse(QStringLiteral("makes the parameters too large for D-Bus"));
+}
+
+bool ParameterCheck::refuse(const QString &problem)
+{
+    m_problem = problem;
+    return false;
+}
+
+struct ToolkitUsers
+{
+    ToolkitUser *first = nullptr;
+
+    ~ToolkitUsers()
+    {
+        // Each takes itself off the list.
+        while (first)
+            delete first; // NOLINT(clang-analyzer-cplusplus.NewDelete)
+    }
+};
+
+QDBusConnection connectToPeer(const QString &name)
+{
+    // A connection of the same name would be handed out again even if the daemon has closed it.
+    if (!QDBusConnection(name).isConnected())
+        QDBusConnection::disconnectFromPeer(name);
+    return QDBusConnection::connectToPeer(Authd::SocketAddress, name);
+}
+
+} // namespace
+
+void ToolkitUser::enlist()
+{
+    // Made after the toolkit's static objects, and so destroyed before them.
+    static ToolkitUsers users;
+    m_next = std::exchange(users.first, this);
+    m_link = &users.first;
+    if (m_next)
+        m_next->m_link = &m_next;
+}
+
+ToolkitUser::~ToolkitUser()
+{
+    if (m_link)
+        *m_link = m_next;
+    if (m_next)
+        m_next->m_link = m_link;
+}
+
+PendingCallWatcher::PendingCallWatcher(const QDBusConnection &bus, const QDBusPendingCall &call, QObject *parent)
+    : ConnectionReference{bus}
+    , QDBusPendingCallWatcher(call, parent)
+{
+    enlist();
+}
+
+AuthdConnection::AuthdConnection(QObject *parent, const QString &connectionName)
+    : QObject(parent)
+    , name(connectionName)
+    , connection(connectToPeer(name))
+    , authInterface(Authd::Service, Authd::Path, Authd::Interface, connection)
+    , settingsInterface(Authd::Service, Authd::SettingsPath, Authd::SettingsInterface, connection)
+{
+    // The interfaces come first: the requests they make are what exposes a peer that accepts and closes.
+    if (!connection.isConnected()) {
+        qCritical() << "Cannot connect to" << Authd::SocketAddress << connection.name()
+                    << connection.lastError().message();
+        // The end of the process may destroy the parent, which must not find a half-made child.
+        setParent(nullptr);
+        std::exit(1);
+    }
+    qDebug() << "AuthdConnection" << name << "connected to" << connection.name();
+    enlist();
+}
+
+AuthdConnection::~AuthdConnection()
+{
+    QDBusConnection::disconnectFromPeer(name);
+    qDebug() << "~AuthdConnection" << name << "disconnected from" << connection.name();
+}
+
+QString AuthdConnection::unsendableReason(const QVariantMap &parameters) const
+{
+    ParameterCheck check(connection.connectionCapabilities() & QDBusConnection::UnixFileDescriptorPassing);
+    return check.map(parameters, 0) ? QString() : check.reason();
+}
+
+AuthChallengeHolder::AuthChallengeHolder(QObject *parent, const QString &name)
+    : QObject(parent)
+    , connection(new AuthdConnection(this, name))
+    , watcher(Authd::Service, QDBusConnection::systemBus(),
+              QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration)
+{
+    connect(
+        &watcher, &QDBusServiceWatcher::serviceOwnerChanged, &watcher,
+        [this, name](const QString &, const QString &, const QString &newOwner) {
+            qDebug() << "authd reset" << newOwner << "captured" << name;
+            if (newOwner.isEmpty()) {
+                connection->challengeWasHeld = !challenge.isEmpty();
+                emit disconnected();
+                return;
+            }
+            const bool challengeWasHeld = connection->challengeWasHeld;
+            // The old connection has to go before its name can be used again.
+            delete connection;
+            connection = new AuthdConnection(this, name);
+            emit conected();
+            if (challengeWasHeld)
+                request();
+        },
+        Qt::DirectConnection);
+}
+
+AuthChallengeHolder::~AuthChallengeHolder()
+{
+    // The connection refers to a name that the watcher's handler holds.
+    delete connection;
+}
+
+void AuthChallengeHolder::request()
+{
+    const QDBusReply<QByteArray> reply = connection->authInterface.call(QDBus::Block, Authd::Method::RequestChallenge);
+    if (!reply.isValid()) {
+        qWarning() << "request failed:" << reply.error().message();
+        challenge.clear();
+        return;
+    }
+    challenge = reply.value();
+}
+
+QByteArray AuthChallengeHolder::get()
+{
+    if (challenge.isEmpty())
+        request();
+    return challenge;
+}

@@ -1,0 +1,101 @@
+#include "auth-devlock-client.h"
+
+#include "auth-connection.h"
+#include "auth-devlock-client_p.h"
+#include "authd/options.h"
+
+#include <QtCore/QDebug>
+#include <QtDBus/QDBusError>
+#include <QtDBus/QDBusPendingReply>
+
+#include <cstdlib>
+
+AuthDevlockClient::AuthDevlockClient(QObject *parent)
+    : QObject(parent)
+    , d(new AuthDevlockClientPrivate(this))
+{
+}
+
+AuthDevlockClient::~AuthDevlockClient() = default;
+
+bool AuthDevlockClient::enabled() const
+{
+    return d->enabled;
+}
+
+AuthDevlockClient::LockState AuthDevlockClient::state() const
+{
+    return LockState(d->state);
+}
+
+void AuthDevlockClient::setState(LockState state)
+{
+    d->setStateInternal(state);
+}
+
+AuthDevlockClientPrivate::AuthDevlockClientPrivate(AuthDevlockClient *publicObject)
+    : connection(QDBusConnection::systemBus())
+    , devlockInterface(Authd::Service, Authd::DevlockPath, Authd::DevlockInterface, connection)
+    , watcher(Authd::Service, connection,
+              QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration)
+    , q(publicObject)
+{
+    setupConnection();
+    getState();
+    qDebug() << "AuthDevlockClientPrivate Connected to" << Authd::Service;
+}
+
+void AuthDevlockClientPrivate::setupConnection()
+{
+    if (!connection.isConnected()) {
+        qCritical() << "Cannot connect to" << Authd::Service << connection.lastError().message();
+        std::exit(1);
+    }
+
+    Authd::connectToDevicelockSignal(this, connection, Authd::Signal::StateChanged, SLOT(handleStateChanged(int)));
+    if (!connect(&watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
+                 &AuthDevlockClientPrivate::handleOwnerChanged)) {
+        qWarning() << "Failed to connect to 'serviceOwnerChanged' signal" << connection.name()
+                   << connection.lastError().message();
+    }
+}
+
+void AuthDevlockClientPrivate::getState()
+{
+    auto *call = new PendingCallWatcher(connection, devlockInterface.asyncCall(Authd::Method::GetState), this);
+    // The toolkit delivers an answer that came before its watcher was made behind the signals that came after it.
+    const bool mayBeOvertaken = call->isFinished();
+    connect(call, &QDBusPendingCallWatcher::finished, this, [this, mayBeOvertaken](QDBusPendingCallWatcher *finished) {
+        finished->deleteLater();
+        const QDBusPendingReply<int> reply = *finished;
+        if (reply.isError()) {
+            qWarning() << "failed:" << reply.error().message();
+            handleStateChanged(AuthDevlockClient::Undefined);
+            return;
+        }
+        if (mayBeOvertaken && state != AuthDevlockClient::Undefined)
+            return;
+        handleStateChanged(reply.value());
+    });
+}
+
+void AuthDevlockClientPrivate::handleStateChanged(int newState)
+{
+    if (newState == state)
+        return;
+
+    qDebug() << "handleStateChanged" << AuthDevlockClient::LockState(state) << "->" << newState;
+    state = newState;
+    emit q->stateChanged();
+}
+
+void AuthDevlockClientPrivate::handleOwnerChanged(const QString &, const QString &, const QString &newOwner)
+{
+    if (newOwner.isEmpty())
+        handleStateChanged(AuthDevlockClient::Undefined);
+}
+
+void AuthDevlockClientPrivate::setStateInternal(AuthDevlockClient::LockState newState)
+{
+    devlockInterface.call(QDBus::Block, Authd::Method::SetState, int(newState));
+}
