@@ -1,0 +1,227 @@
+#include "instance.h"
+
+#include <stdexcept>
+#include <unistd.h>
+
+namespace {
+
+const char socketPath[] = "/var/run/authd/authd.socket";
+const char serviceName[] = "vantora.AuthService";
+
+/** A message of the system bus on its way from the bus connection's thread to the main loop. */
+struct Arrival
+{
+    std::weak_ptr<Instance> instance;
+    Message message;
+};
+
+/** Ids are never used again, so that one id is one connection in the life of the program. */
+int nextPeer()
+{
+    static int last = 0;
+    return ++last;
+}
+
+}
+
+Instance::Instance(int number, Handlers handlers)
+    : m_number(number)
+    , m_handlers(std::move(handlers))
+{
+}
+
+Instance::~Instance()
+{
+    close();
+}
+
+void Instance::listen(Accept accept)
+{
+    if (accept == Accept::Refuse)
+        m_listener.reset();
+    else if (!m_listener)
+        m_listener = std::make_unique<Listener>(socketPath, 0666, [this](int fd) { this->accept(fd); });
+    m_accept = accept;
+    m_hasSocket = true;
+}
+
+void Instance::yieldSocket()
+{
+    m_listener.reset();
+    m_hasSocket = false;
+}
+
+bool Instance::connectToSystemBus()
+{
+    g_autoptr(GError) error = nullptr;
+    g_autofree char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    if (address) {
+        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
+                                                             | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+        m_bus = g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, &error);
+    }
+    if (!m_bus) {
+        g_printerr("authd-standin: no system bus, serving the socket alone: %s\n", error->message);
+        return false;
+    }
+    const auto destroy = [](gpointer self) { delete static_cast<std::weak_ptr<Instance> *>(self); };
+    g_dbus_connection_add_filter(m_bus, filter, new std::weak_ptr<Instance>(weak_from_this()), destroy);
+    g_signal_connect(m_bus, "closed", G_CALLBACK(onBusClosed), this);
+    return true;
+}
+
+void Instance::ownName()
+{
+    constexpr uint32_t allowReplacement = 1;
+    constexpr uint32_t replaceExisting = 2;
+    constexpr uint32_t doNotQueue = 4;
+    constexpr uint32_t primaryOwner = 1;
+    constexpr uint32_t alreadyOwner = 4;
+    const uint32_t result =
+        callBus("RequestName", g_variant_new("(su)", serviceName, allowReplacement | replaceExisting | doNotQueue));
+    if (result != primaryOwner && result != alreadyOwner)
+        throw std::runtime_error(std::string("another program owns ") + serviceName + " on the system bus");
+    m_ownsName = true;
+}
+
+void Instance::releaseName()
+{
+    callBus("ReleaseName", g_variant_new("(s)", serviceName));
+    m_ownsName = false;
+}
+
+std::string Instance::owner() const
+{
+    return m_bus && m_ownsName ? g_dbus_connection_get_unique_name(m_bus) : "";
+}
+
+std::vector<int> Instance::peers() const
+{
+    std::vector<int> ids;
+    for (const auto &[id, peer] : m_peers) {
+        if (peer->isConnected())
+            ids.push_back(id);
+    }
+    return ids;
+}
+
+bool Instance::hasPeer(int peer) const
+{
+    return m_peers.count(peer) != 0;
+}
+
+void Instance::dropPeer(int id)
+{
+    const auto found = m_peers.find(id);
+    if (found == m_peers.end())
+        return;
+    const std::shared_ptr<Peer> peer = found->second;
+    m_peers.erase(found);
+    peer->close();
+    // It may be its own message that ends it.
+    after(0, [peer] {});
+    m_handlers.onPeerClosed(id);
+}
+
+void Instance::dropPeers()
+{
+    while (!m_peers.empty())
+        dropPeer(m_peers.begin()->first);
+    for (const int fd : m_mutes)
+        ::close(fd);
+    m_mutes.clear();
+}
+
+void Instance::close()
+{
+    if (m_hasSocket)
+        unlink(socketPath);
+    yieldSocket();
+    dropPeers();
+    closeBus();
+}
+
+void Instance::send(int id, const Message &message)
+{
+    if (id != 0) {
+        const auto peer = m_peers.find(id);
+        if (peer != m_peers.end())
+            peer->second->send(message.get());
+    } else if (m_bus) {
+        g_dbus_connection_send_message(m_bus, message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+    }
+}
+
+void Instance::flush()
+{
+    if (m_bus)
+        g_dbus_connection_flush_sync(m_bus, nullptr, nullptr);
+}
+
+void Instance::accept(int fd)
+{
+    if (m_accept == Accept::Close) {
+        ::close(fd);
+    } else if (m_accept == Accept::Mute) {
+        m_mutes.push_back(fd);
+    } else {
+        const int id = nextPeer();
+        m_peers[id] = std::make_shared<Peer>(
+            fd, [this, id](const Message &message) { m_handlers.onMessage(*this, id, message); },
+            [this, id] { dropPeer(id); });
+    }
+}
+
+/** Called in the bus connection's thread; the daemon's work is done on the main loop, in the order of arrival. */
+GDBusMessage *Instance::filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self)
+{
+    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL)
+        return message;
+
+    const auto deliver = [](gpointer data) -> gboolean {
+        const auto *arrival = static_cast<Arrival *>(data);
+        const std::shared_ptr<Instance> instance = arrival->instance.lock();
+        if (instance && instance->m_bus)
+            instance->m_handlers.onMessage(*instance, 0, arrival->message);
+        return G_SOURCE_REMOVE;
+    };
+    const auto destroy = [](gpointer data) { delete static_cast<Arrival *>(data); };
+    g_idle_add_full(G_PRIORITY_DEFAULT, deliver, new Arrival{*static_cast<std::weak_ptr<Instance> *>(self), adopt(message)},
+                    destroy);
+    return nullptr;
+}
+
+void Instance::onBusClosed(GDBusConnection *, gboolean, GError *, gpointer self)
+{
+    g_printerr("authd-standin: the system bus is gone, serving the socket alone\n");
+    static_cast<Instance *>(self)->closeBus();
+}
+
+void Instance::closeBus()
+{
+    if (!m_bus)
+        return;
+    g_signal_handlers_disconnect_by_data(m_bus, this);
+    flush();
+    g_dbus_connection_close_sync(m_bus, nullptr, nullptr);
+    g_clear_object(&m_bus);
+    m_ownsName = false;
+}
+
+uint32_t Instance::callBus(const char *method, GVariant *arguments)
+{
+    const Variant held = hold(arguments);
+    if (!m_bus)
+        throw std::runtime_error("there is no system bus");
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                            "org.freedesktop.DBus", method, arguments,
+                                                            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+                                                            &error);
+    if (!reply)
+        throw std::runtime_error(std::string("the system bus refuses ") + method + " for " + serviceName + ": "
+                                 + error->message);
+    uint32_t result = 0;
+    g_variant_get(reply, "(u)", &result);
+    return result;
+}

@@ -1,0 +1,150 @@
+#include "json.h"
+
+#include <algorithm>
+
+Json parseJson(const std::string &text)
+{
+    const gchar *end = nullptr;
+    if (!g_utf8_validate(text.c_str(), static_cast<gssize>(text.size()), &end)) {
+        const auto offset = static_cast<size_t>(end - text.c_str());
+        const size_t lineStart = offset == 0 ? 0 : text.rfind('\n', offset - 1) + 1;
+        const auto line = std::count(text.begin(), text.begin() + (end - text.c_str()), '\n') + 1;
+        throw JsonError(std::to_string(line) + ":" + std::to_string(offset - lineStart + 1) + ": expected UTF-8");
+    }
+    g_autoptr(JsonParser) parser = json_parser_new_immutable();
+    g_autoptr(GError) error = nullptr;
+    if (!json_parser_load_from_data(parser, text.c_str(), static_cast<gssize>(text.size()), &error)) {
+        // The message begins with line and column, after a file name that is none.
+        const std::string message = error->message;
+        const std::string noName = "<data>:";
+        throw JsonError(message.compare(0, noName.size(), noName) == 0 ? message.substr(noName.size()) : message);
+    }
+    JsonNode *root = json_parser_get_root(parser);
+    if (!root)
+        throw JsonError("1:1: expected a JSON object");
+    return Json(json_node_ref(root), json_node_unref);
+}
+
+std::string printedJson(JsonObject *object)
+{
+    g_autoptr(JsonNode) node = json_node_init_object(json_node_alloc(), object);
+    g_autofree char *text = json_to_string(node, FALSE);
+    return text;
+}
+
+void failJson(const std::string &path, const std::string &message)
+{
+    throw JsonError(path.empty() ? message : path + ": " + message);
+}
+
+JsonMembers::JsonMembers(const Json &node, const std::string &path)
+    : m_node(node)
+    , m_path(path)
+{
+    if (!JSON_NODE_HOLDS_OBJECT(node.get()))
+        failJson(path, "expected a JSON object");
+}
+
+std::optional<int64_t> JsonMembers::integer(const char *name, int64_t least, int64_t most)
+{
+    const Json value = node(name);
+    if (!value)
+        return std::nullopt;
+    if (json_node_get_value_type(value.get()) == G_TYPE_INT64) {
+        const int64_t number = json_node_get_int(value.get());
+        if (number >= least && number <= most)
+            return number;
+    }
+    failJson(pathOf(name), "expected a whole number from " + std::to_string(least) + " to " + std::to_string(most));
+}
+
+std::optional<double> JsonMembers::number(const char *name)
+{
+    const Json value = node(name);
+    if (!value)
+        return std::nullopt;
+    const GType type = json_node_get_value_type(value.get());
+    if (type == G_TYPE_INT64 || type == G_TYPE_DOUBLE) {
+        const double number = json_node_get_double(value.get());
+        if (number >= 0 && number <= 1e6)
+            return number;
+    }
+    failJson(pathOf(name), "expected a number from 0 to 1000000");
+}
+
+std::optional<bool> JsonMembers::boolean(const char *name)
+{
+    const Json value = node(name);
+    if (!value)
+        return std::nullopt;
+    if (json_node_get_value_type(value.get()) != G_TYPE_BOOLEAN)
+        failJson(pathOf(name), "expected true or false");
+    return json_node_get_boolean(value.get());
+}
+
+std::optional<std::string> JsonMembers::text(const char *name)
+{
+    const Json value = node(name);
+    if (!value)
+        return std::nullopt;
+    if (json_node_get_value_type(value.get()) != G_TYPE_STRING)
+        failJson(pathOf(name), "expected a text");
+    return json_node_get_string(value.get());
+}
+
+std::optional<size_t> JsonMembers::choice(const char *name, const std::vector<std::string> &choices)
+{
+    const std::optional<std::string> value = text(name);
+    if (!value)
+        return std::nullopt;
+    const auto found = std::find(choices.begin(), choices.end(), *value);
+    if (found != choices.end())
+        return static_cast<size_t>(found - choices.begin());
+    std::string message = "expected one of";
+    for (const std::string &choice : choices)
+        message += (choice == choices.front() ? " \"" : ", \"") + choice + "\"";
+    failJson(pathOf(name), message);
+}
+
+std::optional<std::vector<Json>> JsonMembers::array(const char *name)
+{
+    const Json value = node(name);
+    if (!value)
+        return std::nullopt;
+    if (!JSON_NODE_HOLDS_ARRAY(value.get()))
+        failJson(pathOf(name), "expected a list");
+    JsonArray *array = json_node_get_array(value.get());
+    std::vector<Json> elements;
+    for (guint i = 0; i < json_array_get_length(array); ++i)
+        elements.emplace_back(json_node_ref(json_array_get_element(array, i)), json_node_unref);
+    return elements;
+}
+
+Json JsonMembers::node(const char *name)
+{
+    m_asked.insert(name);
+    JsonNode *member = json_object_get_member(json_node_get_object(m_node.get()), name);
+    return member ? Json(json_node_ref(member), json_node_unref) : nullptr;
+}
+
+std::vector<std::string> JsonMembers::names() const
+{
+    g_autoptr(GList) members = json_object_get_members(json_node_get_object(m_node.get()));
+    std::vector<std::string> names;
+    for (const GList *member = members; member; member = member->next)
+        names.emplace_back(static_cast<const char *>(member->data));
+    return names;
+}
+
+std::string JsonMembers::pathOf(const std::string &name) const
+{
+    return m_path.empty() ? name : m_path + "." + name;
+}
+
+void JsonMembers::done() const
+{
+    for (const std::string &name : names()) {
+        if (!m_asked.count(name))
+            failJson(pathOf(name), "unknown member");
+    }
+}

@@ -1,0 +1,162 @@
+#include "stream.h"
+
+#include <cerrno>
+#include <glib-unix.h>
+#include <glib/gstdio.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+sockaddr_un addressOf(const std::string &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path))
+        throw std::runtime_error(path + ": the path is too long for a socket");
+    path.copy(address.sun_path, path.size());
+    return address;
+}
+
+int newSocket()
+{
+    return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+}
+
+}
+
+std::shared_ptr<Stream> Stream::create(int fd, InputHandler onInput, CloseHandler onClosed, int priority)
+{
+    return std::shared_ptr<Stream>(new Stream(fd, std::move(onInput), std::move(onClosed), priority));
+}
+
+Stream::Stream(int fd, InputHandler onInput, CloseHandler onClosed, int priority)
+    : m_fd(fd)
+    , m_readSource(g_unix_fd_add_full(priority, fd, G_IO_IN, onReadable, this, nullptr))
+    , m_onInput(std::move(onInput))
+    , m_onClosed(std::move(onClosed))
+{
+}
+
+Stream::~Stream()
+{
+    close();
+}
+
+void Stream::write(const char *data, size_t size)
+{
+    if (!isOpen())
+        return;
+    m_output.append(data, size);
+    if (!m_writeSource && !writePending())
+        m_writeSource = g_unix_fd_add(m_fd, G_IO_OUT, onWritable, this);
+}
+
+void Stream::close()
+{
+    if (!isOpen())
+        return;
+    g_source_remove(m_readSource);
+    if (m_writeSource)
+        g_source_remove(m_writeSource);
+    ::close(m_fd);
+    m_fd = -1;
+}
+
+gboolean Stream::onReadable(int, GIOCondition, gpointer self)
+{
+    // A handler may let go of the stream.
+    const std::shared_ptr<Stream> stream = static_cast<Stream *>(self)->shared_from_this();
+    stream->read();
+    return G_SOURCE_CONTINUE;
+}
+
+gboolean Stream::onWritable(int, GIOCondition, gpointer self)
+{
+    auto *stream = static_cast<Stream *>(self);
+    if (!stream->writePending())
+        return G_SOURCE_CONTINUE;
+    stream->m_writeSource = 0;
+    return G_SOURCE_REMOVE;
+}
+
+void Stream::read()
+{
+    char buffer[65536];
+    const ssize_t size = recv(m_fd, buffer, sizeof buffer, 0);
+    if (size > 0) {
+        m_input.append(buffer, static_cast<size_t>(size));
+        m_onInput(m_input);
+    } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
+        close();
+        m_onClosed();
+    }
+}
+
+/** Returns false when the socket is full. A broken connection is left to read(), which hears of it too. */
+bool Stream::writePending()
+{
+    size_t done = 0;
+    while (done < m_output.size()) {
+        const ssize_t size = send(m_fd, m_output.data() + done, m_output.size() - done, MSG_NOSIGNAL);
+        if (size >= 0) {
+            done += static_cast<size_t>(size);
+        } else if (errno == EAGAIN) {
+            m_output.erase(0, done);
+            return false;
+        } else if (errno != EINTR) {
+            break;
+        }
+    }
+    m_output.clear();
+    return true;
+}
+
+Listener::Listener(const std::string &path, mode_t mode, AcceptHandler onAccept)
+    : m_fd(newSocket())
+    , m_onAccept(std::move(onAccept))
+{
+    g_autofree char *directory = g_path_get_dirname(path.c_str());
+    const std::string newPath = path + ".new";
+    try {
+        const sockaddr_un address = addressOf(newPath);
+        g_unlink(newPath.c_str());
+        if (m_fd < 0 || g_mkdir_with_parents(directory, 0755) != 0
+            || bind(m_fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0
+            || g_chmod(newPath.c_str(), mode) != 0 || ::listen(m_fd, SOMAXCONN) != 0
+            || g_rename(newPath.c_str(), path.c_str()) != 0)
+            throw std::runtime_error("cannot listen on " + path + ": " + g_strerror(errno));
+    } catch (...) {
+        ::close(m_fd);
+        throw;
+    }
+    m_source = g_unix_fd_add(m_fd, G_IO_IN, onConnection, this);
+}
+
+Listener::~Listener()
+{
+    g_source_remove(m_source);
+    ::close(m_fd);
+}
+
+bool Listener::isAlive(const std::string &path)
+{
+    const sockaddr_un address = addressOf(path);
+    const int fd = newSocket();
+    // EAGAIN: somebody listens, who is slow to accept.
+    const bool alive =
+        connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
+    ::close(fd);
+    return alive;
+}
+
+gboolean Listener::onConnection(int listeningFd, GIOCondition, gpointer self)
+{
+    const int fd = accept4(listeningFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0)
+        static_cast<Listener *>(self)->m_onAccept(fd);
+    return G_SOURCE_CONTINUE;
+}

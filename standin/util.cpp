@@ -1,0 +1,65 @@
+#include "util.h"
+
+#include <stdexcept>
+#include <sys/random.h>
+
+Message adopt(GDBusMessage *message)
+{
+    return Message(message, g_object_unref);
+}
+
+Variant hold(GVariant *value)
+{
+    return Variant(g_variant_ref_sink(value), g_variant_unref);
+}
+
+Variant parseTuple(const std::string &text)
+{
+    g_autoptr(GError) error = nullptr;
+    GVariant *value = g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, &error);
+    if (!value)
+        throw std::invalid_argument("expected a tuple in GVariant text format (" + std::string(error->message) + ")");
+    // The parser gives a full reference, unlike the constructors.
+    Variant result(value, g_variant_unref);
+    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_TUPLE))
+        throw std::invalid_argument("expected a tuple in GVariant text format, such as \"(true,)\"");
+    return result;
+}
+
+Variant tuple(GVariant *value)
+{
+    return hold(g_variant_new_tuple(&value, 1));
+}
+
+std::string printed(GVariant *value)
+{
+    g_autofree char *text = g_variant_print(value, TRUE);
+    return text;
+}
+
+std::string randomBytes(size_t size)
+{
+    std::string bytes(size, '\0');
+    if (getrandom(bytes.data(), size, 0) != static_cast<ssize_t>(size))
+        g_error("getrandom: %s", g_strerror(errno));
+    // The text format writes an array that ends in a zero byte as a string, which would be a rare surprise in the call log.
+    if (bytes.back() == '\0')
+        bytes.back() = '\1';
+    return bytes;
+}
+
+GVariant *byteArray(const std::string &bytes)
+{
+    return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
+}
+
+guint after(unsigned milliseconds, std::function<void()> function)
+{
+    const auto call = [](gpointer data) -> gboolean {
+        (*static_cast<std::function<void()> *>(data))();
+        return G_SOURCE_REMOVE;
+    };
+    const auto destroy = [](gpointer data) { delete static_cast<std::function<void()> *>(data); };
+    return g_timeout_add_full(G_PRIORITY_DEFAULT, milliseconds, call, new std::function<void()>(std::move(function)),
+                              destroy);
+}
