@@ -45,7 +45,7 @@ std::optional<int> readId(JsonMembers &members, const char *name)
     return id ? std::optional<int>(static_cast<int>(*id)) : std::nullopt;
 }
 
-}
+} // namespace
 
 Control::Control(const std::string &path, Service &service, std::function<void()> quit)
     : m_service(service)

@@ -51,7 +51,7 @@ private:
     GDataInputStream *m_answers = nullptr;
 };
 
-}
+} // namespace
 
 int runCtl(const std::string &controlPath, const std::vector<std::string> &requests)
 {

@@ -6,4 +6,4 @@ extern const char mainXml[];
 extern const char settingsXml[];
 extern const char devlockXml[];
 extern const char scenario[];
-}
+} // namespace Embedded

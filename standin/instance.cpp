@@ -22,7 +22,7 @@ int nextPeer()
     return ++last;
 }
 
-}
+} // namespace
 
 Instance::Instance(int number, Handlers handlers)
     : m_number(number)
@@ -179,15 +179,15 @@ GDBusMessage *Instance::filter(GDBusConnection *, GDBusMessage *message, gboolea
         return message;
 
     const auto deliver = [](gpointer data) -> gboolean {
-        const auto *arrival = static_cast<Arrival *>(data);
-        const std::shared_ptr<Instance> instance = arrival->instance.lock();
+        const auto *arrived = static_cast<Arrival *>(data);
+        const std::shared_ptr<Instance> instance = arrived->instance.lock();
         if (instance && instance->m_bus)
-            instance->m_handlers.onMessage(*instance, 0, arrival->message);
+            instance->m_handlers.onMessage(*instance, 0, arrived->message);
         return G_SOURCE_REMOVE;
     };
     const auto destroy = [](gpointer data) { delete static_cast<Arrival *>(data); };
-    g_idle_add_full(G_PRIORITY_DEFAULT, deliver, new Arrival{*static_cast<std::weak_ptr<Instance> *>(self), adopt(message)},
-                    destroy);
+    auto *arrival = new Arrival{*static_cast<std::weak_ptr<Instance> *>(self), adopt(message)};
+    g_idle_add_full(G_PRIORITY_DEFAULT, deliver, arrival, destroy);
     return nullptr;
 }
 
@@ -214,10 +214,9 @@ uint32_t Instance::callBus(const char *method, GVariant *arguments)
     if (!m_bus)
         throw std::runtime_error("there is no system bus");
     g_autoptr(GError) error = nullptr;
-    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                            "org.freedesktop.DBus", method, arguments,
-                                                            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
-                                                            &error);
+    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+        m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments,
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
     if (!reply)
         throw std::runtime_error(std::string("the system bus refuses ") + method + " for " + serviceName + ": "
                                  + error->message);

@@ -15,8 +15,8 @@
 /** How new connections to the daemon's socket are met. */
 enum class Accept {
     Normal,
-    Mute, ///< accepted and never answered
-    Close, ///< accepted and closed
+    Mute,   ///< accepted and never answered
+    Close,  ///< accepted and closed
     Refuse, ///< nobody listens
 };
 

@@ -49,8 +49,7 @@ public:
     std::string pathOf(const std::string &name) const;
     void done() const;
 
-    template<typename T>
-    T required(const char *name, std::optional<T> value) const
+    template <typename T> T required(const char *name, std::optional<T> value) const
     {
         if (!value)
             failJson(pathOf(name), "missing");

@@ -97,8 +97,9 @@ Options readOptions(std::vector<std::string> words, const std::set<std::string> 
         if (value.empty())
             throw UsageError(name + " wants a value");
         guint64 number = 0;
+        const guint64 most = name == "--uid" ? UINT32_MAX : INT32_MAX;
         if ((name == "--ready-fd" || name == "--uid")
-            && !g_ascii_string_to_unsigned(value.c_str(), 10, 0, name == "--uid" ? UINT32_MAX : INT32_MAX, &number, nullptr))
+            && !g_ascii_string_to_unsigned(value.c_str(), 10, 0, most, &number, nullptr))
             throw UsageError(name + " wants a number");
         if (name == "--scenario")
             options.scenario = value;
@@ -214,7 +215,7 @@ int run(const std::vector<std::string> &words)
                                                                  : "unknown command " + command);
 }
 
-}
+} // namespace
 
 int main(int argc, char *argv[])
 {

@@ -16,14 +16,13 @@ Object object(Bus bus, const char *xml)
     return {bus, node->path, xml, {g_dbus_interface_info_ref(node->interfaces[0]), g_dbus_interface_info_unref}};
 }
 
-template<typename Predicate>
-const Object *find(Predicate predicate)
+template <typename Predicate> const Object *find(Predicate predicate)
 {
     const auto found = std::find_if(objects().begin(), objects().end(), predicate);
     return found == objects().end() ? nullptr : &*found;
 }
 
-}
+} // namespace
 
 const char *nameOf(Bus bus)
 {

@@ -12,7 +12,7 @@ std::string guid()
     return text;
 }
 
-}
+} // namespace
 
 Peer::Peer(int fd, MessageHandler onMessage, CloseHandler onClosed)
     : m_onMessage(std::move(onMessage))
@@ -69,8 +69,8 @@ bool Peer::handshake(std::string &input)
 }
 
 /**
- * Whom the socket's permissions let in is let in, whatever identity is claimed. The rest of the exchange is as the clients
- * in use expect it; they may send all of their lines at once.
+ * Whom the socket's permissions let in is let in, whatever identity is claimed. The rest of the exchange is as the
+ * clients in use expect it; they may send all of their lines at once.
  */
 void Peer::handshakeLine(const std::string &line)
 {
@@ -102,7 +102,8 @@ void Peer::readMessages(std::string &input)
             break;
         GDBusMessage *message = nullptr;
         if (size > 0)
-            message = g_dbus_message_new_from_blob(blob, static_cast<gsize>(size), G_DBUS_CAPABILITY_FLAGS_NONE, &error);
+            message =
+                g_dbus_message_new_from_blob(blob, static_cast<gsize>(size), G_DBUS_CAPABILITY_FLAGS_NONE, &error);
         if (!message) {
             g_printerr("authd-standin: a client sent no D-Bus message: %s\n", error->message);
             m_stream->close();

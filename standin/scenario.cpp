@@ -28,7 +28,8 @@ std::map<std::string, Scenario::Factor> readFactors(const std::vector<Json> &lis
         JsonMembers members(list[i], element("factors", i));
         const std::string name = members.required("name", members.text("name"));
         Scenario::Factor factor = {};
-        factor.behaviour = static_cast<Scenario::Factor::Behaviour>(members.choice("behaviour", behaviours).value_or(0));
+        factor.behaviour =
+            static_cast<Scenario::Factor::Behaviour>(members.choice("behaviour", behaviours).value_or(0));
         if (factor.behaviour == Scenario::Factor::Slow)
             factor.delay = static_cast<unsigned>(members.required("delay", members.integer("delay", 0, INT32_MAX)));
         factor.secretOf = members.text("same-secret-as").value_or(name);
@@ -106,7 +107,7 @@ void readScenario(const std::string &text, Scenario &scenario)
     members.done();
 }
 
-}
+} // namespace
 
 Scenario Scenario::builtIn()
 {

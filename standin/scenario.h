@@ -22,7 +22,7 @@ struct Scenario
             Slow,
         };
         Behaviour behaviour;
-        unsigned delay; ///< in milliseconds
+        unsigned delay;       ///< in milliseconds
         std::string secretOf; ///< the factor whose secrets it shares; itself as a rule
     };
 

@@ -46,7 +46,7 @@ void append(CallLog &log, LoggedCall call)
     log.calls.push_back(std::move(call));
 }
 
-}
+} // namespace
 
 Service::Service(const Scenario &scenario)
     : m_world(scenario, [this](const Signals &signals) { sendSignals(signals, m_current, 0); })

@@ -17,7 +17,7 @@ struct LoggedCall
     int64_t n;
     int instance;
     Bus bus;
-    int peer; ///< 0 on the system bus
+    int peer;           ///< 0 on the system bus
     std::string sender; ///< empty on a peer connection
     std::string path;
     std::string interface;

@@ -26,7 +26,7 @@ int newSocket()
     return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
-}
+} // namespace
 
 std::shared_ptr<Stream> Stream::create(int fd, InputHandler onInput, CloseHandler onClosed, int priority)
 {

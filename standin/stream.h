@@ -51,8 +51,8 @@ public:
     using AcceptHandler = std::function<void(int fd)>;
 
     /**
-     * Listens on @p path, in place of whatever socket file is there. The file changes hands in one step, so that a client
-     * finds either the old listener or this one. Throws std::runtime_error.
+     * Listens on @p path, in place of whatever socket file is there. The file changes hands in one step, so that a
+     * client finds either the old listener or this one. Throws std::runtime_error.
      */
     Listener(const std::string &path, mode_t mode, AcceptHandler onAccept);
     ~Listener();

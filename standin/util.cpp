@@ -42,7 +42,7 @@ std::string randomBytes(size_t size)
     std::string bytes(size, '\0');
     if (getrandom(bytes.data(), size, 0) != static_cast<ssize_t>(size))
         g_error("getrandom: %s", g_strerror(errno));
-    // The text format writes an array that ends in a zero byte as a string, which would be a rare surprise in the call log.
+    // The text format writes an array that ends in a zero byte as a string, a rare surprise in the call log.
     if (bytes.back() == '\0')
         bytes.back() = '\1';
     return bytes;

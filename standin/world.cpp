@@ -65,7 +65,7 @@ std::string bytesOf(GVariant *byteArrayValue)
     return std::string(bytes, size);
 }
 
-}
+} // namespace
 
 World::World(const Scenario &scenario, std::function<void(const Signals &)> announce)
     : m_scenario(scenario)
@@ -218,7 +218,7 @@ Outcome World::factorMethod(const Caller &, GVariant *arguments)
         return replying(tuple(g_variant_new_variant(g_variant_new_boolean(TRUE))),
                         {{Signal::Everybody, "Factor", hold(g_variant_new("(s@a{sv})", factor, notice))}});
     }
-    return refusing("vantora.AuthService.Error.UnknownMethod", std::string("The factor has no method \"") + type + "\"");
+    return refusing("vantora.AuthService.Error.UnknownMethod", std::string("The factor has no method ") + type);
 }
 
 Outcome World::option(const Caller &, GVariant *)

@@ -29,7 +29,7 @@ struct Outcome
     std::string errorName; ///< empty for a reply
     std::string errorMessage;
     Signals signals;
-    unsigned delay; ///< in milliseconds, until later is called
+    unsigned delay;                 ///< in milliseconds, until later is called
     std::function<Signals()> later; ///< gives the signals that follow after the delay; may be empty
 };
 
@@ -92,5 +92,5 @@ private:
     int64_t m_failures = 0;
     guint m_lockoutTimer = 0;
     std::map<int, std::string> m_challenges; ///< by peer
-    std::map<std::string, int> m_tokens; ///< the instance that has handed out each
+    std::map<std::string, int> m_tokens;     ///< the instance that has handed out each
 };
