@@ -1,0 +1,53 @@
+#include "console.h"
+#include "secret-input.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <cstdio>
+
+namespace {
+
+Output *messages = nullptr;
+bool verbose = false;
+
+void showMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
+{
+    if (verbose || type == QtWarningMsg || type == QtCriticalMsg || type == QtFatalMsg)
+        messages->message(text);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.contains(QStringLiteral("--help")) || arguments.contains(QStringLiteral("-h"))) {
+        fputs(Help, stdout);
+        return Done;
+    }
+    if (arguments.contains(QStringLiteral("--version"))) {
+        puts("authctl " AUTHCTL_VERSION);
+        return Done;
+    }
+
+    QString problem;
+    const auto request = parseRequest(arguments, nullptr, problem);
+    Output output(request && request->json);
+    if (!request) {
+        output.message(problem + QStringLiteral(" (see authctl --help)"));
+        return WrongUsage;
+    }
+    messages = &output;
+    verbose = request->verbose;
+    qInstallMessageHandler(showMessage);
+
+    const bool watch = request->command == QLatin1String("watch");
+    endOnSignals(watch ? Done : Interrupted);
+    Console console(output);
+    if (watch) {
+        console.printEvents();
+        return QCoreApplication::exec();
+    }
+    return request->command == QLatin1String("session") ? console.runSession(*request) : console.perform(*request);
+}

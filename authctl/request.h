@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QtCore/QStringList>
+#include <QtCore/QVariantMap>
+
+#include <optional>
+
+/** The exit statuses; a session tells them for each of its commands. */
+enum Status {
+    Done = 0,
+    Unreachable = 1, ///< The library ends the process with it.
+    WrongUsage = 2,
+    Refused = 3,
+    NoOutcome = 4,
+    Interrupted = 5,
+};
+
+/** One command with its arguments, as typed on the command line or as a line of a session. */
+struct Request
+{
+    enum class Secret {
+        Terminal,
+        StandardInput,
+        Descriptor
+    };
+
+    QString command;
+    QString service; ///< what to authenticate for
+    QString factor;  ///< what to authenticate with; empty: no authentication is asked for
+    std::optional<uint> uid;
+    Secret secret = Secret::Terminal;
+    int descriptor = -1;
+
+    int state = 0;
+    bool token = false; ///< act with the token held, even if there is none
+    QString calledFactor;
+    QVariantMap params;
+
+    int timeout = 30000; ///< milliseconds
+    bool json = false;
+    bool verbose = false;
+};
+
+/** The help text. */
+extern const char Help[];
+
+/**
+ * Understands a command and its arguments.
+ *
+ * @param words   the program's name followed by its arguments
+ * @param session the session that they are a line of, or nullptr
+ * @param problem set to what is wrong with them when nothing is returned
+ */
+std::optional<Request> parseRequest(const QStringList &words, const Request *session, QString &problem);
