@@ -22,26 +22,43 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * authentication failed, when the device becomes locked, when the daemon leaves the bus, and on dropAuthentication();
  * each of these emits discredit(). It follows a restart of the daemon by itself.
  *
- * All members are to be used from the thread that created the object; signals are emitted there, from its event loop,
- * except where a member says that it emits by itself.
+ * A new client learns the present device-lock state from its event loop. When that is Locked, it emits discredit() once
+ * and clears progress(), like at any other locking. A host that wants to tell this from a failed authentication waits
+ * for AuthDevlockClient::stateChanged() before it calls authenticate() for the first time.
+ *
+ * All objects of this library belong to one and the same thread, usually the main one. Signals are emitted there, from
+ * its event loop, except where a member says that it emits by itself.
+ *
+ * @section restart When the daemon restarts
+ * The loss of the daemon forgets the token. Its return reconnects the client, from the event loop, and fetches a new
+ * challenge if one was held; this blocks for three short requests (for at most 25 seconds each, should the daemon be
+ * mute). When one daemon instance takes over from another without a gap, the client reconnects as well, but keeps the
+ * token, which the new instance may refuse, and progress(): the old instance is no longer heard.
+ *
+ * @section sharing Several clients in one process
+ * Several AuthClient objects share one connection until the daemon restarts for the first time. The daemon answers
+ * connections: until then each hears the tokens, failures and unlock answers meant for the others as well.
  *
  * @section parameters Parameter maps
  * The maps given to authenticate(), changeAuthData(), factorMethod() and factorMethodWait() travel over D-Bus. They may
  * hold booleans, integers of 8 (unsigned), 16, 32 and 64 bits, doubles, strings, byte arrays, string lists, lists and
- * maps of such values, and everything registered with qDBusRegisterMetaType(). An invalid value, a null pointer, a
- * function, an object, any other type, a string with a NUL character or half a surrogate pair, a nesting of more than
- * 20 maps or 30 lists, and a map of more than about 64 MiB cannot be carried: such a call is not sent, and a warning
- * names the path of the offending value and its type. Values are never logged.
+ * maps of such values, and what else the toolkit can marshal, types registered with qDBusRegisterMetaType() included
+ * (what the stream operator of such a type writes is the host's own responsibility). These cannot be carried: an
+ * invalid value (QML's undefined), a null pointer (null), a function, an object, any other type; a string with a NUL
+ * character or half a surrogate pair, which would arrive altered; 20 maps or 30 lists inside each other, fewer when
+ * both alternate; a map of about 63 MiB or more. A call with such a map is not sent. A warning names the path of the
+ * offending value and its type; values are never logged.
  *
  * @section lifetime Deleting a client
  * A client may be deleted at any time, with calls under way, from a callback and from a handler of any of its signals;
  * what was under way ends unheard then. There is one exception: while the daemon's name changes hands (it leaves the
  * bus, or another instance takes over), the signals progressChanged(), authenticatedChanged() and discredit() are
- * emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater() in handlers of these three.
+ * emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater() in handlers of these three. A
+ * client that a static object of the host owns must not be called any more when static objects are destroyed.
  *
  * @note Constructing the object ends the process with exit status 1, after a critical "Cannot connect to" message, when
  *       the system bus is not connected or the daemon's socket cannot be reached. So does the daemon's return to the
- * bus without its socket, at any later time.
+ *       bus without its socket, at any later time.
  */
 class AUTH_CLIENT_EXPORT AuthClient : public QObject
 {
@@ -69,7 +86,7 @@ public:
      *
      * @param parent  the owner, or nullptr
      * @param factory called once, with the object under construction, whose derived part does not exist yet; returns
-     * the private object, which the client owns from then on; never nullptr
+     *                the private object, which the client owns from then on; never nullptr
      */
     AuthClient(QObject *parent, AuthClientPrivate *(*factory)(AuthClient *));
 
@@ -82,15 +99,16 @@ public:
      * Asks the daemon to authenticate a user. Does not wait for the outcome, but fetches the daemon's challenge first
      * when none is held (a blocking call, at most 25 seconds).
      *
-     * Sets progress(). The daemon's outcome follows from the event loop: authenticatedChanged() with the token and
-     * progressChanged(), or progressChanged(), authenticatedChanged() with an empty byte array and discredit(). When
-     * the call itself fails on the bus, a warning is logged and progress() stays set: the outcome is the daemon's to
-     * tell, and a host that does not want to wait for it calls dropAuthentication().
+     * Sets progress(), and emits progressChanged() before it returns. The daemon's outcome follows from the event loop:
+     * authenticatedChanged() with the token and progressChanged(), or progressChanged(), authenticatedChanged() with an
+     * empty byte array and discredit(). When the call itself fails on the bus, a warning is logged and progress() stays
+     * set: the outcome is the daemon's to tell, and a host that does not want to wait for it calls
+     * dropAuthentication(). When @p params cannot be carried, a warning is logged and nothing else happens.
      *
      * @param service what the user authenticates for, such as "login" or "unlock"; passed to the daemon unchecked
      * @param params  what the daemon and its factors want to know (see @ref parameters). The challenge is added under
      *                "challenge" unless the map has that key, in which case the caller's value is sent and none is
-     * fetched
+     *                fetched
      */
     Q_INVOKABLE void authenticate(const QString &service, const QVariantMap &params);
 
@@ -110,8 +128,8 @@ public:
     /**
      * Asks the daemon to unlock the device if its policy allows that without an authentication. Does not block.
      *
-     * unlockIfNeededFinished() follows from the event loop, with the daemon's decision, or with false when the call
-     * failed on the bus.
+     * unlockIfNeededFinished() follows from the event loop, once: with the daemon's decision, or with false when the
+     * call failed on the bus or another daemon instance took over before the decision was heard.
      */
     Q_INVOKABLE void unlockIfNeeded();
 
@@ -126,7 +144,7 @@ public:
      *
      * @param state a number of AuthDevlockClient::LockState; sent as it is
      * @return what the daemon answered; false, after a warning, when no token is held (nothing is sent then) or when
-     * the call failed. Nothing changes here by the call; that the device became locked is heard from the daemon
+     *         the call failed. Nothing changes here by the call; that the device became locked is heard from the daemon
      */
     Q_INVOKABLE bool setLocked(int state);
 
@@ -145,8 +163,8 @@ public:
      * @param params   the method's parameters (see @ref parameters)
      * @param method   the factor whose method is called
      * @param callback called once with the result, from the event loop; with an invalid variant, after a warning, when
-     * the call failed or @p params cannot be carried. Not called when the client is deleted before. Nested structures
-     * arrive as the bus delivered them. May be empty
+     *                 the call failed or @p params cannot be carried. Not called when the client is deleted before.
+     *                 Nested structures arrive as the bus delivered them. May be empty
      */
     void factorMethod(const QVariantMap &params, const QString &method, ValueCallBack callback);
 
@@ -177,7 +195,7 @@ Q_SIGNALS:
     void changeAuthDataFailed();
 
     /**
-     * The answer to unlockIfNeeded().
+     * The answer to unlockIfNeeded(); the daemon may also send it unasked.
      *
      * @param success whether the daemon unlocked the device; false also when it could not be asked
      */

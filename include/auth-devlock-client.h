@@ -19,7 +19,8 @@ class AuthDevlockClientPrivate;
  * leaves the bus, the signal is emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater()
  * there.
  *
- * All members are to be used from the thread that created the object; signals are emitted there, from its event loop.
+ * All objects of this library belong to one and the same thread, usually the main one; signals are emitted there, from
+ * its event loop.
  *
  * @note Constructing the object ends the process with exit status 1, after a critical "Cannot connect to" message, when
  *       the system bus is not connected.

@@ -26,16 +26,18 @@ void unsubscribe(QDBusConnection bus, QObject *receiver, const QString &signal, 
 
 } // namespace
 
+// The parent comes last: should the process end meanwhile, a parent that is a static object must not find a half-made
+// child.
 AuthClient::AuthClient(QObject *parent)
-    : QObject(parent)
-    , d(new AuthClientPrivate(this, Authd::ClientConnectionName))
+    : d(new AuthClientPrivate(this, Authd::ClientConnectionName))
 {
+    setParent(parent);
 }
 
 AuthClient::AuthClient(QObject *parent, AuthClientPrivate *(*factory)(AuthClient *))
-    : QObject(parent)
-    , d(factory(this))
+    : d(factory(this))
 {
+    setParent(parent);
 }
 
 AuthClient::~AuthClient() = default;
@@ -98,6 +100,7 @@ AuthClientPrivate::AuthClientPrivate(AuthClient *publicObject, const QString &co
     , challengeHolder(this, connectionName)
     , q(publicObject)
 {
+    connect(&relay, &SignalRelay::unlockIfNeededFinished, this, &AuthClientPrivate::countUnlockAnswer);
     connect(&relay, &SignalRelay::unlockIfNeededFinished, q, &AuthClient::unlockIfNeededFinished);
     connect(&relay, &SignalRelay::factorSignal, q, &AuthClient::factorSignal);
     setupConnection();
@@ -139,6 +142,7 @@ void AuthClientPrivate::setupConnection()
                                         Authd::FactorSignature, relay, FactorRelay);
         QCoreApplication::removePostedEvents(receiver, QEvent::MetaCall);
         QCoreApplication::removePostedEvents(relay, QEvent::MetaCall);
+        receiver->failUnansweredUnlocks();
     });
 }
 
@@ -205,14 +209,35 @@ void AuthClientPrivate::unlockIfNeeded()
     AuthdConnection *link = challengeHolder.connection;
     auto *watcher =
         new PendingCallWatcher(link->connection, link->authInterface.asyncCall(Authd::Method::UnlockIfNeeded), this);
+    ++m_unansweredUnlocks;
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, link = QPointer(link)](auto *call) {
         call->deleteLater();
         const QDBusPendingReply<> reply = *call;
-        // Once the connection has been replaced, the daemon's signal would not be heard: whatever the reply, the call
-        // has failed.
-        if (reply.isError() || !link)
+        if (reply.isError() && link) {
+            countUnlockAnswer();
             emit q->unlockIfNeededFinished(false);
+        }
     });
+}
+
+void AuthClientPrivate::countUnlockAnswer()
+{
+    // The daemon may answer unasked, or answer another client that shares the connection.
+    m_unansweredUnlocks = qMax(0, m_unansweredUnlocks - 1);
+}
+
+// The daemon that was asked can no longer be heard, whatever it still replies.
+void AuthClientPrivate::failUnansweredUnlocks()
+{
+    const int count = std::exchange(m_unansweredUnlocks, 0);
+    // Later, from the event loop: the connection is just being replaced.
+    QMetaObject::invokeMethod(
+        q,
+        [client = QPointer(q), count] {
+            for (int i = 0; i < count && client; ++i)
+                emit client->unlockIfNeededFinished(false);
+        },
+        Qt::QueuedConnection);
 }
 
 bool AuthClientPrivate::setLocked(int state)

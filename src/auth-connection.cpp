@@ -21,7 +21,10 @@ constexpr int MaximumDepth = 64;
 // An array can have 64 MiB, and the whole map is one; what is left out here is room for the challenge.
 constexpr qint64 MaximumSize = qint64(63) * 1024 * 1024;
 
-// The most that a number, or the signature, length and padding of another value take.
+// The most that a number takes, a structure of the toolkit's own, and the signature, length and padding of another
+// value.
+constexpr qint64 NumberSize = 16;
+constexpr qint64 StructureSize = 48;
 constexpr qint64 ValueSize = 24;
 
 /** Walks a parameter map as the marshaller will, and finds what it would stumble over. */
@@ -41,6 +44,7 @@ private:
     bool compound(const QVariant &value, int depth);
     bool argument(const QDBusArgument &argument, int depth);
     bool list(const QVariantList &values, int depth);
+    bool enter(const QByteArray &signature, int depth);
     bool text(const QString &text);
     bool add(qint64 size);
     bool refuse(const QString &problem);
@@ -100,7 +104,7 @@ bool ParameterCheck::value(const QVariant &value, int depth)
         case QMetaType::LongLong:
         case QMetaType::ULongLong:
         case QMetaType::Double:
-            good = add(ValueSize);
+            good = add(NumberSize);
             break;
         case QMetaType::QString:
             good = text(value.toString());
@@ -125,47 +129,58 @@ bool ParameterCheck::compound(const QVariant &value, int depth)
     if (type == qMetaTypeId<QDBusArgument>())
         return argument(value.value<QDBusArgument>(), depth);
 
-    bool sendable = false;
+    // Empty for a type whose own operator is faulty.
+    const QByteArray signature = type == QMetaType::UnknownType ? nullptr : QDBusMetaType::typeToSignature(type);
+    bool sendable = !signature.isEmpty();
     if (type == qMetaTypeId<QDBusObjectPath>())
         sendable = !value.value<QDBusObjectPath>().path().isEmpty();
     else if (type == qMetaTypeId<QDBusSignature>())
         sendable = !value.value<QDBusSignature>().signature().isEmpty();
     else if (type == qMetaTypeId<QDBusUnixFileDescriptor>())
         sendable = m_canPassDescriptors && value.value<QDBusUnixFileDescriptor>().isValid();
-    else if (type != QMetaType::UnknownType)
-        sendable = QDBusMetaType::typeToSignature(type);
     if (!sendable)
         return refuse(QStringLiteral("cannot be sent over D-Bus"));
 
-    if (!add(ValueSize))
+    if (!enter(signature, depth))
         return false;
+    // Not toMap() and toList(), which give nothing for types that a host has registered.
     if (value.canConvert<QVariantMap>())
-        return map(value.toMap(), depth);
+        return map(value.value<QVariantMap>(), depth);
     if (value.canConvert<QVariantList>())
-        return list(value.toList(), type == QMetaType::QVariantList ? depth + 2 : depth + 1);
+        return list(value.value<QVariantList>(), type == QMetaType::QVariantList ? depth + 2 : depth + 1);
     return true;
 }
 
 // A structure that the bus delivered, and that nobody decoded, can be sent back.
 bool ParameterCheck::argument(const QDBusArgument &argument, int depth)
 {
-    const QString signature = argument.currentSignature();
+    const QByteArray signature = argument.currentSignature().toLatin1();
     const QDBusArgument::ElementType type = argument.currentType();
     // Empty, read to its end, or still being written.
     if (type == QDBusArgument::UnknownType)
         return refuse(QStringLiteral("cannot be sent over D-Bus"));
-    if (type == QDBusArgument::BasicType || type == QDBusArgument::VariantType || signature == QLatin1String("ay")
-        || signature == QLatin1String("as"))
+    if (type == QDBusArgument::BasicType || type == QDBusArgument::VariantType || signature == "ay"
+        || signature == "as")
         return value(argument.asVariant(), depth);
 
+    if (!enter(signature, depth))
+        return false;
+    bool good = true;
     // All containers are entered alike for reading.
     argument.beginStructure();
-    while (!argument.atEnd()) {
-        if (!this->argument(argument, depth + 1))
-            return false;
-    }
+    while (good && !argument.atEnd())
+        good = this->argument(argument, depth + 1);
     argument.endStructure();
-    return true;
+    return good;
+}
+
+// Containers count even if there is nothing in them. Those side by side in a structure are counted as if they were
+// nested: few structures have any.
+bool ParameterCheck::enter(const QByteArray &signature, int depth)
+{
+    if (depth + signature.count('a') + signature.count('(') + signature.count('{') > MaximumDepth)
+        return refuse(QStringLiteral("is nested too deeply for D-Bus"));
+    return add(signature.startsWith('(') ? StructureSize : ValueSize);
 }
 
 // Strings that the bus would shorten or alter are refused like values that it cannot carry: they may be secrets.

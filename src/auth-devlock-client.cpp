@@ -10,10 +10,12 @@
 
 #include <cstdlib>
 
+// The parent comes last: should the process end meanwhile, a parent that is a static object must not find a half-made
+// child.
 AuthDevlockClient::AuthDevlockClient(QObject *parent)
-    : QObject(parent)
-    , d(new AuthDevlockClientPrivate(this))
+    : d(new AuthDevlockClientPrivate(this))
 {
+    setParent(parent);
 }
 
 AuthDevlockClient::~AuthDevlockClient() = default;
@@ -73,7 +75,7 @@ void AuthDevlockClientPrivate::getState()
             handleStateChanged(AuthDevlockClient::Undefined);
             return;
         }
-        if (mayBeOvertaken && state != AuthDevlockClient::Undefined)
+        if (mayBeOvertaken && m_told)
             return;
         handleStateChanged(reply.value());
     });
@@ -81,6 +83,7 @@ void AuthDevlockClientPrivate::getState()
 
 void AuthDevlockClientPrivate::handleStateChanged(int newState)
 {
+    m_told = true;
     if (newState == state)
         return;
 

@@ -28,4 +28,8 @@ public:
 public Q_SLOTS:
     void handleStateChanged(int state);
     void handleOwnerChanged(const QString &serviceName, const QString &oldOwner, const QString &newOwner);
+
+private:
+    /** Whether anything has been heard of the state. */
+    bool m_told = false;
 };

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QtCore/QJsonObject>
+#include <QtCore/QStringList>
+
+/**
+ * Drives the stand-in daemon over its control socket.
+ *
+ * The socket is a plain blocking one, so that a request never turns the event loop under test. A refused request and a
+ * stand-in that does not answer end the test program.
+ */
+class StandIn
+{
+public:
+    StandIn();
+    ~StandIn();
+    Q_DISABLE_COPY(StandIn)
+
+    QJsonObject request(const QByteArray &json);
+
+    /** A new, well-behaved daemon in an unlocked device, with nothing in its call log. */
+    void reset();
+
+    /** A rule for calls of @p method; @p more holds further members, such as "\"times\":1". */
+    void misbehave(const char *method, const char *how, const QByteArray &more = QByteArray());
+    /** Answers calls of @p method with @p value, in GVariant text. */
+    void answer(const char *method, const QByteArray &value);
+    void emitSignal(const char *name, const QByteArray &args, const QByteArray &more = QByteArray());
+
+    /** The calls since the last clearCalls(), as peerCall() and systemCall() write them. */
+    QStringList calls();
+    /** Waits until @p count calls of @p method are in the log; returns these. */
+    QStringList waitCalls(const char *method, int count = 1);
+    void clearCalls();
+
+    /** The daemon instance that logged each call of @p method. */
+    QList<int> instancesOf(const char *method);
+    int peerCount();
+    /** The unique bus name of the present instance. */
+    QString owner();
+
+private:
+    int m_socket = -1;
+    QByteArray m_input;
+};
+
+/** How a call of the main object is written by StandIn::calls(). */
+QString peerCall(const char *method, const char *signature, const QByteArray &args);
+/** How a call of the device-lock object is written by StandIn::calls(). */
+QString systemCall(const char *method, const char *signature, const QByteArray &args);
+/** A byte array in GVariant text. */
+QByteArray bytes(const QByteArray &value);

@@ -1,0 +1,97 @@
+#include "test-case.h"
+
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtDBus/QDBusConnection>
+#include <QtDBus/QDBusMessage>
+
+const QLatin1String drainMark("drain-");
+const QStringList dropSignals = {QStringLiteral("authenticatedChanged()"), QStringLiteral("discredit()")};
+
+bool waitFor(const std::function<bool()> &condition)
+{
+    if (condition())
+        return true;
+
+    QEventLoop loop;
+    QTimer timeout;
+    QObject::connect(&timeout, &QTimer::timeout, &loop, &QEventLoop::quit);
+    timeout.start(30000);
+    QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, &loop, [&] {
+        if (condition())
+            loop.quit();
+    });
+    loop.exec();
+    return condition();
+}
+
+void TestCase::init()
+{
+    log = std::make_unique<LogRecorder>();
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!m_marks && bus.isConnected()) {
+        bus.connect(QString(), "/test"_s, "test.Drain"_s, "Mark"_s, this, SLOT(markHeard(int)));
+        m_marks = 1;
+    }
+    daemon.reset();
+    log->take();
+}
+
+void TestCase::cleanup()
+{
+    const QStringList complaints = log->takeComplaints();
+    const QStringList faults = log->takeFaults();
+    log.reset();
+    QCOMPARE(complaints, QStringList());
+    QCOMPARE(faults, QStringList());
+}
+
+void TestCase::markHeard(int number)
+{
+    m_heard = number;
+}
+
+std::unique_ptr<AuthClient> TestCase::newClient()
+{
+    auto client = std::make_unique<AuthClient>();
+    if (!waitFor([this] { return log->contains("debug handleStateChanged AuthDevlockClient::Undefined -> 0"_s); }))
+        qFatal("The client does not hear the device-lock state");
+    log->take();
+    daemon.clearCalls();
+    return client;
+}
+
+void TestCase::grant(AuthClient *client, const QByteArray &token)
+{
+    daemon.emitSignal("Authenticated", '(' + bytes(token) + ",)");
+    if (!waitFor([client] { return client->authenticated(); }))
+        qFatal("The client does not take a token");
+}
+
+void TestCase::drain(AuthClient *client)
+{
+    const QString mark = drainMark + QString::number(++m_marks);
+    bool heard = false;
+    const auto connection = connect(client, &AuthClient::factorSignal, this,
+                                    [&](const QString &factor) { heard = heard || factor == mark; });
+    daemon.emitSignal("Factor", "('" + mark.toLatin1() + "', @a{sv} {})");
+    if (!waitFor([&heard] { return heard; }))
+        qFatal("The client does not hear the daemon");
+    disconnect(connection);
+    drainSystemBus();
+}
+
+void TestCase::drainSystemBus()
+{
+    const int number = ++m_marks;
+    daemon.emitSignal("Mark", '(' + QByteArray::number(number) + ",)",
+                      R"("bus":"system","path":"/test","interface":"test.Drain")");
+    if (!waitFor([this, number] { return m_heard == number; }))
+        qFatal("The system bus does not carry the daemon's signals");
+}
+
+void TestCase::awaitReconnection()
+{
+    const QString line = R"(debug authd reset "%1" captured "authd_p2p_client")"_s.arg(daemon.owner());
+    if (!waitFor([&] { return log->contains(line); }))
+        qFatal("The client does not notice the new daemon");
+}

@@ -1,0 +1,507 @@
+#include "test-case.h"
+
+#include <QtDBus/QDBusConnection>
+#include <QtDBus/QDBusMessage>
+
+/** The link to the daemon: connections, subscriptions and the challenge, across its restarts. */
+class TestConnection : public TestCase
+{
+    Q_OBJECT
+
+private:
+    QStringList linkLines() const;
+
+private Q_SLOTS:
+    void constructionLogsInOrder();
+    void constructionAsksForTheStateAlone();
+    void constructionIntrospectsEachInterfaceOnce();
+    void constructionOpensOneConnection();
+    void constructionIsSilent();
+    void destructionLogs();
+    void destructionClosesTheConnection();
+    void secondClientSharesTheConnection();
+    void destructorDisconnectsByNameThoughAnotherUsesIt();
+    void everySignalIsSubscribed();
+    void signalsFromAnySenderAreAccepted();
+    void signalsOfOtherPathsAndInterfacesAreIgnored();
+    void signalsOfOtherSignaturesAreIgnored_data();
+    void signalsOfOtherSignaturesAreIgnored();
+
+    void firstGetRequestsOneChallengeAndTheSecondNone();
+    void getRequestsAnewAfterEachFailure();
+    void failedRequestWarns_data();
+    void failedRequestWarns();
+    void emptyChallengeIsNoChallenge();
+    void failedRequestLeavesTheCallToTheDaemon();
+
+    void daemonLeavesWithAChallengeHeldAndReturns();
+    void daemonLeavesWithoutAChallengeAndReturns();
+    void challengeIsKeptWhileTheDaemonIsAway();
+    void oldConnectionIsKeptWhileTheNameIsGone();
+    void failedRequestAfterTheReturnWarns();
+    void nameGoesStraightToAnotherOwner();
+    void nameGoesStraightToAnotherOwnerAfterAnEarlierReturn();
+    void signalsAreSubscribedOnceAfterEachReturn();
+};
+
+namespace {
+const QByteArray challenge = "s3cr3t challenge";
+const QString address = QStringLiteral("unix:path=/var/run/authd/authd.socket");
+
+QByteArray reply(const QByteArray &value)
+{
+    return '(' + bytes(value) + ",)";
+}
+
+QString authenticateCall(const QByteArray &held)
+{
+    return peerCall("Authenticate", "sa{sv}", "('login', {'challenge': <" + bytes(held) + ">})");
+}
+} // namespace
+
+// The lines that concern the peer connection and the watched name.
+QStringList TestConnection::linkLines() const
+{
+    return log->lines().filter(QRegularExpression("AuthdConnection|authd reset"_s));
+}
+
+void TestConnection::constructionLogsInOrder()
+{
+    AuthClient client;
+    QCOMPARE(log->take(),
+             (QStringList{R"(debug AuthDevlockClientPrivate Connected to "vantora.AuthService")"_s,
+                          R"(debug AuthdConnection "authd_p2p_client" connected to "authd_p2p_client")"_s,
+                          R"(debug AuthClientPrivate Connected to "%1")"_s.arg(address)}));
+}
+
+void TestConnection::constructionAsksForTheStateAlone()
+{
+    AuthClient client;
+    QVERIFY(waitFor([this] { return log->contains("debug handleStateChanged AuthDevlockClient::Undefined -> 0"_s); }));
+    drain(&client);
+    QCOMPARE(daemon.calls(), QStringList{systemCall("GetState", "", "()")});
+}
+
+void TestConnection::constructionIntrospectsEachInterfaceOnce()
+{
+    // What is known of the system bus' object is shared by the whole process.
+    const AuthDevlockClient first;
+    daemon.clearCalls();
+    const AuthClient client;
+    QStringList asked;
+    const QJsonArray calls = daemon.request(R"({"do":"standard-calls"})").value("calls"_s).toArray();
+    for (const QJsonValue &value : calls) {
+        const QJsonObject call = value.toObject();
+        asked.append(QStringList{call.value("bus"_s).toString(), call.value("path"_s).toString(),
+                                 call.value("method"_s).toString()}
+                         .join(QLatin1Char(' ')));
+    }
+    asked.sort();
+    QCOMPARE(
+        asked,
+        (QStringList{"peer /vantora/AuthService Introspect"_s, "peer /vantora/AuthService/Settings Introspect"_s}));
+}
+
+void TestConnection::constructionOpensOneConnection()
+{
+    const auto client = newClient();
+    QCOMPARE(daemon.peerCount(), 1);
+}
+
+void TestConnection::constructionIsSilent()
+{
+    AuthClient client;
+    SignalRecorder heard(&client);
+    drain(&client);
+    QCOMPARE(heard.list(), QStringList());
+    QVERIFY(!client.authenticated());
+    QVERIFY(!client.progress());
+}
+
+void TestConnection::destructionLogs()
+{
+    auto client = newClient();
+    client.reset();
+    QCOMPARE(log->take(),
+             QStringList{R"(debug ~AuthdConnection "authd_p2p_client" disconnected from "authd_p2p_client")"_s});
+}
+
+void TestConnection::destructionClosesTheConnection()
+{
+    auto client = newClient();
+    client.reset();
+    QVERIFY(waitFor([this] {
+        drainSystemBus();
+        return daemon.peerCount() == 0;
+    }));
+}
+
+void TestConnection::secondClientSharesTheConnection()
+{
+    const auto first = newClient();
+    const auto second = newClient();
+    QCOMPARE(daemon.peerCount(), 1);
+
+    SignalRecorder firstSignals(first.get());
+    SignalRecorder secondSignals(second.get());
+    daemon.emitSignal("Authenticated", reply("s3cr3t token"));
+    drain(first.get());
+    drain(second.get());
+    const QStringList expected{"authenticatedChanged(%1)"_s.arg(QLatin1String(QByteArray("s3cr3t token").toHex()))};
+    QCOMPARE(firstSignals.list(), expected);
+    QCOMPARE(secondSignals.list(), expected);
+}
+
+void TestConnection::destructorDisconnectsByNameThoughAnotherUsesIt()
+{
+    auto first = newClient();
+    const auto second = newClient();
+    first.reset();
+    QVERIFY(!QDBusConnection(QStringLiteral("authd_p2p_client")).isConnected());
+
+    // The one that is left goes on with its socket, and the next opens one of its own.
+    second->unlockIfNeeded();
+    daemon.waitCalls("UnlockIfNeeded");
+    const auto third = newClient();
+    QCOMPARE(daemon.peerCount(), 2);
+    drain(second.get());
+    drain(third.get());
+}
+
+void TestConnection::everySignalIsSubscribed()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    daemon.emitSignal("Authenticated", reply("s3cr3t token"));
+    daemon.emitSignal("AuthenticationFailed", "()");
+    daemon.emitSignal("AuthDataChanged", "()");
+    daemon.emitSignal("ChangeAuthDataFailed", "()");
+    daemon.emitSignal("UnlockIfNeededFinished", "(true,)");
+    daemon.emitSignal("Factor", "('code', {'type': <'told'>})");
+    drain(client.get());
+    QCOMPARE(heard.take(),
+             (QStringList{"authenticatedChanged(%1)"_s.arg(QLatin1String(QByteArray("s3cr3t token").toHex())),
+                          "authenticatedChanged()"_s, "discredit()"_s, "authDataChanged()"_s,
+                          "changeAuthDataFailed()"_s, "unlockIfNeededFinished(true)"_s,
+                          "factorSignal(code, %1)"_s.arg(written(QVariantMap{{"type"_s, "told"_s}}))}));
+
+    daemon.emitSignal("StateChanged", "(5,)");
+    drainSystemBus();
+    QCOMPARE(log->take(), QStringList{"debug handleStateChanged AuthDevlockClient::Unlocked -> 5"_s});
+}
+
+void TestConnection::signalsFromAnySenderAreAccepted()
+{
+    const auto client = newClient();
+    QDBusConnection stranger = QDBusConnection::connectToBus(QString::fromLocal8Bit(qgetenv("DBUS_SYSTEM_BUS_ADDRESS")),
+                                                             QStringLiteral("stranger"));
+    QVERIFY2(stranger.isConnected(), qPrintable(stranger.lastError().message()));
+    QDBusMessage signal =
+        QDBusMessage::createSignal("/vantora/AuthService/Devlock"_s, "vantora.AuthService.Devlock"_s, "StateChanged"_s);
+    signal << 3;
+    QVERIFY(stranger.send(signal));
+    QVERIFY(waitFor([this] { return log->contains("debug handleStateChanged AuthDevlockClient::Unlocked -> 3"_s); }));
+    QDBusConnection::disconnectFromBus(QStringLiteral("stranger"));
+}
+
+void TestConnection::signalsOfOtherPathsAndInterfacesAreIgnored()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    daemon.emitSignal("AuthenticationFailed", "()", R"("path":"/vantora/AuthService/Settings")");
+    daemon.emitSignal("AuthenticationFailed", "()", R"("interface":"vantora.AuthService.Settings")");
+    daemon.emitSignal("authenticationFailed", "()",
+                      R"("bus":"peer","path":"/vantora/AuthService",)"
+                      R"("interface":"vantora.AuthService")");
+    daemon.emitSignal("Factor", "('code', @a{sv} {})",
+                      R"("path":"/vantora/AuthService","interface":"vantora.AuthService")");
+    daemon.emitSignal("AuthenticationFailed", "()", R"("bus":"system")");
+    daemon.emitSignal("StateChanged", "(1,)", R"("bus":"peer")");
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestConnection::signalsOfOtherSignaturesAreIgnored_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<QByteArray>("args");
+    const auto row = [](const char *name, const char *args) {
+        QTest::newRow((QByteArray(name) + args).constData()) << QByteArray(name) << QByteArray(args);
+    };
+    row("Authenticated", "()");
+    row("Authenticated", "('text',)");
+    row("Authenticated", "(true,)");
+    row("Authenticated", "(['a'],)");
+    row("Authenticated", "(<[byte 0x01]>,)");
+    row("UnlockIfNeededFinished", "()");
+    row("UnlockIfNeededFinished", "(1,)");
+    row("UnlockIfNeededFinished", "('true',)");
+    row("Factor", "()");
+    row("Factor", "('code',)");
+    row("Factor", "({'a': <1>}, 'code')");
+    row("Factor", "('code', {'a': 'b'})");
+    row("Factor", "('code', 5)");
+    row("StateChanged", "()");
+    row("StateChanged", "(uint32 1,)");
+    row("StateChanged", "('Locked',)");
+    row("StateChanged", "(int64 1,)");
+}
+
+void TestConnection::signalsOfOtherSignaturesAreIgnored()
+{
+    QFETCH(QByteArray, name);
+    QFETCH(QByteArray, args);
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    daemon.emitSignal(name.constData(), args);
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestConnection::firstGetRequestsOneChallengeAndTheSecondNone()
+{
+    daemon.answer("RequestChallenge", reply(challenge));
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate", 2);
+    QCOMPARE(daemon.calls(),
+             (QStringList{peerCall("RequestChallenge", "", "()"), authenticateCall(challenge),
+                          authenticateCall(challenge)}));
+}
+
+void TestConnection::getRequestsAnewAfterEachFailure()
+{
+    daemon.misbehave("RequestChallenge", "error", R"("message":"no challenge today")");
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate", 2);
+    QCOMPARE(daemon.calls(),
+             (QStringList{peerCall("RequestChallenge", "", "()"), authenticateCall(QByteArray()),
+                          peerCall("RequestChallenge", "", "()"), authenticateCall(QByteArray())}));
+    const QString warning = R"(warning request failed: "no challenge today")"_s;
+    QCOMPARE(log->takeComplaints(), (QStringList{warning, warning}));
+
+    // The next one that succeeds is kept.
+    daemon.request(R"({"do":"behave"})");
+    daemon.answer("RequestChallenge", reply(challenge));
+    daemon.clearCalls();
+    client->authenticate("login"_s, {});
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate", 2);
+    QCOMPARE(daemon.calls(),
+             (QStringList{peerCall("RequestChallenge", "", "()"), authenticateCall(challenge),
+                          authenticateCall(challenge)}));
+}
+
+void TestConnection::failedRequestWarns_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    QTest::newRow("text") << QByteArray("('s3cr3t',)");
+    QTest::newRow("number") << QByteArray("(5,)");
+    QTest::newRow("variant") << QByteArray("(<[byte 0x01]>,)");
+    QTest::newRow("nothing") << QByteArray("()");
+}
+
+void TestConnection::failedRequestWarns()
+{
+    QFETCH(QByteArray, value);
+    daemon.answer("RequestChallenge", value);
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    QCOMPARE(daemon.waitCalls("Authenticate"), QStringList{authenticateCall(QByteArray())});
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 1);
+    QVERIFY2(QRegularExpression("^warning request failed: \".+\"$"_s).match(complaints.first()).hasMatch(),
+             qPrintable(complaints.first()));
+}
+
+void TestConnection::emptyChallengeIsNoChallenge()
+{
+    daemon.answer("RequestChallenge", reply(QByteArray()));
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate", 2);
+    QCOMPARE(daemon.waitCalls("RequestChallenge", 2).size(), 2);
+    QCOMPARE(log->takeComplaints(), QStringList());
+}
+
+void TestConnection::failedRequestLeavesTheCallToTheDaemon()
+{
+    daemon.misbehave("RequestChallenge", "error", R"("message":"no challenge today")");
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    client->authenticate("login"_s, {});
+    // The stand-in turns down an empty challenge.
+    QVERIFY(waitFor([&] { return heard.list().size() == 4; }));
+    QCOMPARE(heard.list(), QStringList({"progressChanged()"_s, "progressChanged()"_s}) + dropSignals);
+    QCOMPARE(log->takeComplaints(), QStringList{R"(warning request failed: "no challenge today")"_s});
+}
+
+void TestConnection::daemonLeavesWithAChallengeHeldAndReturns()
+{
+    const auto client = newClient();
+    client->authenticate("login"_s, {{"factor"_s, "code"_s}});
+    daemon.waitCalls("Authenticate");
+    drain(client.get());
+    log->take();
+    daemon.clearCalls();
+    SignalRecorder heard(client.get());
+    QStringList linesAtDiscredit;
+    connect(client.get(), &AuthClient::discredit, this, [&] { linesAtDiscredit = linkLines(); });
+
+    daemon.request(R"({"do":"restart"})");
+    awaitReconnection();
+    drain(client.get());
+    const QString left = R"(debug authd reset "" captured "authd_p2p_client")"_s;
+    QCOMPARE(linkLines(),
+             (QStringList{left, R"(debug authd reset "%1" captured "authd_p2p_client")"_s.arg(daemon.owner()),
+                          R"(debug ~AuthdConnection "authd_p2p_client" disconnected from "authd_p2p_client")"_s,
+                          R"(debug AuthdConnection "authd_p2p_client" connected to "authd_p2p_client")"_s}));
+    QCOMPARE(linesAtDiscredit, QStringList{left});
+    QCOMPARE(heard.list(), dropSignals);
+    QCOMPARE(daemon.calls(), QStringList{peerCall("RequestChallenge", "", "()")});
+    QCOMPARE(daemon.instancesOf("RequestChallenge"),
+             QList<int>{daemon.request(R"({"do":"state"})").value("instance"_s).toInt()});
+}
+
+void TestConnection::daemonLeavesWithoutAChallengeAndReturns()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    daemon.request(R"({"do":"restart"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(heard.list(), dropSignals);
+    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(daemon.peerCount(), 1);
+
+    // The first use fetches one, from the new instance.
+    daemon.answer("RequestChallenge", reply(challenge));
+    client->authenticate("login"_s, {});
+    QCOMPARE(daemon.waitCalls("Authenticate"), QStringList{authenticateCall(challenge)});
+}
+
+void TestConnection::challengeIsKeptWhileTheDaemonIsAway()
+{
+    daemon.answer("RequestChallenge", reply(challenge));
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    daemon.request(R"({"do":"release-name"})");
+    QVERIFY(waitFor([this] { return log->contains(R"(debug authd reset "" captured "authd_p2p_client")"_s); }));
+    daemon.clearCalls();
+
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    QCOMPARE(daemon.calls(), QStringList{authenticateCall(challenge)});
+}
+
+void TestConnection::oldConnectionIsKeptWhileTheNameIsGone()
+{
+    const auto client = newClient();
+    const QJsonArray peers = daemon.request(R"({"do":"state"})").value("peers"_s).toArray();
+    daemon.request(R"({"do":"release-name"})");
+    QVERIFY(waitFor([this] { return log->contains(R"(debug authd reset "" captured "authd_p2p_client")"_s); }));
+    drain(client.get());
+    QCOMPARE(daemon.request(R"({"do":"state"})").value("peers"_s).toArray(), peers);
+    QVERIFY(linkLines().filter("AuthdConnection"_s).isEmpty());
+
+    daemon.request(R"({"do":"own-name"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(daemon.peerCount(), 1);
+    QVERIFY(daemon.request(R"({"do":"state"})").value("peers"_s).toArray() != peers);
+}
+
+void TestConnection::failedRequestAfterTheReturnWarns()
+{
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    drain(client.get());
+    daemon.clearCalls();
+    daemon.misbehave("RequestChallenge", "error", R"("message":"no challenge today","times":1)");
+    daemon.request(R"({"do":"restart"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(log->takeComplaints(), QStringList{R"(warning request failed: "no challenge today")"_s});
+    QCOMPARE(daemon.calls(), QStringList{peerCall("RequestChallenge", "", "()")});
+
+    // The stale one is gone.
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    QCOMPARE(daemon.waitCalls("RequestChallenge", 2).size(), 2);
+}
+
+void TestConnection::nameGoesStraightToAnotherOwner()
+{
+    daemon.answer("RequestChallenge", reply(challenge));
+    daemon.answer("Authenticate", "(true,)");
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    drain(client.get());
+    daemon.clearCalls();
+    log->take();
+    SignalRecorder heard(client.get());
+
+    daemon.request(R"({"do":"handover"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(linkLines(),
+             (QStringList{R"(debug authd reset "%1" captured "authd_p2p_client")"_s.arg(daemon.owner()),
+                          R"(debug ~AuthdConnection "authd_p2p_client" disconnected from "authd_p2p_client")"_s,
+                          R"(debug AuthdConnection "authd_p2p_client" connected to "authd_p2p_client")"_s}));
+    QCOMPARE(heard.list(), QStringList());
+    QVERIFY(client->progress());
+    QCOMPARE(daemon.calls(), QStringList());
+
+    // No disappearance was seen, so the challenge is still the old one.
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    QCOMPARE(daemon.calls(), QStringList{authenticateCall(challenge)});
+}
+
+void TestConnection::nameGoesStraightToAnotherOwnerAfterAnEarlierReturn()
+{
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    daemon.request(R"({"do":"restart"})");
+    awaitReconnection();
+    drain(client.get());
+    daemon.clearCalls();
+
+    // The disappearance belonged to a connection that has been replaced since.
+    daemon.request(R"({"do":"handover"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(daemon.calls(), QStringList());
+}
+
+void TestConnection::signalsAreSubscribedOnceAfterEachReturn()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    for (int i = 0; i < 3; ++i) {
+        daemon.request(i == 1 ? R"({"do":"handover"})" : R"({"do":"restart"})");
+        awaitReconnection();
+        drain(client.get());
+        heard.take();
+        daemon.emitSignal("AuthDataChanged", "()");
+        daemon.emitSignal("UnlockIfNeededFinished", "(false,)");
+        daemon.emitSignal("Factor", "('code', @a{sv} {})");
+        drain(client.get());
+        QCOMPARE(heard.take(),
+                 (QStringList{"authDataChanged()"_s, "unlockIfNeededFinished(false)"_s,
+                              "factorSignal(code, %1)"_s.arg(written(QVariantMap()))}));
+    }
+}
+
+QTEST_GUILESS_MAIN(TestConnection)
+#include "tst_connection.moc"

@@ -1,0 +1,382 @@
+#include "test-case.h"
+
+/** AuthDevlockClient. */
+class TestDevlock : public TestCase
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<AuthDevlockClient> newDevlockClient();
+
+private Q_SLOTS:
+    void freshClientKnowsNothing();
+    void firstStateComesWithTheAnswer();
+    void undefinedAnswerIsNotNews();
+    void constructionLogs();
+    void constructionUsesTheSystemBusAlone();
+    void destructionIsSilent();
+    void failedGetStateWarns();
+    void getStateTakesNoOtherReply_data();
+    void getStateTakesNoOtherReply();
+    void lateAnswerCounts();
+    void signalBeforeTheAnswer();
+
+    void changesAreFollowed();
+    void repeatedStateIsNotNews();
+    void numbersOutsideTheRangeAreKept_data();
+    void numbersOutsideTheRangeAreKept();
+    void setStateCallsAndChangesNothingHere_data();
+    void setStateCallsAndChangesNothingHere();
+    void setStateIsFollowedByTheDaemonsNotice();
+    void refusedSetStateIsNotReported();
+    void setStateTakesAnyReply();
+    void setStateWithoutADaemonIsNotReported();
+    void statePropertyIsWritable();
+
+    void daemonRestarts();
+    void daemonHandsOver();
+    void daemonLeavesBeforeItAnswers();
+    void twoClientsFollowEachByItself();
+    void daemonComesLater();
+};
+
+namespace {
+QString change(const char *from, int to)
+{
+    return QStringLiteral("debug handleStateChanged AuthDevlockClient::%1 -> %2").arg(QLatin1String(from)).arg(to);
+}
+
+const QString connected = QStringLiteral(R"(debug AuthDevlockClientPrivate Connected to "vantora.AuthService")");
+} // namespace
+
+std::unique_ptr<AuthDevlockClient> TestDevlock::newDevlockClient()
+{
+    auto client = std::make_unique<AuthDevlockClient>();
+    if (!waitFor([&client] { return client->state() == AuthDevlockClient::Unlocked; }))
+        qFatal("The client does not hear the device-lock state");
+    log->take();
+    daemon.clearCalls();
+    return client;
+}
+
+void TestDevlock::freshClientKnowsNothing()
+{
+    const AuthDevlockClient client;
+    QCOMPARE(client.state(), AuthDevlockClient::Undefined);
+    QVERIFY(client.enabled());
+}
+
+void TestDevlock::firstStateComesWithTheAnswer()
+{
+    daemon.request(R"({"do":"set-lock","state":3})");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    drainSystemBus();
+    QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
+    QCOMPARE(client.state(), AuthDevlockClient::CodeEntryLockout);
+    QVERIFY(client.enabled());
+    QCOMPARE(daemon.calls(), QStringList{systemCall("GetState", "", "()")});
+    QCOMPARE(log->take(), (QStringList{connected, change("Undefined", 3)}));
+}
+
+void TestDevlock::undefinedAnswerIsNotNews()
+{
+    daemon.answer("GetState", "(4,)");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    drainSystemBus();
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->take(), QStringList{connected});
+}
+
+void TestDevlock::constructionLogs()
+{
+    const AuthDevlockClient client;
+    QCOMPARE(log->take(), QStringList{connected});
+}
+
+void TestDevlock::constructionUsesTheSystemBusAlone()
+{
+    const auto client = newDevlockClient();
+    QCOMPARE(daemon.peerCount(), 0);
+}
+
+void TestDevlock::destructionIsSilent()
+{
+    auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    client.reset();
+    drainSystemBus();
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->take(), QStringList());
+    QCOMPARE(daemon.calls(), QStringList());
+}
+
+void TestDevlock::failedGetStateWarns()
+{
+    daemon.misbehave("GetState", "error", R"("message":"went wrong")");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    drainSystemBus();
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(client.state(), AuthDevlockClient::Undefined);
+    QCOMPARE(log->take(), (QStringList{connected, R"(warning failed: "went wrong")"_s}));
+}
+
+void TestDevlock::getStateTakesNoOtherReply_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    for (const char *value : {"()", "('1',)", "(uint32 1,)", "(int64 1,)", "(<1>,)", "(true,)", "([1],)", "((1,),)"})
+        QTest::newRow(value) << QByteArray(value);
+}
+
+void TestDevlock::getStateTakesNoOtherReply()
+{
+    QFETCH(QByteArray, value);
+    daemon.answer("GetState", value);
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    drainSystemBus();
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(client.state(), AuthDevlockClient::Undefined);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 1);
+    QVERIFY2(QRegularExpression("^warning failed: \".+\"$"_s).match(complaints.first()).hasMatch(),
+             qPrintable(complaints.first()));
+}
+
+void TestDevlock::lateAnswerCounts()
+{
+    daemon.misbehave("GetState", "hold");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    drainSystemBus();
+    QCOMPARE(client.state(), AuthDevlockClient::Undefined);
+    daemon.request(R"({"do":"release"})");
+    QVERIFY(waitFor([&] { return client.state() == AuthDevlockClient::Unlocked; }));
+    QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
+}
+
+void TestDevlock::signalBeforeTheAnswer()
+{
+    daemon.misbehave("GetState", "hold");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    daemon.request(R"({"do":"set-lock","state":2})");
+    daemon.request(R"({"do":"release"})");
+    drainSystemBus();
+    QCOMPARE(client.state(), AuthDevlockClient::ManagerLockout);
+    QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
+}
+
+void TestDevlock::changesAreFollowed()
+{
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    QList<int> seen;
+    connect(client.get(), &AuthDevlockClient::stateChanged, this, [&] { seen.append(client->state()); });
+    for (const char *args : {"(1,)", "(2,)", "(3,)", "(4,)", "(5,)", "(0,)"})
+        daemon.emitSignal("StateChanged", args);
+    drainSystemBus();
+    QCOMPARE(seen, (QList<int>{1, 2, 3, 4, 5, 0}));
+    QCOMPARE(heard.list().size(), 6);
+    QCOMPARE(log->take(),
+             (QStringList{change("Unlocked", 1), change("Locked", 2), change("ManagerLockout", 3),
+                          change("CodeEntryLockout", 4), change("Undefined", 5), change("SecurityUi", 0)}));
+}
+
+void TestDevlock::repeatedStateIsNotNews()
+{
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    daemon.emitSignal("StateChanged", "(0,)");
+    drainSystemBus();
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestDevlock::numbersOutsideTheRangeAreKept_data()
+{
+    QTest::addColumn<int>("state");
+    for (int state : {6, 42, -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()})
+        QTest::addRow("%d", state) << state;
+}
+
+void TestDevlock::numbersOutsideTheRangeAreKept()
+{
+    QFETCH(int, state);
+    daemon.request(R"({"do":"set-lock","state":)" + QByteArray::number(state) + '}');
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    drainSystemBus();
+    QCOMPARE(int(client.state()), state);
+    daemon.emitSignal("StateChanged", "(1,)");
+    daemon.emitSignal("StateChanged", '(' + QByteArray::number(state) + ",)");
+    drainSystemBus();
+    QCOMPARE(int(client.state()), state);
+    QCOMPARE(heard.list().size(), 3);
+    QCOMPARE(log->take(),
+             (QStringList{connected, change("Undefined", state),
+                          "debug handleStateChanged AuthDevlockClient::LockState(%1) -> 1"_s.arg(state),
+                          change("Locked", state)}));
+}
+
+void TestDevlock::setStateCallsAndChangesNothingHere_data()
+{
+    QTest::addColumn<int>("state");
+    for (int state : {0, 1, 2, 3, 4, 5, 42, -1})
+        QTest::addRow("%d", state) << state;
+}
+
+void TestDevlock::setStateCallsAndChangesNothingHere()
+{
+    QFETCH(int, state);
+    daemon.answer("SetState", "()");
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    client->setState(AuthDevlockClient::LockState(state));
+    QCOMPARE(daemon.calls(), QStringList{systemCall("SetState", "i", '(' + QByteArray::number(state) + ",)")});
+    drainSystemBus();
+    QCOMPARE(client->state(), AuthDevlockClient::Unlocked);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestDevlock::setStateIsFollowedByTheDaemonsNotice()
+{
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    client->setState(AuthDevlockClient::Locked);
+    QCOMPARE(client->state(), AuthDevlockClient::Unlocked);
+    QCOMPARE(heard.list(), QStringList());
+    drainSystemBus();
+    QCOMPARE(client->state(), AuthDevlockClient::Locked);
+    QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
+}
+
+void TestDevlock::refusedSetStateIsNotReported()
+{
+    daemon.misbehave("SetState", "error", R"("message":"went wrong")");
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    client->setState(AuthDevlockClient::Locked);
+    drainSystemBus();
+    QCOMPARE(daemon.calls().size(), 1);
+    QCOMPARE(client->state(), AuthDevlockClient::Unlocked);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestDevlock::setStateTakesAnyReply()
+{
+    daemon.answer("SetState", "('what', <5>, [true])");
+    const auto client = newDevlockClient();
+    client->setState(AuthDevlockClient::Locked);
+    drainSystemBus();
+    QCOMPARE(client->state(), AuthDevlockClient::Unlocked);
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestDevlock::setStateWithoutADaemonIsNotReported()
+{
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    daemon.request(R"({"do":"stop"})");
+    client->setState(AuthDevlockClient::Locked);
+    QVERIFY(waitFor([&] { return client->state() == AuthDevlockClient::Undefined; }));
+    QCOMPARE(log->take(), QStringList{change("Unlocked", 4)});
+}
+
+void TestDevlock::statePropertyIsWritable()
+{
+    const auto client = newDevlockClient();
+    QVERIFY(client->setProperty("state", QVariant::fromValue(AuthDevlockClient::SecurityUi)));
+    QCOMPARE(daemon.calls(), QStringList{systemCall("SetState", "i", "(5,)")});
+    drainSystemBus();
+    QCOMPARE(client->property("state").value<AuthDevlockClient::LockState>(), AuthDevlockClient::SecurityUi);
+    QCOMPARE(client->property("enabled"), QVariant(true));
+}
+
+void TestDevlock::daemonRestarts()
+{
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    daemon.request(R"({"do":"stop"})");
+    QVERIFY(waitFor([&] { return client->state() == AuthDevlockClient::Undefined; }));
+    daemon.request(R"({"do":"start"})");
+    drainSystemBus();
+    QCOMPARE(client->state(), AuthDevlockClient::Undefined);
+    QCOMPARE(heard.take(), QStringList{"stateChanged()"_s});
+    QCOMPARE(daemon.calls(), QStringList());
+
+    daemon.emitSignal("StateChanged", "(5,)");
+    drainSystemBus();
+    QCOMPARE(client->state(), AuthDevlockClient::SecurityUi);
+    QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
+    QCOMPARE(log->take(), (QStringList{change("Unlocked", 4), change("Undefined", 5)}));
+}
+
+void TestDevlock::daemonHandsOver()
+{
+    const auto client = newDevlockClient();
+    SignalRecorder heard(client.get());
+    daemon.request(R"({"do":"handover"})");
+    drainSystemBus();
+    QCOMPARE(client->state(), AuthDevlockClient::Unlocked);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestDevlock::daemonLeavesBeforeItAnswers()
+{
+    daemon.misbehave("GetState", "hold");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    daemon.request(R"({"do":"stop"})");
+    QVERIFY(waitFor([this] { return !log->lines().filter("warning failed: "_s).isEmpty(); }));
+    QCOMPARE(log->takeComplaints().size(), 1);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(client.state(), AuthDevlockClient::Undefined);
+}
+
+void TestDevlock::twoClientsFollowEachByItself()
+{
+    const auto first = newDevlockClient();
+    const auto second = newDevlockClient();
+    SignalRecorder firstSignals(first.get());
+    SignalRecorder secondSignals(second.get());
+    first->setState(AuthDevlockClient::SecurityUi);
+    drainSystemBus();
+    QCOMPARE(first->state(), AuthDevlockClient::SecurityUi);
+    QCOMPARE(second->state(), AuthDevlockClient::SecurityUi);
+    QCOMPARE(firstSignals.list(), QStringList{"stateChanged()"_s});
+    QCOMPARE(secondSignals.list(), QStringList{"stateChanged()"_s});
+}
+
+void TestDevlock::daemonComesLater()
+{
+    daemon.request(R"({"do":"stop"})");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    QVERIFY(waitFor([this] { return !log->lines().filter("warning failed: "_s).isEmpty(); }));
+    QCOMPARE(log->takeComplaints().size(), 1);
+    QCOMPARE(client.state(), AuthDevlockClient::Undefined);
+    daemon.request(R"({"do":"start"})");
+    daemon.emitSignal("StateChanged", "(1,)");
+    drainSystemBus();
+    QCOMPARE(client.state(), AuthDevlockClient::Locked);
+    QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
+    QCOMPARE(daemon.calls(), QStringList());
+}
+
+QTEST_GUILESS_MAIN(TestDevlock)
+#include "tst_devlock.moc"

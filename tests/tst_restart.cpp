@@ -1,0 +1,417 @@
+#include "test-case.h"
+
+#include <QtDBus/QDBusConnection>
+#include <QtDBus/QDBusMessage>
+
+/** The daemon dies, restarts and hands its name over, with calls under way. */
+class TestRestart : public TestCase
+{
+    Q_OBJECT
+
+private:
+    QByteArray instance();
+
+private Q_SLOTS:
+    void eachCallEndsOnce_data();
+    void eachCallEndsOnce();
+    void unlockIfNeededOutlivesAHandover_data();
+    void unlockIfNeededOutlivesAHandover();
+    void oldInstanceIsNotHeardAfterAHandover_data();
+    void oldInstanceIsNotHeardAfterAHandover();
+    void queuedSignalsOfTheOldInstanceAreNotHeard();
+    void replyOfTheOldInstanceAfterAHandover();
+    void oldConnectionClosesWithItsLastCall();
+    void blockingCallsWhileTheDaemonIsAway();
+    void blockingCallsOfACrashingDaemon_data();
+    void blockingCallsOfACrashingDaemon();
+    void challengeOfACrashingDaemon();
+    void callsBeforeTheReturnIsNoticed();
+    void manyRestarts();
+    void restartsThatAreNoticedLate();
+    void twoClientsReturnEach();
+    void peersAreDroppedAndTheNameStays();
+    void authenticationGoesOnAfterARestart();
+};
+
+namespace {
+const QVariantMap withChallenge{{QStringLiteral("challenge"), 1}};
+}
+
+QByteArray TestRestart::instance()
+{
+    return QByteArray::number(daemon.request(R"({"do":"state"})").value("instance"_s).toInt());
+}
+
+void TestRestart::eachCallEndsOnce_data()
+{
+    QTest::addColumn<QByteArrayList>("requests");
+    const auto row = [](const char *name, const QByteArrayList &requests) { QTest::newRow(name) << requests; };
+    row("restart", {R"({"do":"restart"})"});
+    row("stop", {R"({"do":"stop"})", R"({"do":"start"})"});
+    row("drop-peers", {R"({"do":"drop-peers"})"});
+    row("handover", {R"({"do":"handover"})"});
+    row("handover, then the old one goes", {R"({"do":"handover","keep-old":true})", R"({"do":"drop-old"})"});
+    row("name goes and comes, then the peers go",
+        {R"({"do":"release-name"})", R"({"do":"own-name"})", R"({"do":"restart"})"});
+    row("two handovers",
+        {R"({"do":"handover","keep-old":true})", R"({"do":"handover","keep-old":true})", R"({"do":"drop-old"})"});
+    row("restart and restart", {R"({"do":"restart"})", R"({"do":"restart"})"});
+}
+
+void TestRestart::eachCallEndsOnce()
+{
+    QFETCH(QByteArrayList, requests);
+    const auto client = newClient();
+    for (const char *method : {"Authenticate", "ChangeAuthData", "UnlockIfNeeded", "FactorMethod"})
+        daemon.misbehave(method, "hold", R"("times":3)");
+    SignalRecorder heard(client.get());
+    QList<QVariant> results;
+    for (int i = 0; i < 3; ++i) {
+        client->authenticate("login"_s, withChallenge);
+        client->changeAuthData("code"_s, withChallenge);
+        client->unlockIfNeeded();
+        client->factorMethod({}, "code"_s, [&](const QVariant &result) { results.append(result); });
+    }
+    daemon.waitCalls("FactorMethod", 3);
+    for (const QByteArray &request : requests) {
+        daemon.request(request);
+        if (!request.contains("stop"))
+            drainSystemBus();
+    }
+
+    const QString failed = "unlockIfNeededFinished(false)"_s;
+    const auto warnings = [this](const char *start) {
+        return log->lines().filter(QRegularExpression("^warning "_s + QLatin1String(start) + " \".+\"$"_s)).size();
+    };
+    QVERIFY(waitFor([&] {
+        return results.size() >= 3 && heard.list().count(failed) >= 3
+            && warnings("callAuthenticateFinished failed:") >= 3 && warnings("callChangeAuthDataFinished failed:") >= 3;
+    }));
+    // Whatever may come twice would come before this.
+    if (!requests.first().contains("drop-peers")) {
+        daemon.request(R"({"do":"behave"})");
+        awaitReconnection();
+        drain(client.get());
+    }
+    drainSystemBus();
+    QCOMPARE(results, (QList<QVariant>{QVariant(), QVariant(), QVariant()}));
+    QCOMPARE(heard.list().count(failed), 3);
+    QCOMPARE(warnings("callAuthenticateFinished failed:"), 3);
+    QCOMPARE(warnings("callChangeAuthDataFinished failed:"), 3);
+    QCOMPARE(warnings("reply isError:"), 3);
+    QCOMPARE(log->takeComplaints().size(), 9);
+}
+
+void TestRestart::unlockIfNeededOutlivesAHandover_data()
+{
+    QTest::addColumn<QByteArray>("request");
+    QTest::newRow("handover") << QByteArray(R"({"do":"handover","keep-old":true})");
+    QTest::newRow("name goes and comes") << QByteArray();
+}
+
+// The old instance answers, but the signal that it sends then is no longer listened to.
+void TestRestart::unlockIfNeededOutlivesAHandover()
+{
+    QFETCH(QByteArray, request);
+    const auto client = newClient();
+    daemon.misbehave("UnlockIfNeeded", "hold", R"("times":1)");
+    SignalRecorder heard(client.get());
+    client->unlockIfNeeded();
+    daemon.waitCalls("UnlockIfNeeded");
+    if (request.isEmpty()) {
+        daemon.request(R"({"do":"release-name"})");
+        daemon.request(R"({"do":"own-name"})");
+    } else {
+        daemon.request(request);
+    }
+    awaitReconnection();
+    daemon.request(R"({"do":"release"})");
+    const auto finished = [&] { return heard.list().filter("unlockIfNeededFinished"_s).size(); };
+    QVERIFY(waitFor([&] { return finished() > 0; }));
+    drain(client.get());
+    QCOMPARE(finished(), 1);
+}
+
+void TestRestart::oldInstanceIsNotHeardAfterAHandover_data()
+{
+    QTest::addColumn<bool>("flight");
+    QTest::newRow("idle") << false;
+    QTest::newRow("calls in flight") << true;
+}
+
+void TestRestart::oldInstanceIsNotHeardAfterAHandover()
+{
+    QFETCH(bool, flight);
+    const auto client = newClient();
+    daemon.misbehave("FactorMethod", "hold", R"("times":1)");
+    QList<QVariant> results;
+    if (flight) {
+        client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s,
+                             [&](const QVariant &result) { results.append(result); });
+        daemon.waitCalls("FactorMethod");
+    }
+    const QByteArray old = "\"instance\":" + instance();
+    daemon.request(R"({"do":"handover","keep-old":true})");
+    awaitReconnection();
+    SignalRecorder heard(client.get());
+
+    daemon.emitSignal("Authenticated", '(' + bytes("s3cr3t token") + ",)", old);
+    daemon.emitSignal("AuthenticationFailed", "()", old);
+    daemon.emitSignal("AuthDataChanged", "()", old);
+    daemon.emitSignal("ChangeAuthDataFailed", "()", old);
+    daemon.emitSignal("UnlockIfNeededFinished", "(true,)", old);
+    daemon.emitSignal("Factor", "('code', @a{sv} {})", old);
+    if (flight) {
+        // The reply comes on the old connection, behind the signals.
+        daemon.request(R"({"do":"release"})");
+        QVERIFY(waitFor([&] { return !results.isEmpty(); }));
+        QCOMPARE(results, QList<QVariant>{5});
+    }
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList());
+    QVERIFY(!client->authenticated());
+
+    daemon.emitSignal("AuthDataChanged", "()");
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList{"authDataChanged()"_s});
+}
+
+void TestRestart::queuedSignalsOfTheOldInstanceAreNotHeard()
+{
+    const auto client = newClient();
+    const QByteArray old = "\"instance\":" + instance();
+    daemon.request(R"({"do":"handover","keep-old":true})");
+    // After this round trip the news of the new owner waits in the event queue, ahead of the old one's signals.
+    QDBusConnection::systemBus().call(
+        QDBusMessage::createMethodCall("org.freedesktop.DBus"_s, "/"_s, "org.freedesktop.DBus"_s, "GetId"_s));
+    daemon.emitSignal("Authenticated", '(' + bytes("s3cr3t token") + ",)", old);
+    daemon.emitSignal("Factor", "('code', @a{sv} {})", old);
+    client->unlockIfNeeded();
+    daemon.waitCalls("UnlockIfNeeded");
+
+    QStringList heardLate;
+    const auto record = [&](const char *signal) {
+        if (!log->lines().filter("authd reset"_s).isEmpty())
+            heardLate.append(QLatin1String(signal));
+    };
+    connect(client.get(), &AuthClient::authenticatedChanged, this, [&] { record("authenticatedChanged"); });
+    connect(client.get(), &AuthClient::factorSignal, this, [&](const QString &factor) {
+        if (!factor.startsWith(drainMark))
+            record("factorSignal");
+    });
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(heardLate, QStringList());
+    QVERIFY(!client->authenticated());
+}
+
+void TestRestart::replyOfTheOldInstanceAfterAHandover()
+{
+    const auto client = newClient();
+    daemon.misbehave("FactorMethod", "hold", R"("times":1)");
+    // The stand-in turns down this challenge.
+    daemon.misbehave("Authenticate", "hold", R"("times":1)");
+    QList<QVariant> results;
+    client->authenticate("login"_s, withChallenge);
+    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s,
+                         [&](const QVariant &result) { results.append(result); });
+    daemon.waitCalls("FactorMethod");
+    daemon.request(R"({"do":"handover","keep-old":true})");
+    awaitReconnection();
+    SignalRecorder heard(client.get());
+    daemon.request(R"({"do":"release"})");
+    QVERIFY(waitFor([&] { return !results.isEmpty() && heard.list().size() == 3; }));
+    drain(client.get());
+    QCOMPARE(results, QList<QVariant>{5});
+    QCOMPARE(heard.list(), QStringList{"progressChanged()"_s} + dropSignals);
+}
+
+void TestRestart::oldConnectionClosesWithItsLastCall()
+{
+    const auto client = newClient();
+    daemon.misbehave("FactorMethod", "hold", R"("times":1)");
+    bool called = false;
+    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, [&](const QVariant &) { called = true; });
+    daemon.waitCalls("FactorMethod");
+    daemon.request(R"({"do":"release-name"})");
+    daemon.request(R"({"do":"own-name"})");
+    awaitReconnection();
+    QCOMPARE(daemon.peerCount(), 2);
+    daemon.request(R"({"do":"release"})");
+    QVERIFY(waitFor([&] { return called; }));
+    QVERIFY(waitFor([this] {
+        drainSystemBus();
+        return daemon.peerCount() == 1;
+    }));
+}
+
+void TestRestart::blockingCallsWhileTheDaemonIsAway()
+{
+    const auto client = newClient();
+    grant(client.get(), "s3cr3t token");
+    daemon.request(R"({"do":"stop"})");
+    // The client has not noticed yet.
+    QVERIFY(!client->setLocked(1));
+    QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
+    QCOMPARE(log->takeComplaints()
+                 .filter(QRegularExpression("^warning (setLocked|request|factorMethodWait) failed: \".+\"$"_s))
+                 .size(),
+             3);
+    QVERIFY(waitFor([this] { return log->contains(R"(debug authd reset "" captured "authd_p2p_client")"_s); }));
+    // And now it has.
+    QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
+    QVERIFY(!client->setLocked(1));
+    QCOMPARE(log->takeComplaints().size(), 3);
+}
+
+void TestRestart::blockingCallsOfACrashingDaemon_data()
+{
+    QTest::addColumn<QByteArray>("how");
+    for (const char *how : {"crash", "restart", "drop"})
+        QTest::newRow(how) << QByteArray(how);
+}
+
+void TestRestart::blockingCallsOfACrashingDaemon()
+{
+    QFETCH(QByteArray, how);
+    for (const bool wait : {false, true}) {
+        daemon.reset();
+        const auto client = newClient();
+        grant(client.get(), "s3cr3t token");
+        daemon.misbehave("SetDevlockState", how.constData());
+        daemon.misbehave("FactorMethod", how.constData());
+        if (wait)
+            QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
+        else
+            QVERIFY(!client->setLocked(1));
+        QVERIFY(client->authenticated());
+        const QStringList complaints = log->takeComplaints();
+        QCOMPARE(complaints.size(), 1);
+        QVERIFY2(QRegularExpression("^warning (setLocked|factorMethodWait) failed: \".+\"$"_s)
+                     .match(complaints.first())
+                     .hasMatch(),
+                 qPrintable(complaints.first()));
+    }
+}
+
+void TestRestart::challengeOfACrashingDaemon()
+{
+    const auto client = newClient();
+    daemon.misbehave("RequestChallenge", "restart", R"("times":1)");
+    SignalRecorder heard(client.get());
+    client->authenticate("login"_s, {});
+    QVERIFY(client->progress());
+    QVERIFY(waitFor([&] { return heard.list().size() == 4; }));
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList({"progressChanged()"_s, "progressChanged()"_s}) + dropSignals);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 2);
+    QVERIFY(complaints.first().startsWith(R"(warning request failed: ")"_s));
+    QVERIFY(complaints.last().startsWith(R"(warning callAuthenticateFinished failed: ")"_s));
+    QCOMPARE(daemon.waitCalls("RequestChallenge").size(), 1);
+}
+
+void TestRestart::callsBeforeTheReturnIsNoticed()
+{
+    const auto client = newClient();
+    daemon.request(R"({"do":"restart"})");
+    // On the dead connection, as the event loop has not run.
+    SignalRecorder heard(client.get());
+    int called = 0;
+    client->unlockIfNeeded();
+    client->factorMethod({}, "code"_s, [&called](const QVariant &) { ++called; });
+    awaitReconnection();
+    QVERIFY(waitFor([&] { return called > 0 && heard.list().size() == 3; }));
+    drain(client.get());
+    QCOMPARE(called, 1);
+    QCOMPARE(heard.list().count("unlockIfNeededFinished(false)"_s), 1);
+    log->takeComplaints();
+}
+
+void TestRestart::manyRestarts()
+{
+    const auto client = newClient();
+    for (int i = 0; i < 20; ++i) {
+        daemon.request(i % 3 ? R"({"do":"restart"})" : R"({"do":"handover","keep-old":true})");
+        awaitReconnection();
+        QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, i}}, "code"_s), QVariant(i));
+    }
+    drain(client.get());
+    daemon.request(R"({"do":"drop-old"})");
+    QCOMPARE(daemon.peerCount(), 1);
+}
+
+void TestRestart::restartsThatAreNoticedLate()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    for (int i = 0; i < 20; ++i)
+        daemon.request(R"({"do":"restart"})");
+    awaitReconnection();
+    drain(client.get());
+    QStringList expected;
+    for (int i = 0; i < 20; ++i)
+        expected += dropSignals;
+    QCOMPARE(heard.list(), expected);
+    QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s), QVariant(5));
+    QCOMPARE(daemon.peerCount(), 1);
+}
+
+void TestRestart::twoClientsReturnEach()
+{
+    const auto first = newClient();
+    const auto second = newClient();
+    for (const char *change : {R"({"do":"restart"})", R"({"do":"handover"})", R"({"do":"handover","keep-old":true})"}) {
+        daemon.request(change);
+        const QString line = R"(debug authd reset "%1" captured "authd_p2p_client")"_s.arg(daemon.owner());
+        QVERIFY(waitFor([&] { return log->count(line) == 2; }));
+        drain(first.get());
+        drain(second.get());
+        QCOMPARE(first->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 1}}, "code"_s), QVariant(1));
+        QCOMPARE(second->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 2}}, "code"_s), QVariant(2));
+        SignalRecorder firstSignals(first.get());
+        SignalRecorder secondSignals(second.get());
+        daemon.emitSignal("AuthDataChanged", "()");
+        drain(first.get());
+        drain(second.get());
+        QCOMPARE(firstSignals.list(), QStringList{"authDataChanged()"_s});
+        QCOMPARE(secondSignals.list(), QStringList{"authDataChanged()"_s});
+    }
+}
+
+void TestRestart::peersAreDroppedAndTheNameStays()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    daemon.request(R"({"do":"drop-peers"})");
+    QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
+    drainSystemBus();
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(log->takeComplaints().size(), 2);
+
+    // Only a new owner of the name makes the client connect anew.
+    daemon.request(R"({"do":"restart"})");
+    awaitReconnection();
+    QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s), QVariant(5));
+}
+
+void TestRestart::authenticationGoesOnAfterARestart()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    const QVariantMap params{{"factor"_s, "code"_s}, {"data"_s, "1234"_s}};
+    for (int i = 0; i < 3; ++i) {
+        client->authenticate("login"_s, params);
+        QVERIFY(waitFor([&] { return heard.list().size() == 3; }));
+        QVERIFY(client->authenticated());
+        daemon.request(R"({"do":"restart"})");
+        awaitReconnection();
+        drain(client.get());
+        QVERIFY(!client->authenticated());
+        QCOMPARE(heard.take().mid(3), dropSignals);
+    }
+}
+
+QTEST_GUILESS_MAIN(TestRestart)
+#include "tst_restart.moc"
