@@ -29,7 +29,9 @@ public:
     std::optional<Value> wait(const QDeadlineTimer &deadline)
     {
         if (!m_value) {
-            QTimer::singleShot(int(deadline.remainingTime()), &m_loop, &QEventLoop::quit);
+            QTimer timer;
+            QObject::connect(&timer, &QTimer::timeout, &m_loop, &QEventLoop::quit);
+            timer.start(int(deadline.remainingTime()));
             m_loop.exec();
         }
         return m_value;

@@ -60,6 +60,10 @@ void AuthDevlockClientPrivate::setupConnection()
         qWarning() << "Failed to connect to 'serviceOwnerChanged' signal" << connection.name()
                    << connection.lastError().message();
     }
+    // When the bus itself dies, nobody reports that the daemon has left it.
+    connection.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                       QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"), this,
+                       SLOT(handleBusLost()));
 }
 
 void AuthDevlockClientPrivate::getState()
@@ -96,6 +100,11 @@ void AuthDevlockClientPrivate::handleOwnerChanged(const QString &, const QString
 {
     if (newOwner.isEmpty())
         handleStateChanged(AuthDevlockClient::Undefined);
+}
+
+void AuthDevlockClientPrivate::handleBusLost()
+{
+    handleStateChanged(AuthDevlockClient::Undefined);
 }
 
 void AuthDevlockClientPrivate::setStateInternal(AuthDevlockClient::LockState newState)

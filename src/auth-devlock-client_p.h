@@ -29,6 +29,9 @@ public Q_SLOTS:
     void handleStateChanged(int state);
     void handleOwnerChanged(const QString &serviceName, const QString &oldOwner, const QString &newOwner);
 
+private Q_SLOTS:
+    void handleBusLost();
+
 private:
     /** Whether anything has been heard of the state. */
     bool m_told = false;

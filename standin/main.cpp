@@ -167,6 +167,7 @@ int runInWorld(const Options &options)
     words.insert(words.end(), options.arguments.begin(), options.arguments.end());
 
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);

@@ -203,7 +203,8 @@ std::shared_ptr<Instance> Service::findInstance(int number) const
 
 void Service::end(const std::shared_ptr<Instance> &instance)
 {
-    const std::shared_ptr<Instance> ended = instance;
+    // What it refers to is reset below.
+    const std::shared_ptr<Instance> ended = instance; // NOLINT(performance-unnecessary-copy-initialization)
     if (m_current == ended)
         m_current.reset();
     else

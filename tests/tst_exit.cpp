@@ -49,7 +49,7 @@ const QString noSocket =
     QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd.socket" "authd_p2p_client" ".*")");
 const QString noBus = QStringLiteral(R"(Cannot connect to "vantora.AuthService" ".+")");
 
-const char *const storages[] = {"stack", "heap", "static", "namespace"};
+const char *const storages[] = {"stack", "heap", "static", "namespace", "child"};
 } // namespace
 
 void TestExit::start(QProcess &host, const QStringList &arguments, Bus bus)
@@ -133,7 +133,7 @@ void TestExit::storageRows(const QStringList &applications)
 void TestExit::socketIsMissing_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    for (const char *application : {"app", "noapp"}) {
+    for (const char *application : {"app", "staticapp", "noapp"}) {
         for (const char *storage : storages) {
             const QStringList arguments{QLatin1String(application), "client"_s, QLatin1String(storage), "idle"_s,
                                         "return"_s};
@@ -167,7 +167,7 @@ void TestExit::socketAcceptsAndCloses()
 
 void TestExit::socketIsMissingForASecondClient_data()
 {
-    storageRows({"app"_s, "noapp"_s});
+    storageRows({"app"_s, "staticapp"_s, "noapp"_s});
 }
 
 void TestExit::socketIsMissingForASecondClient()
@@ -185,7 +185,7 @@ void TestExit::socketIsMissingForASecondClient()
 void TestExit::busIsMissing_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    for (const char *application : {"app", "noapp"}) {
+    for (const char *application : {"app", "staticapp", "noapp"}) {
         for (const char *kind : {"client", "devlock"}) {
             for (const char *storage : storages) {
                 const QStringList arguments{QLatin1String(application), QLatin1String(kind), QLatin1String(storage),
@@ -263,7 +263,7 @@ void TestExit::daemonHandsOverWithoutASocket()
 
 void TestExit::processEnds_data()
 {
-    storageRows({"app"_s, "noapp"_s});
+    storageRows({"app"_s, "staticapp"_s, "noapp"_s});
 }
 
 void TestExit::processEnds()

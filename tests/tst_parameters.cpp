@@ -41,6 +41,25 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, Registered &value
     return argument;
 }
 
+struct Faulty
+{
+};
+Q_DECLARE_METATYPE(Faulty)
+
+// Writes nothing, which no signature is for.
+QDBusArgument &operator<<(QDBusArgument &argument, const Faulty &)
+{
+    return argument;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, Faulty &)
+{
+    return argument;
+}
+
+using MapOfMaps = QMap<QString, QVariantMap>;
+using MapOfVariants = QMap<QString, QDBusVariant>;
+
 /** Parameter maps: what the bus can carry arrives as it is, what it cannot carry never reaches it. */
 class TestParameters : public TestCase
 {
@@ -59,6 +78,8 @@ private Q_SLOTS:
     void carriedReceivedArguments();
     void refusedValues_data();
     void refusedValues();
+    void refusedElements_data();
+    void refusedElements();
     void refusedKeys_data();
     void refusedKeys();
     void refusedValueAmongGoodOnes();
@@ -68,6 +89,8 @@ private Q_SLOTS:
     void deepLists();
     void deepVariants();
     void deepMapsInLists();
+    void deepContainers_data();
+    void deepContainers();
     void mapsOfSomeSizeAreCarried();
     void mapsTooLargeAreRefused_data();
     void mapsTooLargeAreRefused();
@@ -77,6 +100,13 @@ private Q_SLOTS:
 void TestParameters::initTestCase()
 {
     qDBusRegisterMetaType<Registered>();
+    qDBusRegisterMetaType<MapOfMaps>();
+    qDBusRegisterMetaType<MapOfVariants>();
+    qDBusRegisterMetaType<QList<QVariantMap>>();
+    qDBusRegisterMetaType<QList<QVariantList>>();
+    qDBusRegisterMetaType<Faulty>();
+    // The toolkit complains of it, the first time only.
+    QCOMPARE(QByteArray(QDBusMetaType::typeToSignature(qMetaTypeId<Faulty>())), QByteArray());
 }
 
 // How the stand-in received the map.
@@ -145,6 +175,10 @@ void TestParameters::carriedValues_data()
         "[objectpath '/a']");
     row("a type that the host registered", QVariant::fromValue(Registered{"s3cr3t"_s, {1, 2}}), "('s3cr3t', [1, 2])");
     row("the same, empty", QVariant::fromValue(Registered()), "('', @ai [])");
+    row("QMap<QString, QVariantMap>", QVariant::fromValue(MapOfMaps{{"a"_s, {{"b"_s, 1}}}}), "{'a': {'b': <1>}}");
+    row("QMap<QString, QDBusVariant>", QVariant::fromValue(MapOfVariants{{"a"_s, QDBusVariant(1)}}), "{'a': <1>}");
+    row("QList<QVariantMap>", QVariant::fromValue(QList<QVariantMap>{{{"a"_s, 1}}, {}}), "[{'a': <1>}, {}]");
+    row("QList<QVariantList>", QVariant::fromValue(QList<QVariantList>{{1, "a"_s}, {}}), "[[<1>, <'a'>], []]");
     row("maps in lists in maps",
         QVariantMap{{"a"_s, QVariantList{QVariantMap{{"b"_s, QVariantList{QStringList{"c"_s}}}}}}},
         "{'a': <[<{'b': <[<['c']>]>}>]>}");
@@ -220,6 +254,7 @@ void TestParameters::refusedValues_data()
     row("QList<QUrl>", QVariant::fromValue(QList<QUrl>{QUrl("s3cr3t:"_s)}));
     row("empty QDBusArgument", QVariant::fromValue(QDBusArgument()));
     row("a type of the host", QVariant::fromValue(Unregistered()));
+    row("a type of the host with a faulty operator", QVariant::fromValue(Faulty()));
     row("QString with NUL", QString("s3cr3t"_s + QChar(0) + "s3cr3t"_s));
     row("QString with half a pair", QString("s3cr3t"_s + QChar(0xd800)));
     row("QString with the other half", QString(QChar(0xdc00) + "s3cr3t"_s));
@@ -293,6 +328,38 @@ void TestParameters::refusedValues()
     QVERIFY(check({{"key"_s, QVariantList{1, value}}}, "\"key[1]"_s));
     QVERIFY(check({{"key"_s, QVariant::fromValue(QDBusVariant(value))}}, "\"key"_s));
     QVERIFY(check({{"key"_s, QVariantList{QVariantMap{{"inner"_s, QVariantList{value}}}}}}, "\"key[0].inner[0]"_s));
+}
+
+void TestParameters::refusedElements_data()
+{
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<QString>("place");
+    const auto row = [](const char *name, const QVariant &value, const char *place) {
+        QTest::newRow(name) << value << "\"key%1 "_s.arg(QLatin1String(place));
+    };
+    const QVariant url = QUrl("s3cr3t:"_s);
+    row("map of maps", QVariant::fromValue(MapOfMaps{{"a"_s, {}}, {"b"_s, {{"c"_s, 1}, {"d"_s, url}}}}),
+        ".b.d of type QUrl");
+    row("map of maps, invalid", QVariant::fromValue(MapOfMaps{{"a"_s, {{"b"_s, QVariant()}}}}), ".a.b of type Invalid");
+    row("map of variants", QVariant::fromValue(MapOfVariants{{"a"_s, QDBusVariant(1)}, {"b"_s, QDBusVariant(url)}}),
+        ".b of type QUrl");
+    row("map of variants, empty", QVariant::fromValue(MapOfVariants{{"a"_s, QDBusVariant()}}), ".a of type Invalid");
+    row("list of maps", QVariant::fromValue(QList<QVariantMap>{{{"a"_s, 1}}, {{"b"_s, url}}}), "[1].b of type QUrl");
+    row("list of lists", QVariant::fromValue(QList<QVariantList>{{1}, {2, url}}), "[1][1] of type QUrl");
+    row("list of object paths", QVariant::fromValue(QList<QDBusObjectPath>{QDBusObjectPath("/a"_s), QDBusObjectPath()}),
+        "[1] of type QDBusObjectPath");
+    row("inside of another",
+        QVariantList{QVariant::fromValue(
+            QList<QVariantMap>{{{"a"_s, QVariant::fromValue(MapOfMaps{{"b"_s, {{"c"_s, url}}}})}}})},
+        "[0][0].a.b.c of type QUrl");
+}
+
+// In the containers that a host has registered.
+void TestParameters::refusedElements()
+{
+    QFETCH(QVariant, value);
+    QFETCH(QString, place);
+    checkRefused({{"key"_s, value}}, {place});
 }
 
 void TestParameters::refusedKeys_data()
@@ -416,6 +483,46 @@ void TestParameters::deepMapsInLists()
     QCOMPARE(deepest(nested, text), 12);
 }
 
+void TestParameters::deepContainers_data()
+{
+    QTest::addColumn<QVariant>("innermost");
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<int>("inMaps");
+    QTest::addColumn<int>("inVariants");
+    QTest::newRow("QPoint") << QVariant(QPoint(1, 2)) << QByteArray("(1, 2)") << 20 << 60;
+    QTest::newRow("empty list") << QVariant(QVariantList()) << QByteArray("@av []") << 20 << 60;
+    QTest::newRow("empty string list") << QVariant(QStringList()) << QByteArray("@as []") << 20 << 60;
+    QTest::newRow("empty map") << QVariant(QVariantMap()) << QByteArray("@a{sv} {}") << 19 << 59;
+    QTest::newRow("QDateTime") << QVariant(QDateTime(QDate(2020, 2, 29), QTime(1, 2, 3, 4), Qt::UTC))
+                               << QByteArray("((2020, 2, 29), (1, 2, 3, 4), 1)") << 19 << 58;
+}
+
+// Containers nest even when nothing is in them.
+void TestParameters::deepContainers()
+{
+    QFETCH(QVariant, innermost);
+    QFETCH(QByteArray, text);
+    const auto inMaps = [&](int depth) {
+        QVariant value = innermost;
+        for (int i = 0; i < depth; ++i)
+            value = QVariantMap{{"k"_s, value}};
+        return value;
+    };
+    const auto mapsText = [&](int depth) {
+        return QByteArray("{'k': <").repeated(depth) + text + QByteArray(">}").repeated(depth);
+    };
+    QTEST(deepest(inMaps, mapsText), "inMaps");
+
+    const auto inVariants = [&](int depth) {
+        QVariant value = innermost;
+        for (int i = 0; i < depth; ++i)
+            value = QVariant::fromValue(QDBusVariant(value));
+        return value;
+    };
+    const auto variantsText = [&](int depth) { return QByteArray(depth, '<') + text + QByteArray(depth, '>'); };
+    QTEST(deepest(inVariants, variantsText), "inVariants");
+}
+
 void TestParameters::mapsOfSomeSizeAreCarried()
 {
     const auto client = newClient();
@@ -439,6 +546,11 @@ void TestParameters::mapsTooLargeAreRefused_data()
     }
     QTest::newRow("QVariantList") << QVariant(parts);
     QTest::newRow("QStringList") << QVariant(texts);
+    QList<double> numbers;
+    numbers.reserve(9000000);
+    for (int i = 0; i < 9000000; ++i)
+        numbers.append(i);
+    QTest::newRow("QList<double>") << QVariant::fromValue(numbers);
 }
 
 void TestParameters::mapsTooLargeAreRefused()

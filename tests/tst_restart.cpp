@@ -14,8 +14,13 @@ private:
 private Q_SLOTS:
     void eachCallEndsOnce_data();
     void eachCallEndsOnce();
-    void unlockIfNeededOutlivesAHandover_data();
-    void unlockIfNeededOutlivesAHandover();
+    void unlockIfNeededIsAnsweredOnce_data();
+    void unlockIfNeededIsAnsweredOnce();
+    void unlockIfNeededIsAnsweredWhenTheNewInstanceCanBeAsked();
+    void unlockIfNeededFailsWhenTheDaemonDiesBetweenItsSignalAndItsReply();
+    void unlockIfNeededIsNotAnsweredAgain_data();
+    void unlockIfNeededIsNotAnsweredAgain();
+    void clientIsDeletedInTheFirstOfTwoUnlockAnswers();
     void oldInstanceIsNotHeardAfterAHandover_data();
     void oldInstanceIsNotHeardAfterAHandover();
     void queuedSignalsOfTheOldInstanceAreNotHeard();
@@ -102,34 +107,152 @@ void TestRestart::eachCallEndsOnce()
     QCOMPARE(log->takeComplaints().size(), 9);
 }
 
-void TestRestart::unlockIfNeededOutlivesAHandover_data()
+void TestRestart::unlockIfNeededIsAnsweredOnce_data()
 {
-    QTest::addColumn<QByteArray>("request");
-    QTest::newRow("handover") << QByteArray(R"({"do":"handover","keep-old":true})");
-    QTest::newRow("name goes and comes") << QByteArray();
+    QTest::addColumn<bool>("replied");
+    QTest::addColumn<QByteArrayList>("requests");
+    const QVector<QByteArrayList> changes = {
+        {R"({"do":"restart"})"},
+        {R"({"do":"stop"})", R"({"do":"start"})"},
+        {R"({"do":"handover"})"},
+        {R"({"do":"handover","keep-old":true})"},
+        {R"({"do":"release-name"})", R"({"do":"own-name"})"},
+    };
+    for (const QByteArrayList &requests : changes) {
+        QTest::newRow(("no reply, " + requests.join()).constData()) << false << requests;
+        QTest::newRow(("reply without a signal, " + requests.join()).constData()) << true << requests;
+    }
 }
 
-// The old instance answers, but the signal that it sends then is no longer listened to.
-void TestRestart::unlockIfNeededOutlivesAHandover()
+// By the library, as nobody listens to the instance that was asked.
+void TestRestart::unlockIfNeededIsAnsweredOnce()
 {
-    QFETCH(QByteArray, request);
+    QFETCH(bool, replied);
+    QFETCH(QByteArrayList, requests);
+    for (int asked = 1; asked <= 2; ++asked) {
+        daemon.reset();
+        const auto client = newClient();
+        const QByteArray old = "\"instance\":" + instance();
+        if (replied)
+            daemon.answer("UnlockIfNeeded", "()");
+        else
+            daemon.misbehave("UnlockIfNeeded", "hold");
+        daemon.misbehave("FactorMethod", "hold", R"("times":1)");
+        SignalRecorder heard(client.get());
+        for (int i = 0; i < asked; ++i)
+            client->unlockIfNeeded();
+        // Its reply comes last on the old connection.
+        bool ended = false;
+        client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, [&](const QVariant &) { ended = true; });
+        daemon.waitCalls("FactorMethod");
+        drain(client.get());
+        QCOMPARE(heard.list(), QStringList());
+
+        for (const QByteArray &request : requests)
+            daemon.request(request);
+        awaitReconnection();
+        daemon.request(R"({"do":"behave"})");
+        daemon.request(R"({"do":"release"})");
+        if (requests.first().contains("keep-old"))
+            daemon.emitSignal("UnlockIfNeededFinished", "(true,)", old);
+        const auto answers = [&] { return heard.list().filter("unlockIfNeededFinished"_s); };
+        QVERIFY(waitFor([&] { return ended && answers().size() >= asked; }));
+        drain(client.get());
+        QStringList expected;
+        for (int i = 0; i < asked; ++i)
+            expected.append("unlockIfNeededFinished(false)"_s);
+        QCOMPARE(answers(), expected);
+        log->takeComplaints();
+    }
+}
+
+void TestRestart::unlockIfNeededIsAnsweredWhenTheNewInstanceCanBeAsked()
+{
     const auto client = newClient();
-    daemon.misbehave("UnlockIfNeeded", "hold", R"("times":1)");
+    daemon.answer("UnlockIfNeeded", "()");
+    client->unlockIfNeeded();
+    client->unlockIfNeeded();
+    daemon.waitCalls("UnlockIfNeeded", 2);
+    drain(client.get());
+    daemon.request(R"({"do":"behave"})");
+    QVariantList results;
+    connect(client.get(), &AuthClient::unlockIfNeededFinished, this, [&](bool success) {
+        QVERIFY(!success);
+        results.append(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, results.size()}}, "code"_s));
+    });
+    daemon.request(R"({"do":"handover"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(results, (QVariantList{0, 1}));
+}
+
+void TestRestart::unlockIfNeededIsNotAnsweredAgain_data()
+{
+    QTest::addColumn<QByteArray>("how");
+    QTest::addColumn<QByteArray>("change");
+    QTest::addColumn<QString>("answer");
+    const QByteArray restart = R"({"do":"restart"})";
+    const QByteArray handover = R"({"do":"handover","keep-old":true})";
+    QTest::newRow("signal, handover, reply never") << QByteArray("lose-reply") << handover << "true"_s;
+    QTest::newRow("signal, handover, reply and another signal") << QByteArray("hold") << handover << "true"_s;
+    QTest::newRow("signal, reply, handover") << QByteArray("signal-first") << handover << "true"_s;
+    QTest::newRow("signal, reply, restart") << QByteArray("signal-first") << restart << "true"_s;
+    QTest::newRow("reply, signal, handover") << QByteArray() << handover << "true"_s;
+    QTest::newRow("reply, signal, restart") << QByteArray() << restart << "true"_s;
+    QTest::newRow("error, handover") << QByteArray("error") << handover << "false"_s;
+    QTest::newRow("error, restart") << QByteArray("error") << restart << "false"_s;
+}
+
+void TestRestart::unlockIfNeededIsNotAnsweredAgain()
+{
+    QFETCH(QByteArray, how);
+    QFETCH(QByteArray, change);
+    QFETCH(QString, answer);
+    const QStringList answers{"unlockIfNeededFinished(%1)"_s.arg(answer)};
+    const auto client = newClient();
+    if (!how.isEmpty())
+        daemon.misbehave("UnlockIfNeeded", how.constData());
+    daemon.misbehave("FactorMethod", "hold", R"("times":1)");
     SignalRecorder heard(client.get());
     client->unlockIfNeeded();
-    daemon.waitCalls("UnlockIfNeeded");
-    if (request.isEmpty()) {
-        daemon.request(R"({"do":"release-name"})");
-        daemon.request(R"({"do":"own-name"})");
-    } else {
-        daemon.request(request);
-    }
-    awaitReconnection();
-    daemon.request(R"({"do":"release"})");
-    const auto finished = [&] { return heard.list().filter("unlockIfNeededFinished"_s).size(); };
-    QVERIFY(waitFor([&] { return finished() > 0; }));
+    // Its reply comes last on the old connection.
+    bool ended = false;
+    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, [&](const QVariant &) { ended = true; });
+    daemon.waitCalls("FactorMethod");
+    if (how == "hold")
+        daemon.emitSignal("UnlockIfNeededFinished", "(true,)");
     drain(client.get());
-    QCOMPARE(finished(), 1);
+    QCOMPARE(heard.list(), answers);
+
+    daemon.request(change);
+    awaitReconnection();
+    daemon.request(R"({"do":"behave"})");
+    daemon.request(R"({"do":"release"})");
+    QVERIFY(waitFor([&] { return ended; }));
+    drain(client.get());
+    QCOMPARE(heard.list().filter("unlockIfNeededFinished"_s), answers);
+    // Of the other call.
+    log->takeComplaints();
+}
+
+void TestRestart::clientIsDeletedInTheFirstOfTwoUnlockAnswers()
+{
+    auto client = newClient();
+    daemon.answer("UnlockIfNeeded", "()");
+    client->unlockIfNeeded();
+    client->unlockIfNeeded();
+    daemon.waitCalls("UnlockIfNeeded", 2);
+    drain(client.get());
+    int answers = 0;
+    connect(client.get(), &AuthClient::unlockIfNeededFinished, this, [&] {
+        ++answers;
+        client.reset();
+    });
+    daemon.request(R"({"do":"handover"})");
+    QVERIFY(waitFor([&] { return answers > 0; }));
+    drainSystemBus();
+    QCOMPARE(answers, 1);
+    QCOMPARE(daemon.peerCount(), 0);
 }
 
 void TestRestart::oldInstanceIsNotHeardAfterAHandover_data()
@@ -411,6 +534,26 @@ void TestRestart::authenticationGoesOnAfterARestart()
         QVERIFY(!client->authenticated());
         QCOMPARE(heard.take().mid(3), dropSignals);
     }
+}
+
+// The daemon's signal and the bus' error: each tells what it knows.
+void TestRestart::unlockIfNeededFailsWhenTheDaemonDiesBetweenItsSignalAndItsReply()
+{
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    daemon.misbehave("UnlockIfNeeded", "hold");
+    client->unlockIfNeeded();
+    daemon.waitCalls("UnlockIfNeeded");
+    daemon.emitSignal("UnlockIfNeededFinished", "(true,)");
+    drain(client.get());
+    QCOMPARE(heard.take(), QStringList{"unlockIfNeededFinished(true)"_s});
+
+    daemon.request(R"({"do":"stop"})");
+    QVERIFY(waitFor([&] { return heard.list().contains("unlockIfNeededFinished(false)"_s); }));
+    daemon.request(R"({"do":"start"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(heard.list().filter("unlockIfNeeded"_s), QStringList{"unlockIfNeededFinished(false)"_s});
 }
 
 QTEST_GUILESS_MAIN(TestRestart)

@@ -181,7 +181,7 @@ void SoakTest::everyCallEndsOnceAndNothingGrows()
         for (int call = 0; call < CallsPerRound; ++call) {
             if (random(4) == 0)
                 misbehaveAtRandom();
-            callAtRandom(&m_clients[random(2)], true);
+            callAtRandom(&m_clients[size_t(random(2))], true);
             if (random(4) == 0)
                 QCoreApplication::processEvents();
         }
@@ -192,7 +192,7 @@ void SoakTest::everyCallEndsOnceAndNothingGrows()
         for (const char *method : {"Authenticate", "ChangeAuthData", "FactorMethod", "UnlockIfNeeded"})
             daemon.misbehave(method, "hold");
         for (int call = 0; call < CallsUnderWay; ++call)
-            callAtRandom(&m_clients[random(2)], false);
+            callAtRandom(&m_clients[size_t(random(2))], false);
         changeInstance();
         awaitBoth();
         daemon.request(R"({"do":"behave"})");

@@ -1,6 +1,7 @@
 // A host whose life and end the tests watch from outside:
-//     test-host app|noapp CLASS STORAGE idle|flight END
-// with CLASS client or devlock, STORAGE stack, heap, static or namespace, and END
+//     test-host app|staticapp|noapp CLASS STORAGE idle|flight END
+// with CLASS client or devlock, STORAGE stack, heap, static, namespace or child (of a static object: the application if
+// that is one), and END
 //     return   the main function returns
 //     exit     exit() is called
 //     loop     the event loop runs until the daemon sends the factor signal "quit"
@@ -25,6 +26,7 @@ struct Orders
     QByteArray storage;
     bool flight;
     QByteArray end;
+    QObject *parent;
 };
 
 void sayReady()
@@ -88,6 +90,10 @@ template <class Client> int run(const Orders &orders)
         static Client client;
         return live(&client, orders);
     }
+    if (orders.storage == "child") {
+        static QObject owner;
+        return live(new Client(orders.parent ? orders.parent : &owner), orders);
+    }
     auto *client = new Client;
     if (orders.storage == "namespace")
         ofNamespace.reset(client);
@@ -102,8 +108,13 @@ int main(int argc, char **argv)
     if (argc != 6)
         return 2;
     std::unique_ptr<QCoreApplication> application;
-    if (QByteArray(argv[1]) == "app")
+    QObject *parent = nullptr;
+    if (QByteArray(argv[1]) == "app") {
         application = std::make_unique<QCoreApplication>(argc, argv);
-    const Orders orders{argv[3], QByteArray(argv[4]) == "flight", argv[5]};
+    } else if (QByteArray(argv[1]) == "staticapp") {
+        static QCoreApplication staticApplication(argc, argv);
+        parent = &staticApplication;
+    }
+    const Orders orders{argv[3], QByteArray(argv[4]) == "flight", argv[5], parent};
     return QByteArray(argv[2]) == "client" ? run<AuthClient>(orders) : run<AuthDevlockClient>(orders);
 }
