@@ -47,6 +47,7 @@ private:
     bool enter(const QByteArray &signature, int depth);
     bool text(const QString &text);
     bool add(qint64 size);
+    bool failAt(const QString &step);
     bool refuse(const QString &problem);
 
     const bool m_canPassDescriptors;
@@ -66,11 +67,9 @@ bool ParameterCheck::map(const QVariantMap &values, int depth)
     for (auto it = values.begin(); it != values.end(); ++it) {
         // An array, a dict entry and a variant enclose the value.
         if (!text(it.key()) || !value(it.value(), depth + 3)) {
-            const bool nested = !m_path.isEmpty() && !m_path.startsWith(QLatin1Char('['));
-            m_path.prepend(nested ? it.key() + QLatin1Char('.') : it.key());
             if (m_type.isEmpty())
                 m_type = QStringLiteral("QString");
-            return false;
+            return failAt(it.key());
         }
     }
     return true;
@@ -79,11 +78,8 @@ bool ParameterCheck::map(const QVariantMap &values, int depth)
 bool ParameterCheck::list(const QVariantList &values, int depth)
 {
     for (int i = 0; i < values.size(); ++i) {
-        if (!value(values.at(i), depth)) {
-            const bool nested = !m_path.isEmpty() && !m_path.startsWith(QLatin1Char('['));
-            m_path.prepend(QLatin1Char('[') + QString::number(i) + QLatin1String(nested ? "]." : "]"));
-            return false;
-        }
+        if (!value(values.at(i), depth))
+            return failAt(QStringLiteral("[%1]").arg(i));
     }
     return true;
 }
@@ -207,6 +203,15 @@ bool ParameterCheck::add(qint64 size)
 {
     m_size += size;
     return m_size <= MaximumSize || refuse(QStringLiteral("makes the parameters too large for D-Bus"));
+}
+
+// Puts the place of a failure in front of the path, from the inside to the outside.
+bool ParameterCheck::failAt(const QString &step)
+{
+    if (!m_path.isEmpty() && !m_path.startsWith(QLatin1Char('[')))
+        m_path.prepend(QLatin1Char('.'));
+    m_path.prepend(step);
+    return false;
 }
 
 bool ParameterCheck::refuse(const QString &problem)

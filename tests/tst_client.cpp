@@ -1,5 +1,7 @@
 #include "test-case.h"
 
+#include <QtDBus/QDBusPendingCallWatcher>
+
 /** Requests, tokens and progress of AuthClient. */
 class TestClient : public TestCase
 {
@@ -23,6 +25,7 @@ private Q_SLOTS:
     void trueReplyDoesNothing();
     void falseReplyIsAFailedAuthentication_data();
     void falseReplyIsAFailedAuthentication();
+    void falseReplyToChangeAuthDataIsNotAFailedChange();
     void errorReplyLeavesProgressAndEmitsNothing_data();
     void errorReplyLeavesProgressAndEmitsNothing();
     void replyOfAnotherTypeIsAnError_data();
@@ -30,8 +33,13 @@ private Q_SLOTS:
     void errorReplyKeepsTheToken();
     void lateReplyCounts_data();
     void lateReplyCounts();
+    void watcherLivesUntilItsHandlersAreThrough_data();
+    void watcherLivesUntilItsHandlersAreThrough();
+    void watcherIsDeletedAfterItsCall_data();
+    void watcherIsDeletedAfterItsCall();
 
     void authenticatedStoresTheToken();
+    void tokenIsInUseWhenItIsAnnounced();
     void authenticatedEndsTheRequest();
     void secondTokenReplacesTheFirst();
     void emptyTokenIsPublished();
@@ -276,6 +284,18 @@ void TestClient::falseReplyIsAFailedAuthentication()
     QCOMPARE(log->take(), QStringList());
 }
 
+void TestClient::falseReplyToChangeAuthDataIsNotAFailedChange()
+{
+    daemon.answer("ChangeAuthData", "(false,)");
+    const auto client = newClient();
+    SignalRecorder heard(client.get());
+    client->changeAuthData("code"_s, {});
+    daemon.waitCalls("ChangeAuthData");
+    drain(client.get());
+    QVERIFY(!heard.list().contains("changeAuthDataFailed()"_s));
+    QCOMPARE(heard.list(), (QStringList{noProgress, noProgress, published(QByteArray()), "discredit()"_s}));
+}
+
 void TestClient::errorReplyLeavesProgressAndEmitsNothing_data()
 {
     requestRows();
@@ -366,6 +386,61 @@ void TestClient::lateReplyCounts()
     QVERIFY(!client->authenticated());
 }
 
+void TestClient::watcherLivesUntilItsHandlersAreThrough_data()
+{
+    requestRows();
+}
+
+void TestClient::watcherLivesUntilItsHandlersAreThrough()
+{
+    QFETCH(int, request);
+    daemon.answer(requests[request].method, "(false,)");
+    const auto client = newClient();
+    const auto watchers = [&client] { return client->findChildren<QDBusPendingCallWatcher *>().size(); };
+    int seen = -1;
+    connect(client.get(), &AuthClient::discredit, this, [&] { seen = watchers(); });
+    (client.get()->*requests[request].send)("code"_s, {});
+    QCOMPARE(watchers(), 1);
+    // It belongs to the object inside.
+    QVERIFY(client->findChildren<QDBusPendingCallWatcher *>(QString(), Qt::FindDirectChildrenOnly).isEmpty());
+    QVERIFY(waitFor([&] { return seen >= 0; }));
+    QCOMPARE(seen, 1);
+    QVERIFY(waitFor([&] { return watchers() == 0; }));
+}
+
+void TestClient::watcherIsDeletedAfterItsCall_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::addColumn<QByteArray>("how");
+    for (const char *method : {"Authenticate", "ChangeAuthData", "UnlockIfNeeded"}) {
+        for (const char *how : {"true", "error", "drop"})
+            QTest::addRow("%s %s", method, how) << QByteArray(method) << QByteArray(how);
+    }
+}
+
+void TestClient::watcherIsDeletedAfterItsCall()
+{
+    QFETCH(QByteArray, method);
+    QFETCH(QByteArray, how);
+    if (how == "true")
+        daemon.answer(method.constData(), method == "UnlockIfNeeded" ? "()" : "(true,)");
+    else
+        daemon.misbehave(method.constData(), how.constData());
+    const auto client = newClient();
+    const auto watchers = [&client] { return client->findChildren<QDBusPendingCallWatcher *>().size(); };
+    for (int i = 0; i < 3; ++i) {
+        if (method == "Authenticate")
+            client->authenticate("login"_s, {{"challenge"_s, 1}});
+        else if (method == "ChangeAuthData")
+            client->changeAuthData("code"_s, {{"challenge"_s, 1}});
+        else
+            client->unlockIfNeeded();
+    }
+    QCOMPARE(watchers(), 3);
+    QVERIFY(waitFor([&] { return watchers() == 0; }));
+    QCOMPARE(log->takeComplaints().isEmpty(), how == "true" || method == "UnlockIfNeeded");
+}
+
 void TestClient::authenticatedStoresTheToken()
 {
     daemon.answer("SetDevlockState", "(true,)");
@@ -377,6 +452,21 @@ void TestClient::authenticatedStoresTheToken()
     QVERIFY(client->authenticated());
     QVERIFY(client->setLocked(1));
     QCOMPARE(daemon.calls(), QStringList{peerCall("SetDevlockState", "ayi", '(' + bytes(token) + ", 1)")});
+}
+
+void TestClient::tokenIsInUseWhenItIsAnnounced()
+{
+    daemon.answer("SetDevlockState", "(true,)");
+    const auto client = newClient();
+    QList<bool> results;
+    connect(client.get(), &AuthClient::authenticatedChanged, this, [&] { results.append(client->setLocked(5)); });
+    daemon.emitSignal("Authenticated", reply(token));
+    daemon.emitSignal("Authenticated", reply(secondToken));
+    drain(client.get());
+    QCOMPARE(results, (QList<bool>{true, true}));
+    QCOMPARE(daemon.calls(),
+             (QStringList{peerCall("SetDevlockState", "ayi", '(' + bytes(token) + ", 5)"),
+                          peerCall("SetDevlockState", "ayi", '(' + bytes(secondToken) + ", 5)")}));
 }
 
 void TestClient::authenticatedEndsTheRequest()
@@ -642,6 +732,11 @@ void TestClient::lossOfTheDaemonDropsTheToken()
     QVERIFY(waitFor([&] { return heard.list().size() == 2; }));
     QCOMPARE(heard.list(), dropSignals);
     QVERIFY(!client->authenticated());
+    // Its return is no news.
+    daemon.request(R"({"do":"start"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(heard.list(), dropSignals);
 }
 
 void TestClient::lossOfTheDaemonEndsTheRequest()

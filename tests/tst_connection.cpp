@@ -1,7 +1,10 @@
+#include "../authd/options.h"
 #include "test-case.h"
 
 #include <QtDBus/QDBusConnection>
 #include <QtDBus/QDBusMessage>
+
+#include <thread>
 
 /** The link to the daemon: connections, subscriptions and the challenge, across its restarts. */
 class TestConnection : public TestCase
@@ -12,16 +15,20 @@ private:
     QStringList linkLines() const;
 
 private Q_SLOTS:
+    void optionKeysAreAPrefixAndAName();
+    void clientsOfTheTwoKindsHaveConnectionsOfTheirOwn();
     void constructionLogsInOrder();
     void constructionAsksForTheStateAlone();
     void constructionIntrospectsEachInterfaceOnce();
     void constructionOpensOneConnection();
     void constructionIsSilent();
     void destructionLogs();
+    void destructionLogsWhatIsDone();
     void destructionClosesTheConnection();
     void secondClientSharesTheConnection();
     void destructorDisconnectsByNameThoughAnotherUsesIt();
     void everySignalIsSubscribed();
+    void subscriptionThatFailsWarnsAndIsToldOf();
     void signalsFromAnySenderAreAccepted();
     void signalsOfOtherPathsAndInterfacesAreIgnored();
     void signalsOfOtherSignaturesAreIgnored_data();
@@ -37,7 +44,10 @@ private Q_SLOTS:
     void daemonLeavesWithAChallengeHeldAndReturns();
     void daemonLeavesWithoutAChallengeAndReturns();
     void challengeIsKeptWhileTheDaemonIsAway();
+    void challengeFetchedWhileTheNameIsGoneIsKept();
+    void challengeFetchedOnTheNewsOfTheLossIsKept();
     void oldConnectionIsKeptWhileTheNameIsGone();
+    void signalsAreHeardBeforeTheChallengeIsRequestedAgain();
     void failedRequestAfterTheReturnWarns();
     void nameGoesStraightToAnotherOwner();
     void nameGoesStraightToAnotherOwnerAfterAnEarlierReturn();
@@ -63,6 +73,19 @@ QString authenticateCall(const QByteArray &held)
 QStringList TestConnection::linkLines() const
 {
     return log->lines().filter(QRegularExpression("AuthdConnection|authd reset"_s));
+}
+
+void TestConnection::optionKeysAreAPrefixAndAName()
+{
+    QCOMPARE(Authd::Option::WorkerPrefix, "worker/"_s);
+    QCOMPARE(Authd::Option::WorkerPrefix + Authd::Option::CanSwitchToUser, "worker/can-switch-to-user"_s);
+    QCOMPARE(Authd::Option::DevlockPrefix + Authd::Option::ShowNotifications, "devlock/show-notifications"_s);
+}
+
+void TestConnection::clientsOfTheTwoKindsHaveConnectionsOfTheirOwn()
+{
+    QCOMPARE(Authd::ClientConnectionName, "authd_p2p_client"_s);
+    QCOMPARE(Authd::SettingsConnectionName, "authd_p2p_settings_client"_s);
 }
 
 void TestConnection::constructionLogsInOrder()
@@ -124,6 +147,22 @@ void TestConnection::destructionLogs()
     client.reset();
     QCOMPARE(log->take(),
              QStringList{R"(debug ~AuthdConnection "authd_p2p_client" disconnected from "authd_p2p_client")"_s});
+}
+
+void TestConnection::destructionLogsWhatIsDone()
+{
+    static QtMessageHandler recorder;
+    static QList<bool> connected;
+    connected.clear();
+    auto client = newClient();
+    QVERIFY(QDBusConnection(Authd::ClientConnectionName).isConnected());
+    recorder = qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &context, const QString &text) {
+        connected.append(QDBusConnection(Authd::ClientConnectionName).isConnected());
+        recorder(type, context, text);
+    });
+    client.reset();
+    qInstallMessageHandler(recorder);
+    QCOMPARE(connected, QList<bool>{false});
 }
 
 void TestConnection::destructionClosesTheConnection()
@@ -188,6 +227,25 @@ void TestConnection::everySignalIsSubscribed()
     daemon.emitSignal("StateChanged", "(5,)");
     drainSystemBus();
     QCOMPARE(log->take(), QStringList{"debug handleStateChanged AuthDevlockClient::Unlocked -> 5"_s});
+}
+
+void TestConnection::subscriptionThatFailsWarnsAndIsToldOf()
+{
+    const auto client = newClient();
+    const QDBusConnection bus(Authd::ClientConnectionName);
+    QVERIFY(!Authd::connectToAuthdSignal(this, bus, "First"_s, SLOT(noSuchSlot())));
+    QVERIFY(!Authd::connectToSettingsSignal(this, bus, "Second"_s, SLOT(noSuchSlot())));
+    QVERIFY(!Authd::connectToDevicelockSignal(this, bus, "Third"_s, SLOT(noSuchSlot())));
+    QCOMPARE(log->take().filter("Failed"_s),
+             (QStringList{R"(warning Failed to connect to "First")"_s, R"(warning Failed to connect to "Second")"_s,
+                          R"(warning Failed to connect to "Third")"_s}));
+    // These were not of the library's sources.
+    QCOMPARE(log->takeFaults().size(), 3);
+
+    QVERIFY(Authd::connectToAuthdSignal(this, bus, "First"_s, SLOT(markHeard(int))));
+    QVERIFY(Authd::connectToSettingsSignal(this, bus, "Second"_s, SLOT(markHeard(int))));
+    QVERIFY(Authd::connectToDevicelockSignal(this, bus, "Third"_s, SLOT(markHeard(int))));
+    QCOMPARE(log->take(), QStringList());
 }
 
 void TestConnection::signalsFromAnySenderAreAccepted()
@@ -401,6 +459,63 @@ void TestConnection::challengeIsKeptWhileTheDaemonIsAway()
     QCOMPARE(daemon.calls(), QStringList{authenticateCall(challenge)});
 }
 
+// None was held when the name went, so none is renewed when it comes back.
+void TestConnection::challengeFetchedWhileTheNameIsGoneIsKept()
+{
+    daemon.answer("RequestChallenge", reply(challenge));
+    const auto client = newClient();
+    daemon.request(R"({"do":"release-name"})");
+    QVERIFY(waitFor([this] { return log->contains(R"(debug authd reset "" captured "authd_p2p_client")"_s); }));
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    daemon.clearCalls();
+
+    daemon.request(R"({"do":"own-name"})");
+    awaitReconnection();
+    drain(client.get());
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    QCOMPARE(daemon.calls(), QStringList{authenticateCall(challenge)});
+}
+
+void TestConnection::signalsAreHeardBeforeTheChallengeIsRequestedAgain()
+{
+    const auto client = newClient();
+    client->authenticate("login"_s, {});
+    daemon.waitCalls("Authenticate");
+    drain(client.get());
+    daemon.clearCalls();
+    daemon.misbehave("RequestChallenge", "hold");
+    SignalRecorder heard(client.get());
+    daemon.request(R"({"do":"restart"})");
+    // While the client waits for the challenge.
+    std::thread speaker([] {
+        StandIn other;
+        other.waitCalls("RequestChallenge");
+        other.emitSignal("AuthDataChanged", "()");
+        other.request(R"({"do":"release"})");
+    });
+    awaitReconnection();
+    speaker.join();
+    drain(client.get());
+    QCOMPARE(heard.list(), dropSignals + QStringList{"authDataChanged()"_s});
+}
+
+// What counts is the moment when the name goes, before anybody hears of it.
+void TestConnection::challengeFetchedOnTheNewsOfTheLossIsKept()
+{
+    const auto client = newClient();
+    connect(client.get(), &AuthClient::discredit, this, [&] {
+        QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s), QVariant(5));
+    });
+    daemon.request(R"({"do":"release-name"})");
+    daemon.request(R"({"do":"own-name"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(daemon.waitCalls("FactorMethod").size(), 1);
+    QCOMPARE(daemon.waitCalls("RequestChallenge").size(), 1);
+}
+
 void TestConnection::oldConnectionIsKeptWhileTheNameIsGone()
 {
     const auto client = newClient();
@@ -410,6 +525,7 @@ void TestConnection::oldConnectionIsKeptWhileTheNameIsGone()
     drain(client.get());
     QCOMPARE(daemon.request(R"({"do":"state"})").value("peers"_s).toArray(), peers);
     QVERIFY(linkLines().filter("AuthdConnection"_s).isEmpty());
+    QVERIFY(QDBusConnection(Authd::ClientConnectionName).isConnected());
 
     daemon.request(R"({"do":"own-name"})");
     awaitReconnection();

@@ -1,5 +1,8 @@
 #include "test-case.h"
 
+#include <atomic>
+#include <thread>
+
 /** AuthDevlockClient. */
 class TestDevlock : public TestCase
 {
@@ -20,13 +23,17 @@ private Q_SLOTS:
     void getStateTakesNoOtherReply();
     void lateAnswerCounts();
     void signalBeforeTheAnswer();
+    void lateAnswerCountsAfterASignalToo();
 
     void changesAreFollowed();
+    void changeIsLoggedBeforeItIsAnnounced();
     void repeatedStateIsNotNews();
     void numbersOutsideTheRangeAreKept_data();
     void numbersOutsideTheRangeAreKept();
     void setStateCallsAndChangesNothingHere_data();
     void setStateCallsAndChangesNothingHere();
+    void setStateWaitsForTheAnswer();
+    void setStateOfTheStateHeldIsSent();
     void setStateIsFollowedByTheDaemonsNotice();
     void refusedSetStateIsNotReported();
     void setStateTakesAnyReply();
@@ -38,6 +45,7 @@ private Q_SLOTS:
     void daemonLeavesBeforeItAnswers();
     void twoClientsFollowEachByItself();
     void daemonComesLater();
+    void clientIsOwnedByItsParent();
 };
 
 namespace {
@@ -175,6 +183,22 @@ void TestDevlock::signalBeforeTheAnswer()
     QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
 }
 
+void TestDevlock::lateAnswerCountsAfterASignalToo()
+{
+    daemon.misbehave("GetState", "hold");
+    AuthDevlockClient client;
+    SignalRecorder heard(&client);
+    daemon.waitCalls("GetState");
+    daemon.emitSignal("StateChanged", "(5,)");
+    drainSystemBus();
+    QCOMPARE(client.state(), AuthDevlockClient::SecurityUi);
+    // The stand-in knows nothing of the signal that it was told to send.
+    daemon.request(R"({"do":"release"})");
+    drainSystemBus();
+    QCOMPARE(client.state(), AuthDevlockClient::Unlocked);
+    QCOMPARE(heard.list(), (QStringList{"stateChanged()"_s, "stateChanged()"_s}));
+}
+
 void TestDevlock::changesAreFollowed()
 {
     const auto client = newDevlockClient();
@@ -189,6 +213,16 @@ void TestDevlock::changesAreFollowed()
     QCOMPARE(log->take(),
              (QStringList{change("Unlocked", 1), change("Locked", 2), change("ManagerLockout", 3),
                           change("CodeEntryLockout", 4), change("Undefined", 5), change("SecurityUi", 0)}));
+}
+
+void TestDevlock::changeIsLoggedBeforeItIsAnnounced()
+{
+    const auto client = newDevlockClient();
+    QStringList linesAtChange;
+    connect(client.get(), &AuthDevlockClient::stateChanged, this, [&] { linesAtChange = log->lines(); });
+    daemon.emitSignal("StateChanged", "(5,)");
+    drainSystemBus();
+    QCOMPARE(linesAtChange, QStringList{change("Unlocked", 5)});
 }
 
 void TestDevlock::repeatedStateIsNotNews()
@@ -247,6 +281,32 @@ void TestDevlock::setStateCallsAndChangesNothingHere()
     QCOMPARE(client->state(), AuthDevlockClient::Unlocked);
     QCOMPARE(heard.list(), QStringList());
     QCOMPARE(log->take(), QStringList());
+}
+
+void TestDevlock::setStateWaitsForTheAnswer()
+{
+    daemon.misbehave("SetState", "hold");
+    const auto client = newDevlockClient();
+    std::atomic_bool released = false;
+    std::thread releaser([&released] {
+        StandIn other;
+        other.waitCalls("SetState");
+        released = true;
+        other.request(R"({"do":"release"})");
+    });
+    client->setState(AuthDevlockClient::Locked);
+    const bool waited = released;
+    releaser.join();
+    QVERIFY(waited);
+    drainSystemBus();
+    QCOMPARE(client->state(), AuthDevlockClient::Locked);
+}
+
+void TestDevlock::setStateOfTheStateHeldIsSent()
+{
+    const auto client = newDevlockClient();
+    client->setState(AuthDevlockClient::Unlocked);
+    QCOMPARE(daemon.calls(), QStringList{systemCall("SetState", "i", "(0,)")});
 }
 
 void TestDevlock::setStateIsFollowedByTheDaemonsNotice()
@@ -376,6 +436,15 @@ void TestDevlock::daemonComesLater()
     QCOMPARE(client.state(), AuthDevlockClient::Locked);
     QCOMPARE(heard.list(), QStringList{"stateChanged()"_s});
     QCOMPARE(daemon.calls(), QStringList());
+}
+
+void TestDevlock::clientIsOwnedByItsParent()
+{
+    auto parent = std::make_unique<QObject>();
+    const QPointer<AuthDevlockClient> client = new AuthDevlockClient(parent.get());
+    QCOMPARE(client->parent(), parent.get());
+    parent.reset();
+    QVERIFY(!client);
 }
 
 QTEST_GUILESS_MAIN(TestDevlock)

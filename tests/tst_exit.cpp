@@ -46,6 +46,9 @@ private Q_SLOTS:
 
 namespace {
 const QString noSocket =
+    QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd.socket" "authd_p2p_client" ".+")");
+// The toolkit may know of no error when the connection was closed later.
+const QString closedSocket =
     QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd.socket" "authd_p2p_client" ".*")");
 const QString noBus = QStringLiteral(R"(Cannot connect to "vantora.AuthService" ".+")");
 
@@ -57,6 +60,10 @@ void TestExit::start(QProcess &host, const QStringList &arguments, Bus bus)
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("QT_MESSAGE_PATTERN"), QStringLiteral("%{type} %{file} %{message}"));
     environment.remove(QStringLiteral("QT_LOGGING_RULES"));
+    // The toolkit leaves objects behind where no event loop ever ran, and some hosts their client; what nothing points to
+    // any more is found by memcheck.
+    environment.insert(QStringLiteral("ASAN_OPTIONS"),
+                       environment.value(QStringLiteral("ASAN_OPTIONS")) + QStringLiteral(":detect_leaks=0"));
     if (bus == WithoutBus)
         environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), QStringLiteral("unix:path=/run/no-bus"));
     host.setProcessEnvironment(environment);
@@ -79,7 +86,7 @@ void TestExit::waitReady(QProcess &host)
         qFatal("The host writes something else");
 }
 
-// Without a critical line expected there must be no warning either.
+// Without a critical line expected there must be no warning of the toolkit either.
 void TestExit::checkEnd(QProcess &host, int status, const QString &critical)
 {
     if (host.state() != QProcess::NotRunning && !host.waitForFinished(60000)) {
@@ -96,8 +103,13 @@ void TestExit::checkEnd(QProcess &host, int status, const QString &critical)
     const QStringList criticals = lines.filter(QRegularExpression("^(critical|fatal) "_s));
     if (critical.isEmpty()) {
         QCOMPARE(criticals, QStringList());
+        // The library's own tell of calls that failed.
+        QCOMPARE(lines.filter(QRegularExpression("^warning (?!src/)"_s)), QStringList());
     } else {
         QVERIFY2(criticals.size() == 1, qPrintable(text));
+        // Nobody has said before that all is well.
+        if (critical == noBus)
+            QCOMPARE(lines.first(), criticals.first());
         QVERIFY2(QRegularExpression("^critical src/[a-z-]+\\.cpp "_s + critical + QLatin1Char('$'))
                      .match(criticals.first())
                      .hasMatch(),
@@ -162,7 +174,7 @@ void TestExit::socketAcceptsAndCloses()
     daemon.request(R"({"do":"accept","how":"close"})");
     QProcess host;
     start(host, arguments);
-    checkEnd(host, 1, noSocket);
+    checkEnd(host, 1, closedSocket);
 }
 
 void TestExit::socketIsMissingForASecondClient_data()
@@ -179,7 +191,7 @@ void TestExit::socketIsMissingForASecondClient()
     waitReady(host);
     daemon.request(R"({"do":"stop"})");
     host.write("\n");
-    checkEnd(host, 1, noSocket);
+    checkEnd(host, 1, closedSocket);
 }
 
 void TestExit::busIsMissing_data()

@@ -1,6 +1,7 @@
 #include "test-case.h"
 
 #include <QtDBus/QDBusArgument>
+#include <QtDBus/QDBusPendingCallWatcher>
 
 /** Calls of a factor's methods, with a callback and waiting, and the factors' signals. */
 class TestFactorMethod : public TestCase
@@ -29,6 +30,7 @@ private Q_SLOTS:
     void callbackIsCopied();
     void callbackMayCallAgain();
     void callbacksAreCalledInTheOrderOfTheReplies();
+    void watcherBelongsToTheClientAndIsDeletedAfterTheCallback();
     void emptyCallbackIsNotCalled();
     void emptyCallbackOnFailure();
     void callWithoutAPeerFails();
@@ -283,12 +285,29 @@ void TestFactorMethod::callbacksAreCalledInTheOrderOfTheReplies()
     QCOMPARE(m_results, (QList<QVariant>{1, 2, 0}));
 }
 
+void TestFactorMethod::watcherBelongsToTheClientAndIsDeletedAfterTheCallback()
+{
+    const auto client = newClient();
+    const auto watchers = [&client] {
+        return client->findChildren<QDBusPendingCallWatcher *>(QString(), Qt::FindDirectChildrenOnly).size();
+    };
+    int seen = -1;
+    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s,
+                         [&](const QVariant &) { seen = watchers(); });
+    QCOMPARE(watchers(), 1);
+    QVERIFY(waitFor([&] { return seen >= 0; }));
+    QCOMPARE(seen, 1);
+    QVERIFY(waitFor([&] { return watchers() == 0; }));
+}
+
 void TestFactorMethod::emptyCallbackIsNotCalled()
 {
     const auto client = newClient();
     client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, ValueCallBack());
     client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 6}}, "code"_s, nullptr);
     QCOMPARE(daemon.waitCalls("FactorMethod", 2).size(), 2);
+    // The replies are taken all the same.
+    QVERIFY(waitFor([&] { return client->findChildren<QDBusPendingCallWatcher *>().isEmpty(); }));
     drain(client.get());
     QCOMPARE(log->take(), QStringList());
 }

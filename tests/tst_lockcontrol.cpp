@@ -8,6 +8,7 @@ class TestLockControl : public TestCase
 private Q_SLOTS:
     void setLockedWithoutATokenIsRefusedHere();
     void setLockedAfterADropIsRefusedHere();
+    void setLockedWithAnEmptyTokenOfTheDaemonIsRefusedHere();
     void setLockedSendsTokenAndState_data();
     void setLockedSendsTokenAndState();
     void setLockedReturnsTheDaemonsFalse();
@@ -32,6 +33,8 @@ private Q_SLOTS:
     void dropWithoutATokenTells();
     void dropForgetsTheToken();
     void dropEndsTheRequest();
+    void dropEndsTheRequestBeforeItForgetsTheToken();
+    void tokenIsGoneWhenTheDropIsAnnounced();
     void dropDoesNotCall();
     void dropInsideADropHandler();
 
@@ -61,6 +64,16 @@ void TestLockControl::setLockedAfterADropIsRefusedHere()
     const auto client = newClient();
     grant(client.get(), token);
     client->dropAuthentication();
+    QVERIFY(!client->setLocked(1));
+    QCOMPARE(log->take(), QStringList{noToken});
+    QCOMPARE(daemon.calls(), QStringList());
+}
+
+void TestLockControl::setLockedWithAnEmptyTokenOfTheDaemonIsRefusedHere()
+{
+    const auto client = newClient();
+    grant(client.get(), QByteArray());
+    QVERIFY(client->authenticated());
     QVERIFY(!client->setLocked(1));
     QCOMPARE(log->take(), QStringList{noToken});
     QCOMPARE(daemon.calls(), QStringList());
@@ -329,6 +342,40 @@ void TestLockControl::dropEndsTheRequest()
     client->dropAuthentication();
     QCOMPARE(heard.list(), QStringList{"progressChanged()"_s} + dropSignals);
     QVERIFY(!client->progress());
+}
+
+void TestLockControl::dropEndsTheRequestBeforeItForgetsTheToken()
+{
+    daemon.misbehave("Authenticate", "hold");
+    daemon.answer("SetDevlockState", "(true,)");
+    const auto client = newClient();
+    grant(client.get(), token);
+    client->authenticate("login"_s, {{"challenge"_s, 1}});
+    daemon.waitCalls("Authenticate");
+    daemon.clearCalls();
+    QList<bool> results;
+    connect(client.get(), &AuthClient::progressChanged, this, [&] {
+        QVERIFY(client->authenticated());
+        results.append(client->setLocked(5));
+    });
+    client->dropAuthentication();
+    QCOMPARE(results, QList<bool>{true});
+    QCOMPARE(daemon.calls(), QStringList{peerCall("SetDevlockState", "ayi", '(' + bytes(token) + ", 5)")});
+}
+
+void TestLockControl::tokenIsGoneWhenTheDropIsAnnounced()
+{
+    daemon.answer("SetDevlockState", "(true,)");
+    const auto client = newClient();
+    grant(client.get(), token);
+    QList<bool> results;
+    const auto lock = [&] { results.append(client->setLocked(5)); };
+    connect(client.get(), &AuthClient::authenticatedChanged, this, lock);
+    connect(client.get(), &AuthClient::discredit, this, lock);
+    client->dropAuthentication();
+    QCOMPARE(results, (QList<bool>{false, false}));
+    QCOMPARE(log->take(), (QStringList{noToken, noToken}));
+    QCOMPARE(daemon.calls(), QStringList());
 }
 
 void TestLockControl::dropDoesNotCall()

@@ -10,12 +10,14 @@ class TestRestart : public TestCase
 
 private:
     QByteArray instance();
+    void checkComplaintsOfTheOtherCall();
 
 private Q_SLOTS:
     void eachCallEndsOnce_data();
     void eachCallEndsOnce();
     void unlockIfNeededIsAnsweredOnce_data();
     void unlockIfNeededIsAnsweredOnce();
+    void unlockIfNeededIsAnsweredThoughAnUnaskedSignalCameBefore();
     void unlockIfNeededIsAnsweredWhenTheNewInstanceCanBeAsked();
     void unlockIfNeededFailsWhenTheDaemonDiesBetweenItsSignalAndItsReply();
     void unlockIfNeededIsNotAnsweredAgain_data();
@@ -35,6 +37,7 @@ private Q_SLOTS:
     void restartsThatAreNoticedLate();
     void twoClientsReturnEach();
     void peersAreDroppedAndTheNameStays();
+    void secondClientConnectsThoughTheFirstHasLostItsPeer();
     void authenticationGoesOnAfterARestart();
 };
 
@@ -45,6 +48,15 @@ const QVariantMap withChallenge{{QStringLiteral("challenge"), 1}};
 QByteArray TestRestart::instance()
 {
     return QByteArray::number(daemon.request(R"({"do":"state"})").value("instance"_s).toInt());
+}
+
+// A call of a factor's method fails with its connection, or is answered.
+void TestRestart::checkComplaintsOfTheOtherCall()
+{
+    const QStringList complaints = log->takeComplaints();
+    QVERIFY(complaints.size() <= 1);
+    for (const QString &line : complaints)
+        QVERIFY2(line.startsWith(R"(warning reply isError: ")"_s), qPrintable(line));
 }
 
 void TestRestart::eachCallEndsOnce_data()
@@ -162,8 +174,24 @@ void TestRestart::unlockIfNeededIsAnsweredOnce()
         for (int i = 0; i < asked; ++i)
             expected.append("unlockIfNeededFinished(false)"_s);
         QCOMPARE(answers(), expected);
-        log->takeComplaints();
+        checkComplaintsOfTheOtherCall();
     }
+}
+
+void TestRestart::unlockIfNeededIsAnsweredThoughAnUnaskedSignalCameBefore()
+{
+    const auto client = newClient();
+    daemon.answer("UnlockIfNeeded", "()");
+    daemon.emitSignal("UnlockIfNeededFinished", "(true,)");
+    drain(client.get());
+    SignalRecorder heard(client.get());
+    client->unlockIfNeeded();
+    daemon.waitCalls("UnlockIfNeeded");
+    drain(client.get());
+    daemon.request(R"({"do":"handover"})");
+    awaitReconnection();
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList{"unlockIfNeededFinished(false)"_s});
 }
 
 void TestRestart::unlockIfNeededIsAnsweredWhenTheNewInstanceCanBeAsked()
@@ -231,8 +259,7 @@ void TestRestart::unlockIfNeededIsNotAnsweredAgain()
     QVERIFY(waitFor([&] { return ended; }));
     drain(client.get());
     QCOMPARE(heard.list().filter("unlockIfNeededFinished"_s), answers);
-    // Of the other call.
-    log->takeComplaints();
+    checkComplaintsOfTheOtherCall();
 }
 
 void TestRestart::clientIsDeletedInTheFirstOfTwoUnlockAnswers()
@@ -376,15 +403,23 @@ void TestRestart::blockingCallsWhileTheDaemonIsAway()
     // The client has not noticed yet.
     QVERIFY(!client->setLocked(1));
     QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
-    QCOMPARE(log->takeComplaints()
-                 .filter(QRegularExpression("^warning (setLocked|request|factorMethodWait) failed: \".+\"$"_s))
-                 .size(),
-             3);
+    const auto checkComplaints = [this](const QStringList &operations) {
+        const QStringList complaints = log->takeComplaints();
+        QCOMPARE(complaints.size(), operations.size());
+        for (int i = 0; i < complaints.size(); ++i) {
+            const QRegularExpression expected("^warning %1 failed: \".+\"$"_s.arg(operations.at(i)));
+            QVERIFY2(expected.match(complaints.at(i)).hasMatch(), qPrintable(complaints.at(i)));
+        }
+    };
+    checkComplaints({"setLocked"_s, "request"_s, "factorMethodWait"_s});
     QVERIFY(waitFor([this] { return log->contains(R"(debug authd reset "" captured "authd_p2p_client")"_s); }));
     // And now it has.
     QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
     QVERIFY(!client->setLocked(1));
-    QCOMPARE(log->takeComplaints().size(), 3);
+    // The token went with the daemon.
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 3);
+    QCOMPARE(complaints.last(), "warning setLocked m_authToken is empty, not authenticated request"_s);
 }
 
 void TestRestart::blockingCallsOfACrashingDaemon_data()
@@ -449,7 +484,11 @@ void TestRestart::callsBeforeTheReturnIsNoticed()
     drain(client.get());
     QCOMPARE(called, 1);
     QCOMPARE(heard.list().count("unlockIfNeededFinished(false)"_s), 1);
-    log->takeComplaints();
+    QCOMPARE(heard.list().size(), 3);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 2);
+    QVERIFY2(complaints.first().startsWith(R"(warning request failed: ")"_s), qPrintable(complaints.first()));
+    QVERIFY2(complaints.last().startsWith(R"(warning reply isError: ")"_s), qPrintable(complaints.last()));
 }
 
 void TestRestart::manyRestarts()
@@ -517,6 +556,17 @@ void TestRestart::peersAreDroppedAndTheNameStays()
     daemon.request(R"({"do":"restart"})");
     awaitReconnection();
     QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s), QVariant(5));
+}
+
+void TestRestart::secondClientConnectsThoughTheFirstHasLostItsPeer()
+{
+    const auto first = newClient();
+    daemon.request(R"({"do":"drop-peers"})");
+    QVERIFY(!first->factorMethodWait({}, "code"_s).isValid());
+    log->take();
+    const auto second = newClient();
+    QCOMPARE(second->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s), QVariant(5));
+    QCOMPARE(daemon.peerCount(), 1);
 }
 
 void TestRestart::authenticationGoesOnAfterARestart()

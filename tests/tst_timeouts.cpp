@@ -62,7 +62,9 @@ void TestTimeouts::setLocked()
     timer.start();
     QVERIFY(!client->setLocked(1));
     QVERIFY2(isTimeout(timer.elapsed()), qPrintable(QString::number(timer.elapsed())));
-    QCOMPARE(log->takeComplaints().filter(QRegularExpression("^warning setLocked failed: \".+\"$"_s)).size(), 1);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 1);
+    QVERIFY(QRegularExpression("^warning setLocked failed: \".+\"$"_s).match(complaints.first()).hasMatch());
     QVERIFY(client->authenticated());
     drain(client.get());
 }
@@ -75,7 +77,9 @@ void TestTimeouts::factorMethodWait()
     timer.start();
     QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
     QVERIFY2(isTimeout(timer.elapsed()), qPrintable(QString::number(timer.elapsed())));
-    QCOMPARE(log->takeComplaints().filter(QRegularExpression("^warning factorMethodWait failed: \".+\"$"_s)).size(), 1);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 1);
+    QVERIFY(QRegularExpression("^warning factorMethodWait failed: \".+\"$"_s).match(complaints.first()).hasMatch());
     drain(client.get());
 }
 
@@ -91,7 +95,9 @@ void TestTimeouts::challenge()
     QVERIFY(client->progress());
     QCOMPARE(daemon.waitCalls("Authenticate"),
              QStringList{peerCall("Authenticate", "sa{sv}", "('login', {'challenge': <@ay []>})")});
-    QCOMPARE(log->takeComplaints().filter(QRegularExpression("^warning request failed: \".+\"$"_s)).size(), 1);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 1);
+    QVERIFY(QRegularExpression("^warning request failed: \".+\"$"_s).match(complaints.first()).hasMatch());
 }
 
 void TestTimeouts::setState()
