@@ -53,23 +53,28 @@ QJsonObject stateDetails(AuthDevlockClient::LockState state)
     return {{QStringLiteral("state"), stateName(state)}, {QStringLiteral("number"), int(state)}};
 }
 
-/** Enough of a token to tell it from another, too little to use it. */
+/** Enough of a token to tell it from another, too little to use it; nothing of a short one. */
 QString tokenBeginning(const QByteArray &token)
 {
-    return QString::fromLatin1(token.left(2).toHex());
+    return token.size() > 8 ? QString::fromLatin1(token.left(2).toHex()) : QString();
 }
 
 QString tokenText(const QByteArray &token)
 {
-    return QStringLiteral("token of %1 bytes, %2…").arg(token.size()).arg(tokenBeginning(token));
+    const QString begins = tokenBeginning(token);
+    return QStringLiteral("token of %1 bytes").arg(token.size())
+        + (begins.isEmpty() ? QString() : QStringLiteral(", %1…").arg(begins));
 }
 
 QJsonObject tokenDetails(const QByteArray &token)
 {
     if (token.isEmpty())
         return {{QStringLiteral("token"), QJsonValue()}};
-    return {{QStringLiteral("token"),
-             QJsonObject{{QStringLiteral("length"), token.size()}, {QStringLiteral("begins"), tokenBeginning(token)}}}};
+    QJsonObject details{{QStringLiteral("length"), token.size()}};
+    const QString begins = tokenBeginning(token);
+    if (!begins.isEmpty())
+        details.insert(QStringLiteral("begins"), begins);
+    return {{QStringLiteral("token"), details}};
 }
 
 QString toText(const QJsonValue &value)
@@ -100,6 +105,13 @@ QStringList splitLine(const QString &line)
         words.last() += match.captured(match.lastCapturedIndex());
     }
     return words;
+}
+
+/** Whether the secret comes with the next line, as far as can be told of a line that is wrong. */
+bool announcesSecret(const QString &line)
+{
+    static const QRegularExpression announcement(QStringLiteral("--?data['\"]?[\\s=]\\s*['\"]?-['\"]?(\\s|$)"));
+    return announcement.match(line).hasMatch();
 }
 
 } // namespace
@@ -298,10 +310,16 @@ int Console::runSession(const Request &session)
         if (text.isEmpty() || text.startsWith(QLatin1Char('#')))
             continue;
         QString problem;
-        auto request = parseRequest(splitLine(text), &session, problem);
+        const QStringList words = splitLine(text);
+        const auto request = parseRequest(words, &session, problem);
         if (!request) {
-            m_command = text.section(QLatin1Char(' '), 0, 0);
+            m_command = isCommand(words.value(1)) ? words.value(1) : QString();
+            const bool secretFollows = announcesSecret(text);
+            if (secretFollows)
+                problem += QStringLiteral("; the next line is dropped: it should be the secret");
             status = finish(WrongUsage, problem);
+            if (secretFollows && !readLine(line))
+                break;
             continue;
         }
         if (request->command == QLatin1String("quit"))

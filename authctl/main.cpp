@@ -3,8 +3,6 @@
 
 #include <QtCore/QCoreApplication>
 
-#include <cstdio>
-
 namespace {
 
 Output *messages = nullptr;
@@ -23,11 +21,11 @@ int main(int argc, char *argv[])
     QCoreApplication app(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.contains(QStringLiteral("--help")) || arguments.contains(QStringLiteral("-h"))) {
-        fputs(Help, stdout);
+        Output(false).print(stdout, Help);
         return Done;
     }
     if (arguments.contains(QStringLiteral("--version"))) {
-        puts("authctl " AUTHCTL_VERSION);
+        Output(false).print(stdout, "authctl " AUTHCTL_VERSION);
         return Done;
     }
 

@@ -1,9 +1,13 @@
 #include "output.h"
 
+#include "request.h"
+
 #include <QtCore/QDateTime>
 #include <QtCore/QJsonDocument>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -67,7 +71,10 @@ void Output::print(FILE *file, const QByteArray &line)
 {
     const bool waiting = m_waiting;
     setWaiting(false);
-    fputs((line + '\n').constData(), file);
-    fflush(file);
+    const bool ok = fputs((line + '\n').constData(), file) >= 0 && fflush(file) == 0;
+    if (!ok && file == stdout) {
+        message(QStringLiteral("the output cannot be written: %1").arg(QString::fromLocal8Bit(strerror(errno))));
+        _exit(CannotWrite);
+    }
     setWaiting(waiting);
 }

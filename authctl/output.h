@@ -17,10 +17,10 @@ public:
     void setWaiting(bool waiting);
     /** Shows what is not part of the output proper. */
     void message(const QString &text);
-
-private:
+    /** Prints a line; ends the process when standard output does not take it. */
     void print(FILE *file, const QByteArray &line);
 
+private:
     const bool m_json;
     bool m_waiting = false;
 };

@@ -34,7 +34,8 @@ Options:
   --timeout SECONDS give up waiting for an outcome after so long (default: 30)
   --json            print one JSON object a line
   --verbose         show the library's debug messages as well
-  --help, --version
+  -h, --help        print this help
+  --version         print the version
 
 In a session also: drop (forget the token), quit, and the option --token of lock, unlock and set-state: act with the
 token of the session. Quotes group words, # starts a comment line.
@@ -49,8 +50,8 @@ Exit status:
   3  refused by the daemon, or not authenticated
   4  no outcome in time
   5  interrupted
-A session ends with the status of its last command.
-)";
+  6  the output cannot be written
+A session ends with the status of its last command.)";
 
 namespace {
 
@@ -88,7 +89,20 @@ std::optional<int> parseState(const QString &text)
     return ok ? std::optional<int>(number) : std::nullopt;
 }
 
+const Command *findCommand(const QString &word)
+{
+    const auto *command = std::find_if(std::begin(Commands), std::end(Commands), [&word](const Command &candidate) {
+        return word == QLatin1String(candidate.name);
+    });
+    return command == std::end(Commands) ? nullptr : command;
+}
+
 } // namespace
+
+bool isCommand(const QString &word)
+{
+    return findCommand(word) != nullptr;
+}
 
 std::optional<Request> parseRequest(const QStringList &words, const Request *session, QString &problem)
 {
@@ -105,22 +119,23 @@ std::optional<Request> parseRequest(const QStringList &words, const Request *ses
         problem = text;
         return std::nullopt;
     };
+    const auto refuseWord = [&refuse, session](const QString &text, const QString &word) {
+        return refuse(session ? text : QStringLiteral("%1: \"%2\"").arg(text, word));
+    };
     const auto isSet = [&parser](const char *name) { return parser.isSet(QLatin1String(name)); };
     const auto value = [&parser](const char *name) { return parser.value(QLatin1String(name)); };
 
     if (!parser.parse(words))
-        return refuse(parser.errorText());
+        return refuse(session ? QStringLiteral("unknown option, or value missing or not wanted") : parser.errorText());
     QStringList arguments = parser.positionalArguments();
     if (arguments.isEmpty())
         return refuse(QStringLiteral("no command given"));
 
     Request request;
     request.command = arguments.takeFirst();
-    const auto *command = std::find_if(std::begin(Commands), std::end(Commands), [&request](const Command &candidate) {
-        return request.command == QLatin1String(candidate.name);
-    });
-    if (command == std::end(Commands))
-        return refuse(QStringLiteral("there is no command \"%1\"").arg(request.command));
+    const Command *command = findCommand(request.command);
+    if (!command)
+        return refuseWord(QStringLiteral("there is no such command"), request.command);
     const bool setsState = request.command == QLatin1String("set-state") || request.command == QLatin1String("lock")
         || request.command == QLatin1String("unlock");
     if (!session && command->sessionOnly)
@@ -130,10 +145,12 @@ std::optional<Request> parseRequest(const QStringList &words, const Request *ses
     if (arguments.size() < command->minimum)
         return refuse(QStringLiteral("%1 wants more arguments").arg(request.command));
     if (arguments.size() > command->maximum) {
-        return refuse(
-            QStringLiteral("too many arguments for %1; secrets are read from the terminal, or with --data - or "
-                           "--data-fd, but never from the command line, where everybody can see them")
-                .arg(request.command));
+        const QString tooMany = QStringLiteral("too many arguments for %1").arg(request.command);
+        if (!setsState && request.command != QLatin1String("authenticate"))
+            return refuse(tooMany);
+        return refuse(tooMany
+                      + QStringLiteral("; secrets are read from the terminal, or with --data - or --data-fd, but never "
+                                       "from the command line, where everybody can see them"));
     }
 
     request.factor = value("factor");
@@ -186,7 +203,7 @@ std::optional<Request> parseRequest(const QStringList &words, const Request *ses
     if (request.command == QLatin1String("set-state")) {
         const auto state = parseState(arguments.first());
         if (!state)
-            return refuse(QStringLiteral("there is no state \"%1\"").arg(arguments.first()));
+            return refuseWord(QStringLiteral("there is no such state"), arguments.first());
         request.state = *state;
     } else if (request.command == QLatin1String("lock")) {
         request.state = AuthDevlockClient::Locked;
@@ -196,8 +213,9 @@ std::optional<Request> parseRequest(const QStringList &words, const Request *ses
         request.calledFactor = arguments.takeFirst();
         request.params.insert(QStringLiteral("type"), arguments.takeFirst());
         for (const QString &argument : qAsConst(arguments)) {
-            if (!parseParameter(argument, request.params))
-                return refuse(QStringLiteral("\"%1\" is not KEY=VALUE or KEY:TYPE=VALUE").arg(argument));
+            const QString wrong = parseParameter(argument, request.params);
+            if (!wrong.isEmpty())
+                return refuseWord(wrong, argument);
         }
     }
     return request;

@@ -13,6 +13,7 @@ enum Status {
     Refused = 3,
     NoOutcome = 4,
     Interrupted = 5,
+    CannotWrite = 6,
 };
 
 /** One command with its arguments, as typed on the command line or as a line of a session. */
@@ -44,11 +45,15 @@ struct Request
 /** The help text. */
 extern const char Help[];
 
+/** Whether a word is the name of a command. */
+bool isCommand(const QString &word);
+
 /**
  * Understands a command and its arguments.
  *
  * @param words   the program's name followed by its arguments
  * @param session the session that they are a line of, or nullptr
- * @param problem set to what is wrong with them when nothing is returned
+ * @param problem set to what is wrong with them when nothing is returned; repeats no word of a session, which may be
+ *                a secret that has come too early or too late
  */
 std::optional<Request> parseRequest(const QStringList &words, const Request *session, QString &problem);

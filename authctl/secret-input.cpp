@@ -64,6 +64,8 @@ std::optional<QByteArray> readSecretFromTerminal(const char *prompt)
     if (ok) {
         termios silent = savedSettings;
         silent.c_lflag &= ~tcflag_t(ECHO | ECHONL);
+        // A stopped process would leave the terminal silent.
+        silent.c_cc[VSUSP] = _POSIX_VDISABLE;
         silentTerminal = terminal;
         ok = tcsetattr(terminal, TCSAFLUSH, &silent) == 0 && write(terminal, prompt, strlen(prompt)) > 0
             && readAll(terminal, true, secret);

@@ -16,7 +16,7 @@ status()
     output=$("$@" 2>&1)
     got=$?
     count=$((count + 1))
-    if [ $got -ne "$expected" ] || ! [[ $output =~ $pattern ]] || [[ $output =~ 1234|[0-9a-f]{9} ]]; then
+    if [ $got -ne "$expected" ] || ! [[ $output =~ $pattern ]] || [[ $output =~ 1234|geheim|[0-9a-f]{9} ]]; then
         failures=$((failures + 1))
         printf 'FAIL: %s\n  status %s, expected %s; printed: %s\n  expected: %s\n' "$*" $got "$expected" "$output" "$pattern"
     fi
@@ -52,6 +52,20 @@ on_terminal() # KEYS COMMAND
     return $ended
 }
 
+tells() # TEXT COMMAND…
+{
+    [[ $("${@:2}") == *"$1"* ]]
+}
+
+short_token() # ARGUMENT…
+{
+    ctl '{"do":"misbehave","method":"Authenticate","how":"reply","value":"(true,)"}' '{"do":"clear-calls"}'
+    printf '1234' | "$authctl" authenticate login --factor code --data - "$@" &
+    ctl '{"do":"wait-calls","method":"Authenticate","count":1,"timeout":5000}' \
+        '{"do":"emit","signal":"Authenticated","args":"([byte 0x61, 0x62, 0x63, 0x64],)"}' '{"do":"behave"}'
+    wait $!
+}
+
 ended_by() # SIGNAL ARGUMENT…
 {
     rm -f "$dir/out"
@@ -74,10 +88,27 @@ status 0 '^7$' "$authctl" factor-method code echo value:u=7
 status 0 '^00ff$' "$authctl" factor-method code echo value:ay=00ff
 status 0 '^\["a","b"\]$' "$authctl" factor-method code echo value:as=a,b
 status 0 '^x=y$' "$authctl" factor-method code echo value=x=y
-status 0 'Exit status' "$authctl" --help
+status 0 '-h, --help.*Exit status' "$authctl" --help
+status 0 'Exit status' "$authctl" -h
 status 0 '^authctl [0-9.]+$' "$authctl" --version
 status 0 '' ended_by TERM watch
 status 0 '' ended_by INT watch --json
+
+status 0 'token of 4 bytes\)$' short_token
+status 0 '"token":\{"length":4\}' short_token --json
+
+status 0 '' tells '"value":9007199254740992}' "$authctl" factor-method code echo value:x=9007199254740992 --json
+status 0 '' tells '"value":"-9007199254740993"}' "$authctl" factor-method code echo value:x=-9007199254740993 --json
+status 0 '' tells '"value":"18446744073709551615"}' "$authctl" factor-method code echo value:t=18446744073709551615 --json
+
+# Nested answers and signals
+status 0 '^\{"a":\[1,\{"b":\[true,"c",\[\]\]\}\]\}$' "$authctl" factor-method code echo 'value:json={"a":[1,{"b":[true,"c",[]]}]}'
+status 0 '"factor":"code","params":\{"a":\[\[2\],\{"b":\{\}\}\]\}' session \
+    "factor-method code notify 'params:json={\"a\":[[2],{\"b\":{}}]}'" 'factor-method code echo value=v'
+ctl '{"do":"misbehave","method":"FactorMethod","how":"reply","value":"(<(1, <'"'a'"'>, {uint32 7: [(true, [byte 0xff])]}, [objectpath '"'/o'"'], <<signature '"'as'"'>>, [<[[5]]>])>,)"}'
+status 0 '^\[1,"a",\{"7":\[\[true,"ff"\]\]\},\["/o"\],"as",\[\[\[5\]\]\]\]$' "$authctl" factor-method code any
+status 0 '"value":\[1,"a",\{"7":\[\[true,"ff"\]\]\},\["/o"\],"as",\[\[\[5\]\]\]\]' "$authctl" factor-method code any --json
+ctl '{"do":"behave"}'
 
 # The types go out as asked for.
 ctl '{"do":"clear-calls"}'
@@ -87,13 +118,22 @@ status 0 "'a': <byte 0x01>, 'b': <int16 -2>, 'c': <uint16 3>, 'd': <-4>, 'e': <u
 
 # 2: wrong usage
 status 2 'no command' "$authctl"
-status 2 'no command "bogus"' "$authctl" bogus
+status 2 'no such command: "bogus"' "$authctl" bogus
 status 2 'wants --factor' "$authctl" authenticate login
 status 2 'everybody can see' "$authctl" authenticate login --factor code --data geheim
 status 2 'never from the command line' "$authctl" authenticate login geheim --factor code
-status 2 'no state "open"' "$authctl" set-state open
+status 2 'never from the command line' "$authctl" unlock geheim --factor code
+status 2 'too many arguments for state \(see' "$authctl" state extra
+status 2 'no such state: "open"' "$authctl" set-state open
 status 2 'wants a number' "$authctl" state --timeout soon
-status 2 'is not KEY=VALUE' "$authctl" factor-method code echo value:y=256
+status 2 'not KEY=VALUE' "$authctl" factor-method code echo value
+status 2 'no such type: "value:z=1"' "$authctl" factor-method code echo value:z=1
+status 2 'not of its type' "$authctl" factor-method code echo value:b=yes
+status 2 'not a number from 0 to 255: "value:y=256"' "$authctl" factor-method code echo value:y=256
+status 2 'not a number from -32768 to 32767' "$authctl" factor-method code echo value:n=-32769
+status 2 'not a number from 0 to 65535' "$authctl" factor-method code echo value:q=-1
+status 2 'given twice' "$authctl" factor-method code echo type:u=7
+status 2 'given twice' "$authctl" factor-method code echo value=a value=b
 status 2 'in a session' "$authctl" lock --token
 status 2 'a command of a session' "$authctl" drop
 status 2 'no terminal' setsid -w "$authctl" authenticate login --factor code
@@ -111,11 +151,26 @@ status 3 '"state":"Unlocked","status":0.*"event":"discredit".*"state":"Locked","
 status 0 '"command":"drop","ok":true' session 'authenticate unlock --factor code --data -' 1234 drop quit bogus
 status 0 '"factor":"code","params":\{"a b":"c"\}' session \
     "factor-method code notify 'params:json={\"a b\":\"c\"}'" 'factor-method code echo value=v'
-status 2 'no command \\"bogus\\"' session state bogus
+status 2 'no such command' session state bogus
+
+# After a line that is wrong, the line of the secret is neither repeated nor taken for a command.
+for line in 'authenticate --factor code --data -' 'authenticate login --factr code --data=-' 'bogus --data "-"' '--data -'; do
+    status 0 'is dropped.*"ok":false,"status":2.*"command":"state","number":1,"ok":true' session "$line" 'geheim 1234' state
+    status 2 'is dropped' session "$line"
+done
+# Words that are out of place may be secrets.
+for line in geheim 'state geheim' 'set-state geheim' 'state --geheim' 'factor-method code echo geheim' 'geheim lock' \
+    'lock --data-fd geheim' 'lock --factor code --uid geheim'; do
+    status 0 '"ok":false,"status":2.*"command":"state","number":1,"ok":true' session "$line" state
+done
 
 # The terminal shows no secret, and shows again what is typed afterwards.
 status 0 'Authenticated for login.* echo ' on_terminal '1234\n' "$authctl authenticate login --factor code && stty -a"
 status 5 'code: ' on_terminal '\003' "trap : INT; $authctl authenticate login --factor code; status=\$?; stty -a | grep -q ' echo ' && exit \$status"
+
+# Nor can it be left silent by stopping the process.
+status 0 'Authenticated for login.* susp = \^Z' on_terminal '\x1a\x151234\n' \
+    "bash -mc '$authctl authenticate login --factor code && stty -a'"
 
 # 4: no outcome in time
 ctl '{"do":"misbehave","method":"Authenticate","how":"mute"}'
@@ -129,6 +184,12 @@ ctl '{"do":"wait-calls","method":"FactorMethod","count":1,"timeout":5000}'
 kill -TERM $!
 wait $!
 status 5 '' bash -c "exit $?"
+
+# 6: nobody takes the output
+for arguments in state 'state --json' session --help -h --version; do
+    status 6 'the output cannot be written: No space left' bash -c "$authctl $arguments >/dev/full <<<state"
+done
+status 3 'not unlocked' bash -c "$authctl unlock-if-needed >/dev/full"
 
 # 1: the daemon is away
 ctl '{"do":"stop"}'

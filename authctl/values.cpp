@@ -4,23 +4,30 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
+#include <QtDBus/QDBusArgument>
 
 #include <limits>
 
 namespace {
 
-template <typename Number> QVariant integer(const QString &text)
+/** What is beyond it is not always exact in JSON. */
+constexpr qlonglong LargestInteger = 1LL << 53;
+
+template <typename Number> QVariant integer(const QString &text, QString &problem)
 {
+    using Limits = std::numeric_limits<Number>;
+    using Widest = std::conditional_t<Limits::is_signed, qlonglong, qulonglong>;
     bool ok = false;
-    if constexpr (std::numeric_limits<Number>::is_signed) {
-        const qlonglong value = text.toLongLong(&ok, 0);
-        ok = ok && value >= std::numeric_limits<Number>::min() && value <= std::numeric_limits<Number>::max();
-        return ok ? QVariant::fromValue(Number(value)) : QVariant();
-    } else {
-        const qulonglong value = text.toULongLong(&ok, 0);
-        ok = ok && value <= std::numeric_limits<Number>::max();
-        return ok ? QVariant::fromValue(Number(value)) : QVariant();
-    }
+    Widest value = 0;
+    if constexpr (Limits::is_signed)
+        value = text.toLongLong(&ok, 0);
+    else
+        value = text.toULongLong(&ok, 0);
+    if (ok && value >= Limits::min() && value <= Limits::max())
+        return QVariant::fromValue(Number(value));
+    problem =
+        QStringLiteral("the value is not a number from %1 to %2").arg(Widest(Limits::min())).arg(Widest(Limits::max()));
+    return QVariant();
 }
 
 QVariant parseJson(const QString &text)
@@ -30,7 +37,7 @@ QVariant parseJson(const QString &text)
     return document.array().size() == 1 ? document.array().first().toVariant() : QVariant();
 }
 
-QVariant parseValue(const QString &type, const QString &text)
+QVariant parseValue(const QString &type, const QString &text, QString &problem)
 {
     if (type == QLatin1String("s"))
         return text;
@@ -39,19 +46,19 @@ QVariant parseValue(const QString &type, const QString &text)
         return yes || text == QLatin1String("false") ? QVariant(yes) : QVariant();
     }
     if (type == QLatin1String("y"))
-        return integer<uchar>(text);
+        return integer<uchar>(text, problem);
     if (type == QLatin1String("n"))
-        return integer<short>(text);
+        return integer<short>(text, problem);
     if (type == QLatin1String("q"))
-        return integer<ushort>(text);
+        return integer<ushort>(text, problem);
     if (type == QLatin1String("i"))
-        return integer<int>(text);
+        return integer<int>(text, problem);
     if (type == QLatin1String("u"))
-        return integer<uint>(text);
+        return integer<uint>(text, problem);
     if (type == QLatin1String("x"))
-        return integer<qlonglong>(text);
+        return integer<qlonglong>(text, problem);
     if (type == QLatin1String("t"))
-        return integer<qulonglong>(text);
+        return integer<qulonglong>(text, problem);
     if (type == QLatin1String("d")) {
         bool ok = false;
         const double value = text.toDouble(&ok);
@@ -65,22 +72,58 @@ QVariant parseValue(const QString &type, const QString &text)
         return text.isEmpty() ? QStringList() : text.split(QLatin1Char(','));
     if (type == QLatin1String("json"))
         return parseJson(text);
+    problem = QStringLiteral("there is no such type");
     return QVariant();
+}
+
+QJsonValue toJson(const QDBusArgument &argument)
+{
+    QJsonArray array;
+    QJsonObject object;
+    switch (argument.currentType()) {
+    case QDBusArgument::ArrayType:
+        argument.beginArray();
+        while (!argument.atEnd())
+            array.append(toJson(argument.asVariant()));
+        argument.endArray();
+        return array;
+    case QDBusArgument::StructureType:
+        argument.beginStructure();
+        while (!argument.atEnd())
+            array.append(toJson(argument.asVariant()));
+        argument.endStructure();
+        return array;
+    case QDBusArgument::MapType:
+        argument.beginMap();
+        while (!argument.atEnd()) {
+            argument.beginMapEntry();
+            const QString key = toJson(argument.asVariant()).toVariant().toString();
+            object.insert(key, toJson(argument.asVariant()));
+            argument.endMapEntry();
+        }
+        argument.endMap();
+        return object;
+    default:
+        return toJson(argument.asVariant());
+    }
 }
 
 } // namespace
 
-bool parseParameter(const QString &text, QVariantMap &params)
+QString parseParameter(const QString &text, QVariantMap &params)
 {
     static const QRegularExpression form(QStringLiteral("^([^=:]+)(?::([a-z]+))?=(.*)$"),
                                          QRegularExpression::DotMatchesEverythingOption);
     const QRegularExpressionMatch match = form.match(text);
     if (!match.hasMatch())
-        return false;
+        return QStringLiteral("not KEY=VALUE or KEY:TYPE=VALUE");
+    if (params.contains(match.captured(1)))
+        return QStringLiteral("the key is given twice, or it is \"type\", which TYPE stands for");
     const QString type = match.captured(2).isEmpty() ? QStringLiteral("s") : match.captured(2);
-    const QVariant value = parseValue(type, match.captured(3));
+    QString problem = QStringLiteral("the value is not of its type");
+    const QVariant value = parseValue(type, match.captured(3), problem);
     params.insert(match.captured(1), value);
-    return value.isValid();
+    return value.isValid() ? QString() : problem;
 }
 
 QJsonValue toJson(const QVariant &value)
@@ -111,16 +154,26 @@ QJsonValue toJson(const QVariant &value)
     case QMetaType::UShort:
     case QMetaType::UChar:
     case QMetaType::Int:
+        return value.toInt();
     case QMetaType::UInt:
-    case QMetaType::LongLong:
-        return value.toLongLong();
+        return qint64(value.toUInt());
+    case QMetaType::LongLong: {
+        const qlonglong number = value.toLongLong();
+        return number >= -LargestInteger && number <= LargestInteger ? QJsonValue(number) : value.toString();
+    }
     case QMetaType::ULongLong: {
         const qulonglong number = value.toULongLong();
-        if (number <= qulonglong(std::numeric_limits<qlonglong>::max()))
-            return qlonglong(number);
-        return QString::number(number);
+        return number <= qulonglong(LargestInteger) ? QJsonValue(qint64(number)) : value.toString();
     }
     default:
+        if (value.userType() == qMetaTypeId<QDBusArgument>())
+            return toJson(qvariant_cast<QDBusArgument>(value));
+        if (value.userType() == qMetaTypeId<QDBusVariant>())
+            return toJson(qvariant_cast<QDBusVariant>(value).variant());
+        if (value.userType() == qMetaTypeId<QDBusObjectPath>())
+            return qvariant_cast<QDBusObjectPath>(value).path();
+        if (value.userType() == qMetaTypeId<QDBusSignature>())
+            return qvariant_cast<QDBusSignature>(value).signature();
         return QStringLiteral("<%1>").arg(QLatin1String(value.typeName()));
     }
 }
