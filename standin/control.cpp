@@ -1,7 +1,6 @@
 #include "control.h"
 
 #include <algorithm>
-#include <unistd.h>
 
 namespace {
 
@@ -58,7 +57,7 @@ Control::Control(const std::string &path, Service &service, std::function<void()
 
 Control::~Control()
 {
-    unlink(m_path.c_str());
+    Listener::removeFile(m_path);
     for (Client &client : m_clients)
         client.stream->close();
 }
@@ -71,9 +70,15 @@ void Control::accept(int fd)
             client.requests.push_back(input.substr(0, end));
         serve(client);
     };
+    const auto onEnd = [this, &client](const std::string &rest) {
+        if (!rest.empty())
+            client.requests.push_back(rest);
+        client.ended = true;
+        serve(client);
+    };
     // What clients of the daemon have sent before a request is dealt with before it.
     client.stream = Stream::create(
-        fd, onInput, [this, &client] { remove(client); }, G_PRIORITY_DEFAULT_IDLE);
+        fd, onInput, [this, &client] { remove(client); }, G_PRIORITY_DEFAULT_IDLE, onEnd);
 }
 
 void Control::remove(Client &client)
@@ -91,6 +96,8 @@ void Control::serve(Client &client)
         client.requests.pop_front();
         request(client, line);
     }
+    if (client.ended && !client.wait)
+        client.stream->finish();
 }
 
 void Control::request(Client &client, const std::string &line)

@@ -34,6 +34,7 @@ private:
         std::shared_ptr<Stream> stream;
         std::deque<std::string> requests;
         std::optional<Wait> wait;
+        bool ended = false; ///< asks no more, but may wait for answers
     };
     using Handler = void (Control::*)(JsonMembers &members, JsonObject *answer);
 

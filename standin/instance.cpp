@@ -1,12 +1,35 @@
 #include "instance.h"
 
+#include <future>
+#include <optional>
 #include <stdexcept>
+#include <thread>
 #include <unistd.h>
 
 namespace {
 
 const char socketPath[] = "/var/run/authd/authd.socket";
 const char serviceName[] = "vantora.AuthService";
+
+/** How long the main loop waits for the system bus, which may be frozen. */
+constexpr std::chrono::seconds busPatience(2);
+
+void releaseBus(GDBusConnection *connection)
+{
+    if (connection)
+        g_object_unref(connection);
+}
+
+/** What @p function gives if that is in time; nothing else can end the blocking calls of a bus connection. */
+template <typename Function> auto inTime(Function function)
+{
+    using Result = decltype(function());
+    std::packaged_task<Result()> task(std::move(function));
+    std::future<Result> future = task.get_future();
+    std::thread(std::move(task)).detach();
+    const bool done = future.wait_for(busPatience) == std::future_status::ready;
+    return done ? std::optional<Result>(future.get()) : std::nullopt;
+}
 
 /** A message of the system bus on its way from the bus connection's thread to the main loop. */
 struct Arrival
@@ -55,18 +78,27 @@ bool Instance::connectToSystemBus()
 {
     g_autoptr(GError) error = nullptr;
     g_autofree char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    std::string problem = address ? "it does not answer" : error->message;
     if (address) {
-        const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                                                             | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-        m_bus = g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, &error);
+        const auto connected = inTime([address = std::string(address)] {
+            const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
+                                                                 | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+            g_autoptr(GError) failure = nullptr;
+            GDBusConnection *bus =
+                g_dbus_connection_new_for_address_sync(address.c_str(), flags, nullptr, nullptr, &failure);
+            return std::make_pair(std::shared_ptr<GDBusConnection>(bus, releaseBus),
+                                  failure ? std::string(failure->message) : std::string());
+        });
+        if (connected)
+            std::tie(m_bus, problem) = *connected;
     }
     if (!m_bus) {
-        g_printerr("authd-standin: no system bus, serving the socket alone: %s\n", error->message);
+        g_printerr("authd-standin: no system bus, serving the socket alone: %s\n", problem.c_str());
         return false;
     }
     const auto destroy = [](gpointer self) { delete static_cast<std::weak_ptr<Instance> *>(self); };
-    g_dbus_connection_add_filter(m_bus, filter, new std::weak_ptr<Instance>(weak_from_this()), destroy);
-    g_signal_connect(m_bus, "closed", G_CALLBACK(onBusClosed), this);
+    g_dbus_connection_add_filter(m_bus.get(), filter, new std::weak_ptr<Instance>(weak_from_this()), destroy);
+    g_signal_connect(m_bus.get(), "closed", G_CALLBACK(onBusClosed), this);
     return true;
 }
 
@@ -92,7 +124,7 @@ void Instance::releaseName()
 
 std::string Instance::owner() const
 {
-    return m_bus && m_ownsName ? g_dbus_connection_get_unique_name(m_bus) : "";
+    return m_bus && m_ownsName ? g_dbus_connection_get_unique_name(m_bus.get()) : "";
 }
 
 std::vector<int> Instance::peers() const
@@ -135,7 +167,7 @@ void Instance::dropPeers()
 void Instance::close()
 {
     if (m_hasSocket)
-        unlink(socketPath);
+        Listener::removeFile(socketPath);
     yieldSocket();
     dropPeers();
     closeBus();
@@ -148,14 +180,16 @@ void Instance::send(int id, const Message &message)
         if (peer != m_peers.end())
             peer->second->send(message.get());
     } else if (m_bus) {
-        g_dbus_connection_send_message(m_bus, message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+        g_dbus_connection_send_message(m_bus.get(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     }
 }
 
 void Instance::flush()
 {
-    if (m_bus)
-        g_dbus_connection_flush_sync(m_bus, nullptr, nullptr);
+    if (!m_bus || inTime([bus = m_bus] { return g_dbus_connection_flush_sync(bus.get(), nullptr, nullptr); }))
+        return;
+    g_printerr("authd-standin: the system bus takes nothing any more, serving the socket alone\n");
+    closeBus();
 }
 
 void Instance::accept(int fd)
@@ -201,10 +235,12 @@ void Instance::closeBus()
 {
     if (!m_bus)
         return;
-    g_signal_handlers_disconnect_by_data(m_bus, this);
-    flush();
-    g_dbus_connection_close_sync(m_bus, nullptr, nullptr);
-    g_clear_object(&m_bus);
+    g_signal_handlers_disconnect_by_data(m_bus.get(), this);
+    inTime([bus = m_bus] {
+        g_dbus_connection_flush_sync(bus.get(), nullptr, nullptr);
+        return g_dbus_connection_close_sync(bus.get(), nullptr, nullptr);
+    });
+    m_bus.reset();
     m_ownsName = false;
 }
 
@@ -215,8 +251,9 @@ uint32_t Instance::callBus(const char *method, GVariant *arguments)
         throw std::runtime_error("there is no system bus");
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-        m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments,
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+        m_bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments,
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, static_cast<int>(std::chrono::milliseconds(busPatience).count()),
+        nullptr, &error);
     if (!reply)
         throw std::runtime_error(std::string("the system bus refuses ") + method + " for " + serviceName + ": "
                                  + error->message);

@@ -83,6 +83,6 @@ private:
     std::unique_ptr<Listener> m_listener;
     std::map<int, std::shared_ptr<Peer>> m_peers;
     std::vector<int> m_mutes; ///< descriptors of connections that are never answered
-    GDBusConnection *m_bus = nullptr;
+    std::shared_ptr<GDBusConnection> m_bus;
     bool m_ownsName = false;
 };

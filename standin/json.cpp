@@ -1,17 +1,73 @@
 #include "json.h"
 
 #include <algorithm>
+#include <cstring>
+#include <map>
+
+namespace {
+
+constexpr int deepestNesting = 100;
+
+[[noreturn]] void failAt(const std::string &text, size_t offset, const std::string &message)
+{
+    const size_t lineStart = offset == 0 ? 0 : text.rfind('\n', offset - 1) + 1;
+    const auto line = std::count(text.begin(), text.begin() + static_cast<ptrdiff_t>(offset), '\n') + 1;
+    throw JsonError(std::to_string(line) + ":" + std::to_string(offset - lineStart + 1) + ": " + message);
+}
+
+/** Refuses what the parser takes though it is not one JSON object, and what its recursion does not survive. */
+void checkForm(const std::string &text)
+{
+    int depth = 0;
+    bool begun = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c != '\0' && std::strchr(" \t\r\n", c))
+            continue;
+        if (depth == 0 && (begun || c != '{'))
+            failAt(text, i, begun ? "expected nothing after the JSON object" : "expected a JSON object");
+        begun = true;
+        if (c == '"') {
+            for (++i; i < text.size() && text[i] != '"'; ++i)
+                i += text[i] == '\\' ? 1 : 0;
+        } else if (c == '{' || c == '[') {
+            if (++depth > deepestNesting)
+                failAt(text, i, "expected no more than " + std::to_string(deepestNesting) + " levels");
+        } else if (c == '}' || c == ']') {
+            --depth;
+        } else if (!g_ascii_isalnum(c) && (c == '\0' || !std::strchr(":,+-.", c))) {
+            failAt(text, i, "unexpected character");
+        }
+    }
+    if (!begun)
+        failAt(text, 0, "expected a JSON object");
+}
+
+struct MemberWatch
+{
+    std::map<JsonObject *, std::set<std::string>> seen;
+    std::string problem;
+
+    static void onMember(JsonParser *parser, JsonObject *object, const char *name, gpointer self)
+    {
+        auto *watch = static_cast<MemberWatch *>(self);
+        if (!watch->seen[object].insert(name).second && watch->problem.empty())
+            watch->problem = std::to_string(json_parser_get_current_line(parser)) + ":"
+                + std::to_string(json_parser_get_current_pos(parser)) + ": there is another member \"" + name + "\"";
+    }
+};
+
+} // namespace
 
 Json parseJson(const std::string &text)
 {
     const gchar *end = nullptr;
-    if (!g_utf8_validate(text.c_str(), static_cast<gssize>(text.size()), &end)) {
-        const auto offset = static_cast<size_t>(end - text.c_str());
-        const size_t lineStart = offset == 0 ? 0 : text.rfind('\n', offset - 1) + 1;
-        const auto line = std::count(text.begin(), text.begin() + (end - text.c_str()), '\n') + 1;
-        throw JsonError(std::to_string(line) + ":" + std::to_string(offset - lineStart + 1) + ": expected UTF-8");
-    }
+    if (!g_utf8_validate(text.c_str(), static_cast<gssize>(text.size()), &end))
+        failAt(text, static_cast<size_t>(end - text.c_str()), "expected UTF-8");
+    checkForm(text);
     g_autoptr(JsonParser) parser = json_parser_new_immutable();
+    MemberWatch watch;
+    g_signal_connect(parser, "object-member", G_CALLBACK(MemberWatch::onMember), &watch);
     g_autoptr(GError) error = nullptr;
     if (!json_parser_load_from_data(parser, text.c_str(), static_cast<gssize>(text.size()), &error)) {
         // The message begins with line and column, after a file name that is none.
@@ -19,9 +75,9 @@ Json parseJson(const std::string &text)
         const std::string noName = "<data>:";
         throw JsonError(message.compare(0, noName.size(), noName) == 0 ? message.substr(noName.size()) : message);
     }
+    if (!watch.problem.empty())
+        throw JsonError(watch.problem);
     JsonNode *root = json_parser_get_root(parser);
-    if (!root)
-        throw JsonError("1:1: expected a JSON object");
     return Json(json_node_ref(root), json_node_unref);
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <glib-unix.h>
 #include <iostream>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -46,7 +47,7 @@ tests, and misbehaves when told to.
   --ready-fd N     writes a line "ready" to descriptor N when it serves
   --uid N          the user id that COMMAND has in its world
   --no-bus         a world without a system bus
-  --help, --version
+  -h, --help, --version
 
 Exit status: 0 stopped as asked, 1 cannot serve, 2 wrong usage, 3 bad scenario
 file; run: COMMAND's; ctl: 0 if all requests were met, else 1.
@@ -83,7 +84,9 @@ Options readOptions(std::vector<std::string> words, const std::set<std::string> 
         const std::string name = word.substr(0, equals);
         if (!allowed.count(name))
             throw UsageError("unknown option " + word);
-        if (word == "--no-bus") {
+        if (name == "--no-bus") {
+            if (equals != std::string::npos)
+                throw UsageError("--no-bus takes no value");
             options.noBus = true;
             continue;
         }
@@ -97,9 +100,7 @@ Options readOptions(std::vector<std::string> words, const std::set<std::string> 
         if (value.empty())
             throw UsageError(name + " wants a value");
         guint64 number = 0;
-        const guint64 most = name == "--uid" ? UINT32_MAX : INT32_MAX;
-        if ((name == "--ready-fd" || name == "--uid")
-            && !g_ascii_string_to_unsigned(value.c_str(), 10, 0, most, &number, nullptr))
+        if (name == "--ready-fd" && !g_ascii_string_to_unsigned(value.c_str(), 10, 0, INT32_MAX, &number, nullptr))
             throw UsageError(name + " wants a number");
         if (name == "--scenario")
             options.scenario = value;
@@ -126,6 +127,11 @@ int serve(const Options &options)
         throw UsageError("unexpected argument " + options.arguments.front());
     const Scenario scenario = options.scenario.empty() ? Scenario::builtIn() : Scenario::fromFile(options.scenario);
     signal(SIGPIPE, SIG_IGN);
+    // Each client takes one.
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    descriptors.rlim_cur = descriptors.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &descriptors);
     refuseOccupied(daemonSocketPath, "daemon");
     refuseOccupied(options.control, "stand-in");
 
@@ -185,7 +191,7 @@ int run(const std::vector<std::string> &words)
     const bool named = !words.empty() && words.front().front() != '-';
     const std::string command = named ? words.front() : "serve";
     const std::vector<std::string> rest(words.begin() + (named ? 1 : 0), words.end());
-    if (!rest.empty() && rest.front() == "--help") {
+    if (!rest.empty() && (rest.front() == "--help" || rest.front() == "-h")) {
         std::cout << help;
         return Success;
     }
@@ -222,7 +228,10 @@ int main(int argc, char *argv[])
 {
     setlocale(LC_CTYPE, "");
     try {
-        return run(std::vector<std::string>(argv + 1, argv + argc));
+        const int status = run(std::vector<std::string>(argv + 1, argv + argc));
+        if (!std::cout.flush())
+            throw std::runtime_error("cannot write to standard output");
+        return status;
     } catch (const UsageError &error) {
         std::cerr << "authd-standin: " << error.what() << "\nTry authd-standin --help." << std::endl;
         return WrongUsage;

@@ -41,7 +41,7 @@ void Peer::send(GDBusMessage *message)
     if (blob)
         m_stream->write(reinterpret_cast<const char *>(blob), size);
     else
-        g_printerr("authd-standin: a message cannot be sent: %s\n", error->message);
+        g_printerr("authd-standin: a message cannot be sent: %s\n", error ? error->message : "it is not valid");
 }
 
 /** Returns true when the handshake is done. */
@@ -56,12 +56,14 @@ bool Peer::handshake(std::string &input)
         m_greeted = true;
         input.erase(0, 1);
     }
-    for (size_t end = 0; !m_connected && (end = input.find("\r\n")) != std::string::npos;) {
+    for (size_t end = 0;
+         !m_connected && m_handshakeSize <= longestHandshake && (end = input.find("\r\n")) != std::string::npos;) {
         const std::string line = input.substr(0, end);
         input.erase(0, end + 2);
+        m_handshakeSize += end + 2;
         handshakeLine(line);
     }
-    if (!m_connected && input.size() > longestHandshake) {
+    if (!m_connected && m_handshakeSize + input.size() > longestHandshake) {
         m_stream->close();
         m_onClosed();
     }
@@ -104,8 +106,12 @@ void Peer::readMessages(std::string &input)
         if (size > 0)
             message =
                 g_dbus_message_new_from_blob(blob, static_cast<gsize>(size), G_DBUS_CAPABILITY_FLAGS_NONE, &error);
+        // A call without a number cannot be answered.
+        if (message && g_dbus_message_get_serial(message) == 0)
+            g_clear_object(&message);
         if (!message) {
-            g_printerr("authd-standin: a client sent no D-Bus message: %s\n", error->message);
+            g_printerr("authd-standin: a client sent no D-Bus message: %s\n",
+                       error ? error->message : "it has no serial number");
             m_stream->close();
             m_onClosed();
             return;

@@ -32,6 +32,7 @@ private:
 
     MessageHandler m_onMessage;
     CloseHandler m_onClosed;
+    size_t m_handshakeSize = 0; ///< what is consumed of it
     bool m_greeted = false;
     bool m_authenticated = false;
     bool m_connected = false;

@@ -1,7 +1,48 @@
 #include "util.h"
 
+#include <cstring>
 #include <stdexcept>
 #include <sys/random.h>
+
+namespace {
+
+/** Whether D-Bus has the type: no maybe, no empty structure, no entry outside a map, and no descriptor to send. */
+bool isCarried(const GVariantType *type)
+{
+    if (g_variant_type_is_maybe(type) || g_variant_type_equal(type, G_VARIANT_TYPE_HANDLE)
+        || g_variant_type_is_dict_entry(type) || g_variant_type_equal(type, G_VARIANT_TYPE_UNIT))
+        return false;
+    if (g_variant_type_is_array(type)) {
+        const GVariantType *element = g_variant_type_element(type);
+        return g_variant_type_is_dict_entry(element) ? isCarried(g_variant_type_value(element)) : isCarried(element);
+    }
+    if (!g_variant_type_is_tuple(type))
+        return true;
+    for (const GVariantType *item = g_variant_type_first(type); item; item = g_variant_type_next(item)) {
+        if (!isCarried(item))
+            return false;
+    }
+    return true;
+}
+
+/** The same for what is in the variants of @p value. */
+bool areVariantsCarried(GVariant *value)
+{
+    if (g_variant_is_of_type(value, G_VARIANT_TYPE_VARIANT)) {
+        g_autoptr(GVariant) content = g_variant_get_variant(value);
+        return isCarried(g_variant_get_type(content)) && areVariantsCarried(content);
+    }
+    if (!std::strchr(g_variant_get_type_string(value), 'v'))
+        return true;
+    for (gsize i = 0; g_variant_is_container(value) && i < g_variant_n_children(value); ++i) {
+        g_autoptr(GVariant) child = g_variant_get_child_value(value, i);
+        if (!areVariantsCarried(child))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
 
 Message adopt(GDBusMessage *message)
 {
@@ -23,6 +64,9 @@ Variant parseTuple(const std::string &text)
     Variant result(value, g_variant_unref);
     if (!g_variant_is_of_type(value, G_VARIANT_TYPE_TUPLE))
         throw std::invalid_argument("expected a tuple in GVariant text format, such as \"(true,)\"");
+    const bool isEmpty = g_variant_n_children(value) == 0;
+    if (!(isEmpty || isCarried(g_variant_get_type(value))) || !areVariantsCarried(value))
+        throw std::invalid_argument("expected a value that D-Bus can carry");
     return result;
 }
 

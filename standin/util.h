@@ -14,7 +14,7 @@ Message adopt(GDBusMessage *message);
 /** Takes over a new value, or shares one that somebody else holds. */
 Variant hold(GVariant *value);
 
-/** Reads a tuple in GVariant text format. Throws std::invalid_argument. */
+/** Reads a tuple in GVariant text format, of types that D-Bus has. Throws std::invalid_argument. */
 Variant parseTuple(const std::string &text);
 
 /** A tuple of one value. */
