@@ -91,6 +91,8 @@ int main(int argc, char *argv[])
         g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                     "AddMatch", g_variant_new("(s)", "type='signal',member='StateChanged'"), nullptr,
                                     G_DBUS_CALL_FLAGS_NONE, patience, nullptr, nullptr);
+    if (!matched)
+        fail("the bus does not take a match rule");
     std::string challenge;
     std::string token;
     for (int i = 1; i < argc; ++i) {
