@@ -13,7 +13,7 @@ add_compile_options(
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
 )
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # Unique symbols would pin the library in the process after dlclose().
+    # Unique symbols would tie what plugins have in common to the one that was loaded first, and pin it in the process.
     add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fno-gnu-unique>)
 endif()
 # Fortification needs optimisation and does not go together with AddressSanitizer.

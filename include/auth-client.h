@@ -128,9 +128,9 @@ public:
     /**
      * Asks the daemon to unlock the device if its policy allows that without an authentication. Does not block.
      *
-     * unlockIfNeededFinished() follows from the event loop: with the daemon's decision, or with false when the call failed
-     * on the bus or another daemon instance took over before the decision was heard. It comes once, unless the daemon
-     * dies after its decision and before its reply: then false follows the decision.
+     * unlockIfNeededFinished() follows from the event loop: with the daemon's decision, or with false when the call
+     * failed on the bus or another daemon instance took over before the decision was heard. It comes once, unless the
+     * daemon dies after its decision and before its reply: then false follows the decision.
      */
     Q_INVOKABLE void unlockIfNeeded();
 

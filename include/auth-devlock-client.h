@@ -12,8 +12,8 @@ class AuthDevlockClientPrivate;
  *
  * The state is the one that the daemon last reported on the system bus, never a guess: setState() changes nothing here
  * until the daemon announces the change. It is Undefined until the daemon has answered for the first time and whenever
- * the daemon is away. After the daemon's return it stays Undefined until the daemon announces a state. When the system bus
- * dies it becomes Undefined for good: the toolkit does not connect anew. A screen must treat Undefined as locked.
+ * the daemon is away. After the daemon's return it stays Undefined until the daemon announces a state. When the system
+ * bus dies it becomes Undefined for good: the toolkit does not connect anew. A screen must treat Undefined as locked.
  *
  * The object may be deleted at any time, also from a handler of stateChanged(), with one exception: while the daemon
  * leaves the bus, the signal is emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater()

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "auth-client_p.h"
+#include "auth-settings-client.h"
+#include "factor-list-model.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QStringList>
+#include <QtCore/QVector>
+#include <QtDBus/QDBusVariant>
+
+class AuthSettingsClientPrivate : public AuthClientPrivate
+{
+    Q_OBJECT
+
+public:
+    /** A factor that a service offers. */
+    struct Factor
+    {
+        QString type; ///< The service.
+        QString name;
+        QString title;
+        bool enabled;  ///< Chosen, as the daemon last said.
+        bool selected; ///< Wanted to be chosen; what is written.
+        bool disabled;
+    };
+
+    /** @param q the AuthSettingsClient, of which only the AuthClient need exist */
+    explicit AuthSettingsClientPrivate(AuthClient *q);
+    ~AuthSettingsClientPrivate() override;
+
+    /** Subscribes the signals of the settings beside those of the base. */
+    void setupConnection();
+
+    QVariant getOption(const QString &key);
+    QVariant getUserOption(uint uid, const QString &key);
+    /** Unlike the single read, puts the worker prefix in front of each key. */
+    QVariantMap getUserOptions(uint uid, const QStringList &keys);
+    bool setUserOption(uint uid, const QString &key, const QVariant &value);
+
+    void setUidInternal(uint uid);
+    void setShowNotificationsInternal(bool value);
+    void setIsMultiFactorable(bool value);
+    void setIsUserSettable(bool value);
+
+    bool factorIsChosen(const QString &service, const QString &name) const;
+    bool hasFactor(const QString &name) const;
+    bool hasEnabledFactor(const QString &name) const;
+    bool hasChosenFactor(const QString &name) const;
+    QStringList unlockFactors() const;
+
+    bool canTriggerFactor(int row) const;
+    void triggerFactorInternal(int row);
+    void triggerUnlockFactor(const QString &name);
+
+    uint m_uid = 0;
+    QStringList m_availableServices;
+    QHash<QString, QStringList> m_serviceFactors;
+    QStringList m_disabledFactors;
+    QVector<Factor> m_factors;
+    FactorListModel m_model;
+    /** The factor that each row of the model shows. */
+    QVector<int> m_rows;
+    QHash<QString, QList<int>> m_factorIndexes;
+    QHash<QString, int> m_rowByName;
+    bool m_showNotifications = false;
+    bool m_isMultiFactorable = false;
+    /** Until a user is selected, every login factor is shown. */
+    bool m_isUserSettable = true;
+    bool m_canSwitchToUser;
+    QString m_userWarning;
+    /** The login rows whose factor is chosen. */
+    int m_enabledLoginFactors = 0;
+
+private:
+    AuthSettingsClient *publicObject() const;
+
+    /** How often a user has been selected. */
+    int m_selections = 0;
+
+    void getAvailableServiceFactors();
+    void getPublicFactors();
+    void updateChosenFactors();
+    void updateShowNotifications(bool value);
+    void updateIsMultiFactorable(bool value);
+    void updateIsUserSettable(bool value);
+    void updateUserWarning(const QString &text);
+
+    template <typename Function> void forEachUnlockFactor(Function function);
+    void saveFactorsInternal();
+
+private Q_SLOTS:
+    void handleOptionChanged(QString key, QDBusVariant value);
+    void handleUserOptionChanged(uint uid, QString key, QDBusVariant value);
+};
