@@ -5,7 +5,10 @@
 #include <gio/gunixsocketaddress.h>
 #include <iostream>
 #include <iterator>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -51,7 +54,39 @@ void replace(std::string &text, const std::string &word, const std::string &by)
         text.replace(at, word.size(), by);
 }
 
-GDBusConnection *connectTo(const char *address, int flags, GAsyncQueue *signals)
+/** What has come on one connection. */
+struct Arrivals
+{
+    GAsyncQueue *signals = g_async_queue_new_full(g_object_unref);
+    std::mutex mutex;
+    std::string order; ///< of replies and signals, since it was last asked for
+
+    Arrivals() = default;
+    ~Arrivals()
+    {
+        g_async_queue_unref(signals);
+    }
+    Arrivals(const Arrivals &) = delete;
+    Arrivals &operator=(const Arrivals &) = delete;
+
+    void take(GDBusMessage *message)
+    {
+        const bool isSignal = g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL;
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            order += std::string(order.empty() ? "" : " ") + (isSignal ? g_dbus_message_get_member(message) : "reply");
+        }
+        if (isSignal)
+            g_async_queue_push(signals, g_object_ref(message));
+    }
+    std::string takeOrder()
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return std::exchange(order, {});
+    }
+};
+
+GDBusConnection *connectTo(const char *address, int flags, const std::shared_ptr<Arrivals> &arrivals)
 {
     g_autoptr(GError) error = nullptr;
     GDBusConnection *connection = g_dbus_connection_new_for_address_sync(
@@ -59,20 +94,38 @@ GDBusConnection *connectTo(const char *address, int flags, GAsyncQueue *signals)
         nullptr, &error);
     if (!connection)
         fail(std::string("cannot connect: ") + error->message);
-    const auto filter = [](GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer queue) {
-        if (incoming && g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL)
-            g_async_queue_push(static_cast<GAsyncQueue *>(queue), g_object_ref(message));
+    const auto filter = [](GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer taker) {
+        if (incoming)
+            static_cast<std::shared_ptr<Arrivals> *>(taker)->get()->take(message);
         return message;
     };
-    g_dbus_connection_add_filter(connection, filter, signals, nullptr);
+    const auto destroy = [](gpointer taker) { delete static_cast<std::shared_ptr<Arrivals> *>(taker); };
+    g_dbus_connection_add_filter(connection, filter, new std::shared_ptr<Arrivals>(arrivals), destroy);
     return connection;
+}
+
+struct Object
+{
+    bool onBus;
+    const char *path;
+    const char *interface;
+};
+
+Object objectOf(const std::string &method)
+{
+    if (method == "GetState" || method == "SetState")
+        return {true, "/vantora/AuthService/Devlock", "vantora.AuthService.Devlock"};
+    if (method == "GetOption" || method == "GetUserOption" || method == "GetUserOptions" || method == "SetUserOption")
+        return {false, "/vantora/AuthService/Settings", "vantora.AuthService.Settings"};
+    return {false, "/vantora/AuthService", "vantora.AuthService"};
 }
 
 } // namespace
 
 /**
- * Steps: "METHOD ARGUMENTS" calls and prints the reply, "SIGNAL" in angle brackets waits for that signal and prints its
- * arguments. %challenge and %token stand for the last that came.
+ * Steps: "METHOD ARGUMENTS" calls and prints the reply, with "!" in front it calls and goes on at once; "SIGNAL" in
+ * angle brackets waits for that signal and prints its arguments; "order" prints in which order replies and signals have
+ * come from the peer since the last "order". %challenge and %token stand for the last that came.
  */
 int main(int argc, char *argv[])
 {
@@ -82,11 +135,11 @@ int main(int argc, char *argv[])
         return 0;
     }
     // What comes on different connections has no order.
-    g_autoptr(GAsyncQueue) peerSignals = g_async_queue_new();
-    g_autoptr(GAsyncQueue) busSignals = g_async_queue_new();
-    g_autoptr(GDBusConnection) peer = connectTo(socketAddress, 0, peerSignals);
+    const auto peerArrivals = std::make_shared<Arrivals>();
+    const auto busArrivals = std::make_shared<Arrivals>();
+    g_autoptr(GDBusConnection) peer = connectTo(socketAddress, 0, peerArrivals);
     g_autoptr(GDBusConnection) bus =
-        connectTo(g_getenv("DBUS_SYSTEM_BUS_ADDRESS"), G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION, busSignals);
+        connectTo(g_getenv("DBUS_SYSTEM_BUS_ADDRESS"), G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION, busArrivals);
     g_autoptr(GVariant) matched =
         g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                     "AddMatch", g_variant_new("(s)", "type='signal',member='StateChanged'"), nullptr,
@@ -99,7 +152,7 @@ int main(int argc, char *argv[])
         std::string step = argv[i];
         if (step.front() == '<') {
             std::string name;
-            GAsyncQueue *signals = step == "<StateChanged>" ? busSignals : peerSignals;
+            GAsyncQueue *signals = step == "<StateChanged>" ? busArrivals->signals : peerArrivals->signals;
             do {
                 g_autoptr(GDBusMessage) message =
                     G_DBUS_MESSAGE(g_async_queue_timeout_pop(signals, guint64(patience) * 1000));
@@ -107,7 +160,7 @@ int main(int argc, char *argv[])
                     fail("no " + step);
                 name = g_dbus_message_get_member(message);
                 GVariant *body = g_dbus_message_get_body(message);
-                g_autofree char *text = body ? g_variant_print(body, FALSE) : g_strdup("()");
+                g_autofree char *text = body ? g_variant_print(body, TRUE) : g_strdup("()");
                 const std::string arguments = text;
                 if (name == "Authenticated")
                     token = arguments.substr(1, arguments.size() - 3);
@@ -116,18 +169,32 @@ int main(int argc, char *argv[])
             } while (step != "<" + name + ">");
             continue;
         }
+        if (step == "order") {
+            std::cout << peerArrivals->takeOrder() << std::endl;
+            continue;
+        }
+        const bool waits = step.front() != '!';
+        if (!waits)
+            step.erase(0, 1);
         replace(step, "%challenge", challenge);
         replace(step, "%token", token);
         const std::string method = step.substr(0, step.find(' '));
+        const Object object = objectOf(method);
+        GDBusConnection *connection = object.onBus ? bus : peer;
+        const char *destination = object.onBus ? serviceName : nullptr;
+        GVariant *arguments = g_variant_new_parsed(step.substr(method.size() + 1).c_str());
+        if (!waits) {
+            // Without a callback the call would ask for no reply.
+            const auto ignore = [](GObject *, GAsyncResult *, gpointer) {};
+            g_dbus_connection_call(connection, destination, object.path, object.interface, method.c_str(), arguments,
+                                   nullptr, G_DBUS_CALL_FLAGS_NONE, patience, nullptr, ignore, nullptr);
+            continue;
+        }
         g_autoptr(GError) error = nullptr;
-        const bool onBus = method == "GetState" || method == "SetState";
         g_autoptr(GVariant) reply =
-            g_dbus_connection_call_sync(onBus ? bus : peer, onBus ? serviceName : nullptr,
-                                        onBus ? "/vantora/AuthService/Devlock" : "/vantora/AuthService",
-                                        onBus ? "vantora.AuthService.Devlock" : "vantora.AuthService", method.c_str(),
-                                        g_variant_new_parsed(step.substr(method.size() + 1).c_str()), nullptr,
-                                        G_DBUS_CALL_FLAGS_NONE, patience, nullptr, &error);
-        g_autofree char *text = reply ? g_variant_print(reply, FALSE) : nullptr;
+            g_dbus_connection_call_sync(connection, destination, object.path, object.interface, method.c_str(),
+                                        arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, patience, nullptr, &error);
+        g_autofree char *text = reply ? g_variant_print(reply, TRUE) : nullptr;
         if (method == "RequestChallenge" && text)
             challenge = std::string(text + 1, strlen(text) - 3);
         else

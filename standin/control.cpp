@@ -114,6 +114,10 @@ void Control::request(Client &client, const std::string &line)
         {"emit", &Control::emitSignal},
         {"set-lock", &Control::setLock},
         {"lockout", &Control::lockout},
+        {"options", &Control::options},
+        {"set-option", &Control::setOption},
+        {"remove-option", &Control::removeOption},
+        {"reset-options", &Control::resetOptions},
         {"stop", &Control::stop},
         {"start", &Control::start},
         {"restart", &Control::restart},
@@ -313,6 +317,71 @@ void Control::lockout(JsonMembers &members, JsonObject *)
     const size_t kind = members.required("kind", members.choice("kind", kinds));
     members.done();
     m_service.world().announceLockState(states[kind]);
+}
+
+OptionOwner Control::readOwner(JsonMembers &members)
+{
+    OptionOwner owner;
+    if (const auto uid = members.integer("uid", 0, UINT32_MAX))
+        owner.uid = static_cast<uint32_t>(*uid);
+    owner.factor = members.text("factor");
+    if (owner.factor)
+        members.required("uid", owner.uid);
+    const OptionStore &options = m_service.world().options();
+    if (!options.has({owner.uid, std::nullopt}))
+        failJson(members.pathOf("uid"), "there is no user " + std::to_string(*owner.uid));
+    if (!options.has(owner))
+        failJson(members.pathOf("factor"), "there is no factor \"" + *owner.factor + "\"");
+    return owner;
+}
+
+/** A factor's option has a name, any other one a key. */
+std::pair<OptionOwner, std::string> Control::readOptionName(JsonMembers &members)
+{
+    const OptionOwner owner = readOwner(members);
+    const char *member = owner.factor ? "name" : "key";
+    const std::string name = members.required(member, members.text(member));
+    if (name.empty())
+        failJson(members.pathOf(member), "expected a text that is not empty");
+    return {owner, name};
+}
+
+void Control::options(JsonMembers &members, JsonObject *answer)
+{
+    const OptionOwner owner = readOwner(members);
+    members.done();
+    JsonObject *object = json_object_new();
+    for (const auto &[name, value] : m_service.world().options().all(owner))
+        json_object_set_string_member(object, name.c_str(), printed(value.get()).c_str());
+    json_object_set_object_member(answer, "options", object);
+}
+
+void Control::setOption(JsonMembers &members, JsonObject *)
+{
+    const auto [owner, name] = readOptionName(members);
+    const Json node = members.node("value");
+    if (!node)
+        failJson(members.pathOf("value"), "missing");
+    const Variant value = readOption(node, members.pathOf("value"));
+    const bool announce = members.boolean("announce").value_or(true);
+    members.done();
+    m_service.world().options().set(owner, name, value);
+    if (announce)
+        m_service.world().announceOption(owner, name);
+}
+
+void Control::removeOption(JsonMembers &members, JsonObject *)
+{
+    const auto [owner, name] = readOptionName(members);
+    members.done();
+    if (!m_service.world().options().remove(owner, name))
+        throw std::runtime_error("there is no option \"" + name + "\"");
+}
+
+void Control::resetOptions(JsonMembers &members, JsonObject *)
+{
+    members.done();
+    m_service.world().options().reset();
 }
 
 void Control::stop(JsonMembers &members, JsonObject *)

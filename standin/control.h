@@ -38,6 +38,9 @@ private:
     };
     using Handler = void (Control::*)(JsonMembers &members, JsonObject *answer);
 
+    OptionOwner readOwner(JsonMembers &members);
+    std::pair<OptionOwner, std::string> readOptionName(JsonMembers &members);
+
     void accept(int fd);
     void remove(Client &client);
     void serve(Client &client);
@@ -60,6 +63,10 @@ private:
     void emitSignal(JsonMembers &members, JsonObject *answer);
     void setLock(JsonMembers &members, JsonObject *answer);
     void lockout(JsonMembers &members, JsonObject *answer);
+    void options(JsonMembers &members, JsonObject *answer);
+    void setOption(JsonMembers &members, JsonObject *answer);
+    void removeOption(JsonMembers &members, JsonObject *answer);
+    void resetOptions(JsonMembers &members, JsonObject *answer);
     void stop(JsonMembers &members, JsonObject *answer);
     void start(JsonMembers &members, JsonObject *answer);
     void restart(JsonMembers &members, JsonObject *answer);

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <string_view>
 
 namespace {
 
 constexpr int deepestNesting = 100;
+constexpr std::string_view zeroCharacter = "\\u0000";
 
 [[noreturn]] void failAt(const std::string &text, size_t offset, const std::string &message)
 {
@@ -28,8 +30,12 @@ void checkForm(const std::string &text)
             failAt(text, i, begun ? "expected nothing after the JSON object" : "expected a JSON object");
         begun = true;
         if (c == '"') {
-            for (++i; i < text.size() && text[i] != '"'; ++i)
+            for (++i; i < text.size() && text[i] != '"'; ++i) {
+                // Texts would end there without a word.
+                if (text.compare(i, zeroCharacter.size(), zeroCharacter) == 0)
+                    failAt(text, i, "expected no zero characters");
                 i += text[i] == '\\' ? 1 : 0;
+            }
         } else if (c == '{' || c == '[') {
             if (++depth > deepestNesting)
                 failAt(text, i, "expected no more than " + std::to_string(deepestNesting) + " levels");
@@ -57,6 +63,17 @@ struct MemberWatch
     }
 };
 
+std::vector<Json> elementsOf(const Json &node, const std::string &path)
+{
+    if (!JSON_NODE_HOLDS_ARRAY(node.get()))
+        failJson(path, "expected a list");
+    JsonArray *array = json_node_get_array(node.get());
+    std::vector<Json> elements;
+    for (guint i = 0; i < json_array_get_length(array); ++i)
+        elements.emplace_back(json_node_ref(json_array_get_element(array, i)), json_node_unref);
+    return elements;
+}
+
 } // namespace
 
 Json parseJson(const std::string &text)
@@ -71,7 +88,9 @@ Json parseJson(const std::string &text)
     g_autoptr(GError) error = nullptr;
     if (!json_parser_load_from_data(parser, text.c_str(), static_cast<gssize>(text.size()), &error)) {
         // The message begins with line and column, after a file name that is none.
-        const std::string message = error->message;
+        // It quotes what it cannot read.
+        g_autofree char *readable = g_utf8_make_valid(error->message, -1);
+        const std::string message = readable;
         const std::string noName = "<data>:";
         throw JsonError(message.compare(0, noName.size(), noName) == 0 ? message.substr(noName.size()) : message);
     }
@@ -91,6 +110,23 @@ std::string printedJson(JsonObject *object)
 void failJson(const std::string &path, const std::string &message)
 {
     throw JsonError(path.empty() ? message : path + ": " + message);
+}
+
+std::string elementPath(const std::string &list, size_t index)
+{
+    return list + "[" + std::to_string(index) + "]";
+}
+
+std::vector<std::string> readTexts(const Json &node, const std::string &path)
+{
+    const std::vector<Json> list = elementsOf(node, path);
+    std::vector<std::string> texts;
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (json_node_get_value_type(list[i].get()) != G_TYPE_STRING)
+            failJson(elementPath(path, i), "expected a text");
+        texts.emplace_back(json_node_get_string(list[i].get()));
+    }
+    return texts;
 }
 
 JsonMembers::JsonMembers(const Json &node, const std::string &path)
@@ -167,13 +203,7 @@ std::optional<std::vector<Json>> JsonMembers::array(const char *name)
     const Json value = node(name);
     if (!value)
         return std::nullopt;
-    if (!JSON_NODE_HOLDS_ARRAY(value.get()))
-        failJson(pathOf(name), "expected a list");
-    JsonArray *array = json_node_get_array(value.get());
-    std::vector<Json> elements;
-    for (guint i = 0; i < json_array_get_length(array); ++i)
-        elements.emplace_back(json_node_ref(json_array_get_element(array, i)), json_node_unref);
-    return elements;
+    return elementsOf(value, pathOf(name));
 }
 
 Json JsonMembers::node(const char *name)

@@ -27,6 +27,11 @@ std::string printedJson(JsonObject *object);
 /** Throws a JsonError about the value at @p path, which may be empty for the whole text. */
 [[noreturn]] void failJson(const std::string &path, const std::string &message);
 
+std::string elementPath(const std::string &list, size_t index);
+
+/** A list of texts at @p path. Throws JsonError. */
+std::vector<std::string> readTexts(const Json &node, const std::string &path);
+
 /**
  * Reads the members of a JSON object, each by name and type. An absent member gives no value, a member of another type
  * throws JsonError. done() throws for members that nobody asked for.

@@ -5,8 +5,9 @@
 void MisbehaviourRules::add(JsonMembers &members)
 {
     // In the order of the enumerators.
-    static const std::vector<std::string> hows = {"mute",       "hold",         "delay", "error", "reply",
-                                                  "lose-reply", "signal-first", "drop",  "crash", "restart"};
+    static const std::vector<std::string> hows = {"mute",  "hold",       "delay",        "error",
+                                                  "reply", "lose-reply", "lose-signals", "signal-first",
+                                                  "drop",  "crash",      "restart"};
     Rule rule = {};
     rule.method = members.required("method", members.text("method"));
     if (rule.method != "*" && !g_dbus_is_member_name(rule.method.c_str()))

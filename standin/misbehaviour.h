@@ -17,6 +17,7 @@ struct Misbehaviour
         Error,
         Reply,
         LoseReply,
+        LoseSignals,
         SignalFirst,
         Drop,
         Crash,

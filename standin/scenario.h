@@ -1,11 +1,13 @@
 #pragma once
 
 #include "misbehaviour.h"
+#include "option.h"
 
 #include <cstdint>
 #include <map>
-#include <set>
+#include <optional>
 #include <string>
+#include <vector>
 
 /** The world that a daemon finds when it starts. */
 struct Scenario
@@ -13,6 +15,7 @@ struct Scenario
     struct User
     {
         std::map<std::string, std::string> secrets; ///< by factor
+        Options options;
     };
     struct Factor
     {
@@ -22,8 +25,11 @@ struct Scenario
             Slow,
         };
         Behaviour behaviour;
-        unsigned delay;       ///< in milliseconds
-        std::string secretOf; ///< the factor whose secrets it shares; itself as a rule
+        unsigned delay;                                   ///< in milliseconds
+        std::string secretOf;                             ///< the factor whose secrets it shares; itself as a rule
+        size_t place;                                     ///< in the file's list
+        std::optional<std::vector<std::string>> services; ///< all when absent
+        Options options;                                  ///< of every user at the start
     };
 
     int lockState;
@@ -31,7 +37,8 @@ struct Scenario
     bool unlockIfNeeded;
     int64_t lockoutFailures; ///< 0: never
     double lockoutSeconds;
-    std::set<std::string> services;
+    std::vector<std::string> services;
+    Options options;
     std::map<uint32_t, User> users;
     std::map<std::string, Factor> factors;
     MisbehaviourRules misbehave;

@@ -271,6 +271,9 @@ void Service::misbehave(const Call &call, const Misbehaviour &misbehaviour)
     case Misbehaviour::LoseReply:
         treat(call, Order::SignalsOnly);
         break;
+    case Misbehaviour::LoseSignals:
+        treat(call, Order::ReplyOnly);
+        break;
     case Misbehaviour::SignalFirst:
         treat(call, Order::SignalsFirst);
         break;
@@ -305,16 +308,20 @@ void Service::treat(const Call &call, Order order)
         outcome.signals = outcome.later();
         outcome.later = nullptr;
     }
-    if (order == Order::ReplyFirst)
+    if (order == Order::ReplyFirst || order == Order::ReplyOnly)
         reply(call, outcome);
-    sendSignals(outcome.signals, instance, call.peer);
+    if (order != Order::ReplyOnly)
+        sendSignals(outcome.signals, instance, call.peer);
     if (order == Order::SignalsFirst)
         reply(call, outcome);
     if (outcome.later) {
-        after(outcome.delay, [this, call, later = std::move(outcome.later)] {
+        after(outcome.delay, [this, call, order, later = std::move(outcome.later)] {
             const std::shared_ptr<Instance> stillThere = call.instance.lock();
-            if (stillThere && stillThere->hasPeer(call.peer))
-                sendSignals(later(), stillThere, call.peer);
+            if (!stillThere || !stillThere->hasPeer(call.peer))
+                return;
+            const Signals signals = later();
+            if (order != Order::ReplyOnly)
+                sendSignals(signals, stillThere, call.peer);
         });
     }
 }

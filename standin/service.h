@@ -105,6 +105,7 @@ private:
         ReplyFirst,
         SignalsFirst,
         SignalsOnly,
+        ReplyOnly,
     };
 
     std::shared_ptr<Instance> newInstance();

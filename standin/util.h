@@ -14,6 +14,15 @@ Message adopt(GDBusMessage *message);
 /** Takes over a new value, or shares one that somebody else holds. */
 Variant hold(GVariant *value);
 
+/** Whether @p type is one type that D-Bus has and whose values can be sent: no descriptors. */
+bool isSendableType(const std::string &type);
+
+/** The same for a value with all that its variants hold, which has at most @p deepest levels. */
+bool isSendable(GVariant *value, int deepest);
+
+/** Reads a value of @p type in GVariant text format. Throws std::invalid_argument. */
+Variant parseValue(const std::string &type, const std::string &text);
+
 /** Reads a tuple in GVariant text format, of types that D-Bus has. Throws std::invalid_argument. */
 Variant parseTuple(const std::string &text);
 

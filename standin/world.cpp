@@ -1,6 +1,7 @@
 #include "world.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace {
 
@@ -29,6 +30,27 @@ Outcome replying(bool value, Signals signals = {})
 {
     return replying(tuple(g_variant_new_boolean(value)), std::move(signals));
 }
+
+/** The value of an option, or what a factor answers. */
+Outcome replyingVariant(GVariant *value, Signals signals = {})
+{
+    return replying(tuple(g_variant_new_variant(value)), std::move(signals));
+}
+
+/** The bus error that a call is refused with. */
+class Refusal : public std::runtime_error
+{
+public:
+    Refusal(std::string errorName, const std::string &message)
+        : runtime_error(message)
+        , name(std::move(errorName))
+    {
+    }
+    const std::string name;
+};
+
+const char accessDenied[] = "vantora.AuthService.Error.AccessDenied";
+const char invalidArguments[] = "org.freedesktop.DBus.Error.InvalidArgs";
 
 Outcome refusing(const std::string &name, const std::string &message)
 {
@@ -65,11 +87,63 @@ std::string bytesOf(GVariant *byteArrayValue)
     return std::string(bytes, size);
 }
 
+/** The member @p name of a factor method's parameters, of any type for nullptr. Throws Refusal. */
+Variant memberOf(GVariant *params, const char *name, const GVariantType *type)
+{
+    GVariant *value = g_variant_lookup_value(params, name, type);
+    if (!value)
+        throw Refusal(
+            invalidArguments,
+            std::string("There is no \"") + name + "\""
+                + (type ? " of the type "
+                           + std::string(g_variant_type_peek_string(type), g_variant_type_get_string_length(type))
+                        : ""));
+    return Variant(value, g_variant_unref);
+}
+
+uint32_t uidIn(GVariant *params)
+{
+    return g_variant_get_uint32(memberOf(params, "uid", G_VARIANT_TYPE_UINT32).get());
+}
+
+std::string textIn(GVariant *params, const char *name)
+{
+    return g_variant_get_string(memberOf(params, name, G_VARIANT_TYPE_STRING).get(), nullptr);
+}
+
+void announce(const OptionOwner &owner, const std::string &name, const Variant &value, Signals &signals)
+{
+    const auto add = [&](const char *signal, GVariant *arguments) {
+        signals.push_back({Signal::Everybody, signal, hold(arguments)});
+    };
+    const auto addNotice = [&](const std::string &factor, const std::string &option) {
+        GVariantBuilder notice;
+        g_variant_builder_init(&notice, G_VARIANT_TYPE_VARDICT);
+        g_variant_builder_add(&notice, "{sv}", "type", g_variant_new_string("option-changed"));
+        g_variant_builder_add(&notice, "{sv}", "uid", g_variant_new_uint32(*owner.uid));
+        g_variant_builder_add(&notice, "{sv}", "name", g_variant_new_string(option.c_str()));
+        g_variant_builder_add(&notice, "{sv}", "value", value.get());
+        add("Factor", g_variant_new("(sa{sv})", factor.c_str(), &notice));
+    };
+
+    if (!owner.uid) {
+        add("OptionChanged", g_variant_new("(sv)", name.c_str(), value.get()));
+    } else if (owner.factor && owner.factor != workerFactor) {
+        addNotice(*owner.factor, name);
+    } else {
+        const std::string key = owner.factor ? workerPrefix + name : name;
+        add("UserOptionChanged", g_variant_new("(usv)", *owner.uid, key.c_str(), value.get()));
+        if (g_str_has_prefix(key.c_str(), workerPrefix.c_str()))
+            addNotice(workerFactor, key.substr(workerPrefix.size()));
+    }
+}
+
 } // namespace
 
 World::World(const Scenario &scenario, std::function<void(const Signals &)> announce)
     : m_scenario(scenario)
     , m_announce(std::move(announce))
+    , m_options(scenario)
 {
     Signals nobodyListensYet;
     m_lockState = -1;
@@ -92,14 +166,18 @@ Outcome World::call(const Caller &caller, const std::string &method, GVariant *a
         {"UnlockIfNeeded", &World::unlockIfNeeded},
         {"SetDevlockState", &World::setDevlockState},
         {"FactorMethod", &World::factorMethod},
-        {"GetOption", &World::option},
-        {"GetUserOption", &World::option},
-        {"GetUserOptions", &World::option},
-        {"SetUserOption", &World::option},
+        {"GetOption", &World::getOption},
+        {"GetUserOption", &World::getUserOption},
+        {"GetUserOptions", &World::getUserOptions},
+        {"SetUserOption", &World::setUserOption},
         {"GetState", &World::getState},
         {"SetState", &World::setState},
     };
-    return (this->*handlers.at(method))(caller, arguments);
+    try {
+        return (this->*handlers.at(method))(caller, arguments);
+    } catch (const Refusal &refusal) {
+        return refusing(refusal.name, refusal.what());
+    }
 }
 
 void World::announceLockState(int state)
@@ -113,19 +191,26 @@ void World::announceLockState(int state)
 
 int World::tokenCount(int instance) const
 {
-    return static_cast<int>(
-        std::count_if(m_tokens.begin(), m_tokens.end(), [=](const auto &token) { return token.second == instance; }));
+    return static_cast<int>(std::count_if(m_tokens.begin(), m_tokens.end(),
+                                          [=](const auto &token) { return token.second.instance == instance; }));
 }
 
 void World::forgetInstance(int instance)
 {
     for (auto token = m_tokens.begin(); token != m_tokens.end();)
-        token = token->second == instance ? m_tokens.erase(token) : std::next(token);
+        token = token->second.instance == instance ? m_tokens.erase(token) : std::next(token);
 }
 
 void World::forgetPeer(int peer)
 {
     m_challenges.erase(peer);
+}
+
+void World::announceOption(const OptionOwner &owner, const std::string &name)
+{
+    Signals signals;
+    announce(owner, name, m_options.value(owner, name), signals);
+    m_announce(signals);
 }
 
 Outcome World::requestChallenge(const Caller &caller, GVariant *)
@@ -144,8 +229,9 @@ Outcome World::authenticate(const Caller &caller, GVariant *arguments)
     const char *factorName = "";
     g_variant_lookup(params, "factor", "&s", &factorName);
     uint32_t uid = 0;
-    if (!m_scenario.services.count(service) || !findSubject(factorName, params, uid) || !isChallengeGood(caller, params)
-        || m_lockState == ManagerLockout || m_lockState == CodeEntryLockout)
+    const auto &services = m_scenario.services;
+    if (std::find(services.begin(), services.end(), service) == services.end() || !findSubject(factorName, params, uid)
+        || !isChallengeGood(caller, params) || m_lockState == ManagerLockout || m_lockState == CodeEntryLockout)
         return replying(false);
 
     const Scenario::Factor &factor = m_scenario.factors.at(factorName);
@@ -188,42 +274,135 @@ Outcome World::setDevlockState(const Caller &caller, GVariant *arguments)
     int state = 0;
     g_variant_get(arguments, "(@ayi)", &token, &state);
     const auto found = m_tokens.find(bytesOf(token));
-    if (found == m_tokens.end() || found->second != caller.instance || !isLockState(state))
+    if (found == m_tokens.end() || found->second.instance != caller.instance || !isLockState(state))
         return replying(false);
     Signals signals;
     setLockState(state, signals);
     return replying(true, signals);
 }
 
-Outcome World::factorMethod(const Caller &, GVariant *arguments)
+Outcome World::factorMethod(const Caller &caller, GVariant *arguments)
 {
+    using Handler = Outcome (World::*)(const FactorCall &);
+    static const std::map<std::string, Handler> handlers = {
+        {"get-option", &World::getFactorOption},
+        {"set-option", &World::setFactorOption},
+        {"action", &World::doAction},
+        {"echo", &World::echo},
+        {"notify", &World::notify},
+    };
+    g_autoptr(GVariant) token = nullptr;
     const char *factor = nullptr;
     g_autoptr(GVariant) params = nullptr;
-    g_variant_get(arguments, "(@ay&s@a{sv})", nullptr, &factor, &params);
-    if (!m_scenario.factors.count(factor))
-        return refusing("vantora.AuthService.Error.UnknownFactor", std::string("There is no factor ") + factor);
-
+    g_variant_get(arguments, "(@ay&s@a{sv})", &token, &factor, &params);
+    if (factor != workerFactor && !m_scenario.factors.count(factor))
+        throw Refusal("vantora.AuthService.Error.UnknownFactor", std::string("There is no factor ") + factor);
     const char *type = "";
     g_variant_lookup(params, "type", "&s", &type);
-    if (g_str_equal(type, "echo")) {
-        g_autoptr(GVariant) value = g_variant_lookup_value(params, "value", nullptr);
-        if (!value)
-            return refusing("org.freedesktop.DBus.Error.InvalidArgs", "There is no \"value\" to echo");
-        return replying(tuple(g_variant_new_variant(value)));
-    }
-    if (g_str_equal(type, "notify")) {
-        g_autoptr(GVariant) notice = g_variant_lookup_value(params, "params", G_VARIANT_TYPE_VARDICT);
-        if (!notice)
-            return refusing("org.freedesktop.DBus.Error.InvalidArgs", "There is no map \"params\" to notify of");
-        return replying(tuple(g_variant_new_variant(g_variant_new_boolean(TRUE))),
-                        {{Signal::Everybody, "Factor", hold(g_variant_new("(s@a{sv})", factor, notice))}});
-    }
-    return refusing("vantora.AuthService.Error.UnknownMethod", std::string("The factor has no method ") + type);
+    const auto handler = handlers.find(type);
+    if (handler == handlers.end())
+        throw Refusal("vantora.AuthService.Error.UnknownMethod", std::string("The factor has no method ") + type);
+    return (this->*handler->second)({caller, bytesOf(token), factor, params});
 }
 
-Outcome World::option(const Caller &, GVariant *)
+Outcome World::getFactorOption(const FactorCall &call)
 {
-    return refusing("vantora.AuthService.Error.UnknownOption", "There is no such option");
+    const uint32_t uid = uidIn(call.params);
+    const std::string name = textIn(call.params, "name");
+    wantUser(uid);
+    return replyingVariant(optionValue({uid, call.factor}, name).get());
+}
+
+Outcome World::setFactorOption(const FactorCall &call)
+{
+    const uint32_t uid = uidIn(call.params);
+    const std::string name = textIn(call.params, "name");
+    const Variant value = memberOf(call.params, "value", nullptr);
+    wantUser(uid);
+    const Signals signals = changeOption(call.caller, call.token, {uid, call.factor}, name, value);
+    return replyingVariant(g_variant_new_boolean(TRUE), signals);
+}
+
+Outcome World::doAction(const FactorCall &call)
+{
+    const uint32_t uid = uidIn(call.params);
+    const std::string name = textIn(call.params, "name");
+    g_autoptr(GVariant) given = g_variant_lookup_value(call.params, "params", nullptr);
+    const Variant params =
+        given ? memberOf(call.params, "params", G_VARIANT_TYPE_VARDICT) : hold(g_variant_new_parsed("@a{sv} {}"));
+    wantUser(uid);
+    if (name != "reset" && name != "echo")
+        throw Refusal("vantora.AuthService.Error.UnknownMethod", "The factor has no action " + name);
+    wantToken(call.caller, call.token, uid);
+    if (name == "echo")
+        return replyingVariant(params.get());
+
+    const OptionOwner owner = {uid, call.factor};
+    Signals signals;
+    for (const auto &[option, value] : m_options.atStart(owner)) {
+        m_options.set(owner, option, value);
+        announce(owner, option, value, signals);
+    }
+    return replyingVariant(g_variant_new_boolean(TRUE), signals);
+}
+
+Outcome World::echo(const FactorCall &call)
+{
+    return replyingVariant(memberOf(call.params, "value", nullptr).get());
+}
+
+Outcome World::notify(const FactorCall &call)
+{
+    const Variant notice = memberOf(call.params, "params", G_VARIANT_TYPE_VARDICT);
+    return replyingVariant(
+        g_variant_new_boolean(TRUE),
+        {{Signal::Everybody, "Factor", hold(g_variant_new("(s@a{sv})", call.factor.c_str(), notice.get()))}});
+}
+
+Outcome World::getOption(const Caller &, GVariant *arguments)
+{
+    const char *key = nullptr;
+    g_variant_get(arguments, "(&s)", &key);
+    return replyingVariant(optionValue({}, key).get());
+}
+
+Outcome World::getUserOption(const Caller &, GVariant *arguments)
+{
+    uint32_t uid = 0;
+    const char *key = nullptr;
+    g_variant_get(arguments, "(u&s)", &uid, &key);
+    wantUser(uid);
+    return replyingVariant(optionValue({uid, std::nullopt}, key).get());
+}
+
+Outcome World::getUserOptions(const Caller &, GVariant *arguments)
+{
+    uint32_t uid = 0;
+    g_autoptr(GVariantIter) keys = nullptr;
+    g_variant_get(arguments, "(uas)", &uid, &keys);
+    wantUser(uid);
+    Options found;
+    const char *key = nullptr;
+    while (g_variant_iter_next(keys, "&s", &key)) {
+        if (const Variant value = m_options.value({uid, std::nullopt}, key))
+            found[key] = value;
+    }
+    GVariantBuilder values;
+    g_variant_builder_init(&values, G_VARIANT_TYPE_VARDICT);
+    for (const auto &[name, value] : found)
+        g_variant_builder_add(&values, "{sv}", name.c_str(), value.get());
+    return replying(tuple(g_variant_builder_end(&values)));
+}
+
+Outcome World::setUserOption(const Caller &caller, GVariant *arguments)
+{
+    uint32_t uid = 0;
+    g_autoptr(GVariant) token = nullptr;
+    const char *key = nullptr;
+    g_autoptr(GVariant) value = nullptr;
+    g_variant_get(arguments, "(u@ay&sv)", &uid, &token, &key, &value);
+    wantUser(uid);
+    return replying(true, changeOption(caller, bytesOf(token), {uid, std::nullopt}, key, hold(value)));
 }
 
 Outcome World::getState(const Caller &, GVariant *)
@@ -238,7 +417,7 @@ Outcome World::setState(const Caller &caller, GVariant *arguments)
     if (!isLockState(state))
         return refusing("vantora.AuthService.Error.InvalidState", "There is no state " + std::to_string(state));
     if (state == Unlocked && tokenCount(caller.instance) == 0)
-        return refusing("vantora.AuthService.Error.AccessDenied", "Nobody is authenticated");
+        return refusing(accessDenied, "Nobody is authenticated");
     Signals signals;
     setLockState(state, signals);
     return replying(nothing(), signals);
@@ -251,7 +430,7 @@ Signals World::finishAuthenticate(const Caller &caller, const Scenario::Factor &
         if (isSecret(factor, uid, secret)) {
             m_failures = 0;
             const std::string token = randomBytes(32);
-            m_tokens.emplace(token, caller.instance);
+            m_tokens.emplace(token, Token{caller.instance, uid});
             return {{Signal::Caller, "Authenticated", tuple(byteArray(token))}};
         }
         ++m_failures;
@@ -317,4 +496,42 @@ void World::setLockState(int state, Signals &signals)
         });
     }
     signals.push_back({Signal::Everybody, "StateChanged", tuple(g_variant_new_int32(state))});
+}
+
+Variant World::optionValue(const OptionOwner &owner, const std::string &name) const
+{
+    Variant value = m_options.value(owner, name);
+    if (!value)
+        throw Refusal("vantora.AuthService.Error.UnknownOption", "There is no option " + name);
+    return value;
+}
+
+/** Gives the signals that tell of the change. */
+Signals World::changeOption(const Caller &caller, const std::string &token, const OptionOwner &owner,
+                            const std::string &name, const Variant &value)
+{
+    const Variant old = optionValue(owner, name);
+    wantToken(caller, token, *owner.uid);
+    if (!g_variant_is_of_type(value.get(), g_variant_get_type(old.get())))
+        throw Refusal(invalidArguments, "The option " + name + " is of type " + g_variant_get_type_string(old.get()));
+    const std::string problem = problemOfOption(value.get());
+    if (!problem.empty())
+        throw Refusal(invalidArguments, problem);
+    m_options.set(owner, name, value);
+    Signals signals;
+    announce(owner, name, value, signals);
+    return signals;
+}
+
+void World::wantUser(uint32_t uid) const
+{
+    if (!m_scenario.users.count(uid))
+        throw Refusal("vantora.AuthService.Error.UnknownUser", "There is no user " + std::to_string(uid));
+}
+
+void World::wantToken(const Caller &caller, const std::string &token, uint32_t uid) const
+{
+    const auto found = m_tokens.find(token);
+    if (found == m_tokens.end() || found->second.instance != caller.instance || found->second.uid != uid)
+        throw Refusal(accessDenied, "There is no good token of user " + std::to_string(uid));
 }

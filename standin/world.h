@@ -1,5 +1,6 @@
 #pragma once
 
+#include "option-store.h"
 #include "scenario.h"
 #include "util.h"
 
@@ -66,14 +67,42 @@ public:
     void forgetInstance(int instance);
     void forgetPeer(int peer);
 
+    OptionStore &options()
+    {
+        return m_options;
+    }
+    /** Tells everybody what the option's value is. */
+    void announceOption(const OptionOwner &owner, const std::string &name);
+
 private:
+    struct Token
+    {
+        int instance;
+        uint32_t uid;
+    };
+    struct FactorCall
+    {
+        Caller caller;
+        std::string token;
+        std::string factor;
+        GVariant *params;
+    };
+
     Outcome requestChallenge(const Caller &caller, GVariant *arguments);
     Outcome authenticate(const Caller &caller, GVariant *arguments);
     Outcome changeAuthData(const Caller &caller, GVariant *arguments);
     Outcome unlockIfNeeded(const Caller &caller, GVariant *arguments);
     Outcome setDevlockState(const Caller &caller, GVariant *arguments);
     Outcome factorMethod(const Caller &caller, GVariant *arguments);
-    Outcome option(const Caller &caller, GVariant *arguments);
+    Outcome getFactorOption(const FactorCall &call);
+    Outcome setFactorOption(const FactorCall &call);
+    Outcome doAction(const FactorCall &call);
+    Outcome echo(const FactorCall &call);
+    Outcome notify(const FactorCall &call);
+    Outcome getOption(const Caller &caller, GVariant *arguments);
+    Outcome getUserOption(const Caller &caller, GVariant *arguments);
+    Outcome getUserOptions(const Caller &caller, GVariant *arguments);
+    Outcome setUserOption(const Caller &caller, GVariant *arguments);
     Outcome getState(const Caller &caller, GVariant *arguments);
     Outcome setState(const Caller &caller, GVariant *arguments);
 
@@ -86,11 +115,19 @@ private:
     bool isSecret(const Scenario::Factor &factor, uint32_t uid, const std::string &secret) const;
     void setLockState(int state, Signals &signals);
 
+    /** The following throw what the call is refused with. */
+    Variant optionValue(const OptionOwner &owner, const std::string &name) const;
+    Signals changeOption(const Caller &caller, const std::string &token, const OptionOwner &owner,
+                         const std::string &name, const Variant &value);
+    void wantUser(uint32_t uid) const;
+    void wantToken(const Caller &caller, const std::string &token, uint32_t uid) const;
+
     Scenario m_scenario;
     std::function<void(const Signals &)> m_announce;
     int m_lockState;
     int64_t m_failures = 0;
     guint m_lockoutTimer = 0;
     std::map<int, std::string> m_challenges; ///< by peer
-    std::map<std::string, int> m_tokens;     ///< the instance that has handed out each
+    std::map<std::string, Token> m_tokens;
+    OptionStore m_options;
 };
