@@ -1,46 +1,19 @@
 #include "console.h"
 
+#include "awaited.h"
 #include "secret-input.h"
 #include "values.h"
 
-#include <QtCore/QEventLoop>
 #include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
 #include <QtCore/QMetaEnum>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QSocketNotifier>
-#include <QtCore/QTimer>
+#include <QtDBus/QDBusConnection>
 
 #include <memory>
 #include <unistd.h>
 
 namespace {
-
-/** Something that is waited for in the event loop. It is the context of the connections that bring it about. */
-template <typename Value> class Awaited : public QObject
-{
-public:
-    void set(const Value &value)
-    {
-        m_value = value;
-        m_loop.quit();
-    }
-
-    std::optional<Value> wait(const QDeadlineTimer &deadline)
-    {
-        if (!m_value) {
-            QTimer timer;
-            QObject::connect(&timer, &QTimer::timeout, &m_loop, &QEventLoop::quit);
-            timer.start(int(deadline.remainingTime()));
-            m_loop.exec();
-        }
-        return m_value;
-    }
-
-private:
-    QEventLoop m_loop;
-    std::optional<Value> m_value;
-};
 
 QString stateName(AuthDevlockClient::LockState state)
 {
@@ -57,33 +30,6 @@ QJsonObject stateDetails(AuthDevlockClient::LockState state)
 QString tokenBeginning(const QByteArray &token)
 {
     return token.size() > 8 ? QString::fromLatin1(token.left(2).toHex()) : QString();
-}
-
-QString tokenText(const QByteArray &token)
-{
-    const QString begins = tokenBeginning(token);
-    return QStringLiteral("token of %1 bytes").arg(token.size())
-        + (begins.isEmpty() ? QString() : QStringLiteral(", %1…").arg(begins));
-}
-
-QJsonObject tokenDetails(const QByteArray &token)
-{
-    if (token.isEmpty())
-        return {{QStringLiteral("token"), QJsonValue()}};
-    QJsonObject details{{QStringLiteral("length"), token.size()}};
-    const QString begins = tokenBeginning(token);
-    if (!begins.isEmpty())
-        details.insert(QStringLiteral("begins"), begins);
-    return {{QStringLiteral("token"), details}};
-}
-
-QString toText(const QJsonValue &value)
-{
-    if (value.isString())
-        return value.toString();
-    // Without the brackets that make it a document.
-    const QByteArray array = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(array.mid(1, array.size() - 2));
 }
 
 /** The words of a line of a session, with the program's name before them; quotes of either kind group. */
@@ -116,11 +62,34 @@ bool announcesSecret(const QString &line)
 
 } // namespace
 
+QString tokenText(const QByteArray &token)
+{
+    const QString begins = tokenBeginning(token);
+    return QStringLiteral("token of %1 bytes").arg(token.size())
+        + (begins.isEmpty() ? QString() : QStringLiteral(", %1…").arg(begins));
+}
+
+QJsonObject tokenDetails(const QByteArray &token)
+{
+    if (token.isEmpty())
+        return {{QStringLiteral("token"), QJsonValue()}};
+    QJsonObject details{{QStringLiteral("length"), token.size()}};
+    const QString begins = tokenBeginning(token);
+    if (!begins.isEmpty())
+        details.insert(QStringLiteral("begins"), begins);
+    return {{QStringLiteral("token"), details}};
+}
+
 Console::Console(Output &output)
     : m_output(output)
+    , m_settings(*this)
+    , m_daemon(QStringLiteral("vantora.AuthService"), QDBusConnection::systemBus(),
+               QDBusServiceWatcher::WatchForOwnerChange)
 {
     QObject::connect(&m_client, &AuthClient::progressChanged, &m_client,
                      [this] { m_output.setWaiting(m_client.progress()); });
+    QObject::connect(&m_daemon, &QDBusServiceWatcher::serviceOwnerChanged, &m_daemon,
+                     [this] { m_settings.distrust(); });
 }
 
 int Console::perform(const Request &request)
@@ -128,8 +97,16 @@ int Console::perform(const Request &request)
     m_command = request.command;
     m_deadline.setRemainingTime(request.timeout);
 
+    std::optional<QByteArray> secret;
     if (!request.factor.isEmpty()) {
-        const int status = authenticate(request);
+        secret = readSecret(request);
+        if (!secret)
+            return WrongUsage;
+    }
+    if (SettingsConsole::knows(m_command))
+        return m_settings.perform(request, secret);
+    if (secret) {
+        const int status = authenticate(m_client, request, *secret);
         if (status != Done)
             return status;
     }
@@ -141,6 +118,7 @@ int Console::perform(const Request &request)
         return callFactor(request);
     if (m_command == QLatin1String("drop")) {
         m_client.dropAuthentication();
+        m_settings.dropAuthentication();
         return finish(Done, QStringLiteral("Token dropped"));
     }
     if (m_command != QLatin1String("authenticate"))
@@ -154,17 +132,23 @@ int Console::finish(int status, const QString &text, const QJsonObject &details)
     return status;
 }
 
-int Console::authenticate(const Request &request)
+QDeadlineTimer Console::deadline() const
 {
-    const auto secret = readSecret(request);
-    if (!secret)
-        return WrongUsage;
+    return m_deadline;
+}
 
+Output &Console::output() const
+{
+    return m_output;
+}
+
+int Console::authenticate(AuthClient &client, const Request &request, const QByteArray &secret)
+{
     QVariantMap params{{QStringLiteral("factor"), request.factor}};
     // A byte array carries what a string cannot.
-    const QString text = QString::fromUtf8(*secret);
-    const bool isText = text.toUtf8() == *secret && !text.contains(QChar::Null);
-    params.insert(QStringLiteral("data"), isText ? QVariant(text) : QVariant(*secret));
+    const QString text = QString::fromUtf8(secret);
+    const bool isText = text.toUtf8() == secret && !text.contains(QChar::Null);
+    params.insert(QStringLiteral("data"), isText ? QVariant(text) : QVariant(secret));
     if (request.uid)
         params.insert(QStringLiteral("uid"), *request.uid);
 
@@ -173,14 +157,14 @@ int Console::authenticate(const Request &request)
         return finish(NoOutcome, QStringLiteral("Undefined: the daemon did not tell its state in time"));
 
     Awaited<QByteArray> outcome;
-    QObject::connect(&m_client, &AuthClient::authenticatedChanged, &outcome,
+    QObject::connect(&client, &AuthClient::authenticatedChanged, &outcome,
                      [&outcome](const QVariant &token) { outcome.set(token.toByteArray()); });
-    m_client.authenticate(request.service, params);
+    client.authenticate(request.service, params);
     const auto token = outcome.wait(m_deadline);
 
     if (!token) {
         // Otherwise the request would count as being under way.
-        m_client.dropAuthentication();
+        client.dropAuthentication();
         return finish(NoOutcome, QStringLiteral("the daemon did not tell an outcome in time"));
     }
     if (token->isEmpty())
@@ -263,8 +247,17 @@ int Console::callFactor(const Request &request)
     return finish(Done, toText(toJson(*value)), {{QStringLiteral("value"), toJson(*value)}});
 }
 
+int Console::follow(const Request &request)
+{
+    m_command = request.command;
+    m_deadline.setRemainingTime(request.timeout);
+    printEvents();
+    return request.user ? m_settings.follow(request) : Done;
+}
+
 void Console::printEvents()
 {
+    m_settings.printEvents();
     const auto print = [this](const char *name, const QString &text = QString(),
                               const QJsonObject &details = QJsonObject()) {
         m_output.event(QLatin1String(name), details, text);

@@ -1,5 +1,6 @@
 #include "console.h"
 #include "secret-input.h"
+#include "warnings.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -10,7 +11,8 @@ bool verbose = false;
 
 void showMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
-    if (verbose || type == QtWarningMsg || type == QtCriticalMsg || type == QtFatalMsg)
+    const bool taken = type == QtWarningMsg && Warnings::take(text);
+    if (verbose || (type == QtWarningMsg && !taken) || type == QtCriticalMsg || type == QtFatalMsg)
         messages->message(text);
 }
 
@@ -44,8 +46,8 @@ int main(int argc, char *argv[])
     endOnSignals(watch ? Done : Interrupted);
     Console console(output);
     if (watch) {
-        console.printEvents();
-        return QCoreApplication::exec();
+        const int status = console.follow(*request);
+        return status == Done ? QCoreApplication::exec() : status;
     }
     return request->command == QLatin1String("session") ? console.runSession(*request) : console.perform(*request);
 }

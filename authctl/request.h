@@ -25,7 +25,7 @@ struct Request
         Descriptor
     };
 
-    QString command;
+    QString command; ///< its words, without the arguments between them
     QString service; ///< what to authenticate for
     QString factor;  ///< what to authenticate with; empty: no authentication is asked for
     std::optional<uint> uid;
@@ -37,16 +37,29 @@ struct Request
     QString calledFactor;
     QVariantMap params;
 
+    std::optional<uint> user; ///< whose settings; never one that means nobody
+    QString name;             ///< of an option, a flag or a factor
+    bool on = false;
+    QVariant value;
+
     int timeout = 30000; ///< milliseconds
     bool json = false;
     bool verbose = false;
 };
 
+/** What may be set for a user. */
+extern const char ShowNotifications[];
+extern const char IsMultiFactorable[];
+extern const char IsUserSettable[];
+
 /** The help text. */
 extern const char Help[];
 
-/** Whether a word is the name of a command. */
+/** Whether a word begins a command. */
 bool isCommand(const QString &word);
+
+/** Whether a user id means nobody. */
+bool isNobody(uint uid);
 
 /**
  * Understands a command and its arguments.

@@ -16,7 +16,9 @@ status()
     output=$("$@" 2>&1)
     got=$?
     count=$((count + 1))
-    if [ $got -ne "$expected" ] || ! [[ $output =~ $pattern ]] || [[ $output =~ 1234|geheim|[0-9a-f]{9} ]]; then
+    # Nobody's user id has as many digits as a token that has leaked.
+    if [ $got -ne "$expected" ] || ! [[ $output =~ $pattern ]] \
+        || [[ ${output//429496729[56]/nobody} =~ 1234|geheim|[0-9a-f]{9} ]]; then
         failures=$((failures + 1))
         printf 'FAIL: %s\n  status %s, expected %s; printed: %s\n  expected: %s\n' "$*" $got "$expected" "$output" "$pattern"
     fi
@@ -75,6 +77,41 @@ ended_by() # SIGNAL ARGUMENT…
     wait $!
 }
 
+changes() # ARGUMENT…: changes user 1000's settings
+{
+    with_code 1234 "$@" --factor code --data -
+}
+
+writes() # COUNT: the daemon was asked so often to write a user's option
+{
+    [ "$("$standin" ctl '{"do":"calls"}' | grep -o '"method": *"SetUserOption"' | wc -l)" -eq "$1" ]
+}
+
+holds() # TEXT ARGUMENT…: the daemon's options hold a text; more members of the request
+{
+    tells "$1" "$standin" ctl "{\"do\":\"options\",\"uid\":1000${2-}}"
+}
+
+misbehave() # METHOD HOW
+{
+    ctl '{"do":"behave"}' "{\"do\":\"misbehave\",\"method\":\"$1\",\"how\":$2}"
+}
+
+# Waits until what a process in the background prints holds a text.
+until_told() # TEXT
+{
+    local deadline=$((SECONDS + 20))
+    until grep -qsF "$1" "$dir/out"; do
+        [ $SECONDS -lt $deadline ] || { echo "not told: $1" >&2 && return 1; }
+    done
+}
+
+# Unlike authctl's own waiting, a call that the library waits for takes its full time. It goes on beside the other tests.
+ctl '{"do":"misbehave","method":"SetUserOption","how":"mute","times":1}' '{"do":"clear-calls"}'
+changes user 1000 set show-notifications off --timeout 1 >"$dir/mute" 2>&1 &
+mute=$!
+ctl '{"do":"wait-calls","method":"SetUserOption","count":1}'
+
 # 0: done
 status 0 '^Locked$' "$authctl" state
 status 0 '"number":1,"ok":true,"state":"Locked","status":0' "$authctl" state --json
@@ -125,10 +162,21 @@ status 2 'never from the command line' "$authctl" authenticate login geheim --fa
 status 2 'never from the command line' "$authctl" unlock geheim --factor code
 status 2 'too many arguments for state \(see' "$authctl" state extra
 status 2 'no such state: "open"' "$authctl" set-state open
-status 2 'wants a number' "$authctl" state --timeout soon
+for seconds in soon 0 -1 1e9 nan; do
+    status 2 'wants a number of seconds, more than 0 and at most 1000000 ' "$authctl" state --timeout $seconds
+done
+for command in lock 'user 1000 set is-user-settable on' 'authenticate login'; do
+    status 2 "--factor wants a factor's name" "$authctl" $command --factor '' --data - </dev/null
+    status 2 "--factor wants a factor's name" "$authctl" $command --factor=
+done
 status 2 'not KEY=VALUE' "$authctl" factor-method code echo value
 status 2 'no such type: "value:z=1"' "$authctl" factor-method code echo value:z=1
 status 2 'not of its type' "$authctl" factor-method code echo value:b=yes
+status 2 'not of its type' "$authctl" factor-method code echo 'value:json={'
+for value in null '{"a":[1,{"b":null}]}'; do
+    status 2 'D-Bus has no null: "value:json=' "$authctl" factor-method code echo "value:json=$value"
+    status 2 'D-Bus has no null' "$authctl" method code set "value:json=$value" --factor code
+done
 status 2 'not a number from 0 to 255: "value:y=256"' "$authctl" factor-method code echo value:y=256
 status 2 'not a number from -32768 to 32767' "$authctl" factor-method code echo value:n=-32769
 status 2 'not a number from 0 to 65535' "$authctl" factor-method code echo value:q=-1
@@ -136,6 +184,28 @@ status 2 'given twice' "$authctl" factor-method code echo type:u=7
 status 2 'given twice' "$authctl" factor-method code echo value=a value=b
 status 2 'in a session' "$authctl" lock --token
 status 2 'a command of a session' "$authctl" drop
+status 2 'the commands of options are: get \(see' "$authctl" options
+status 2 'more arguments' "$authctl" options get
+status 2 'the commands of user are: show, set, last-login' "$authctl" user 1000 dance
+status 2 'user is given by a number, the user id: "alex"' "$authctl" user alex show
+status 2 'user is given by a number' "$authctl" factors --user 4294967296
+for nobody in 0 4294967295; do
+    status 2 "means nobody: \"$nobody\"" "$authctl" user $nobody show
+    status 2 "means nobody: \"$nobody\"" "$authctl" factors --user $nobody
+done
+status 2 'no such flag: "is-settable"' "$authctl" user 1000 set is-settable on --factor code
+status 2 'on or off: "yes"' "$authctl" user 1000 set is-user-settable yes --factor code
+status 2 'never from the command line' "$authctl" user 1000 set is-user-settable on geheim --factor code
+status 2 'does not take --user' "$authctl" user 1000 show --user 1001
+status 2 'does not authenticate' "$authctl" factors --factor code
+status 2 'works only in a session' "$authctl" factors toggle code --token
+status 2 'wants an authentication: --factor \(see' "$authctl" factors toggle code
+status 2 'wants an authentication' "$authctl" user 1000 set is-user-settable on
+status 2 'wants an authentication' "$authctl" unlock-factors toggle code
+status 2 'wants an authentication' "$authctl" method code set length:u=5
+status 2 'wants an authentication' "$authctl" method code action reset
+status 2 'not KEY=VALUE' "$authctl" method code set length --factor code
+status 2 'not a number from 0 to 4294967295: "length:u=-1"' "$authctl" method code set length:u=-1 --factor code
 status 2 'no terminal' setsid -w "$authctl" authenticate login --factor code
 
 # 3: refused
@@ -185,6 +255,252 @@ kill -TERM $!
 wait $!
 status 5 '' bash -c "exit $?"
 
+ctl '{"do":"behave"}'
+
+# A global option
+status 0 '^\["login","unlock"\]$' "$authctl" options get worker/available-services
+status 0 '"key":"worker/can-switch-to-user","ok":true,"status":0,.*"value":true' "$authctl" options get worker/can-switch-to-user --json
+status 3 '^authctl: the daemon refused: vantora.AuthService.Error.UnknownOption: ' "$authctl" options get nosuch
+status 3 '"error":"the daemon refused: vantora.AuthService.Error.UnknownOption: .*"status":3' "$authctl" options get nosuch --json
+misbehave GetOption '"reply","value":"(5,)"'
+status 3 '^authctl: the daemon refused: org.freedesktop.DBus.Error.InvalidSignature: ' "$authctl" options get worker/available-services
+misbehave GetOption '"mute"'
+status 4 'did not answer in time' "$authctl" options get worker/available-services --timeout 0.2
+misbehave GetOption '"drop"'
+status 4 'did not answer: ' "$authctl" options get worker/available-services
+ctl '{"do":"behave"}'
+
+# A user's settings
+ctl '{"do":"set-option","uid":1000,"key":"devlock/show-notifications","value":true}'
+status 0 '^show-notifications   on
+is-multi-factorable  off
+is-user-settable     on
+unlock-factors       code, smartcard
+warning              settings_users-la-user_has_token_hint
+show-last-login      on
+last-login-date      2026-11-20 08:15
+can-switch-to-user   on$' "$authctl" user 1000 show
+status 0 '"unlock-factors":\["code"\],"user":1001,"warning":""' "$authctl" user 1001 show --json
+status 0 '^2026-11-20 08:15$' "$authctl" user 1000 last-login
+status 0 '^none$' "$authctl" user 1001 last-login
+for command in 'user 7 show' 'user 7 last-login' 'factors --user 7'; do
+    status 3 '^authctl: the daemon refused: There is no user 7$' "$authctl" $command
+done
+misbehave GetUserOption '"error","message":"Not \"today\" C:\\\"n"'
+status 3 'refused: Not "today" C:\\"n$' "$authctl" user 1000 show
+misbehave GetOption '"error","message":"Not at all"'
+status 3 'options could not be read: Not at all$' "$authctl" factors --user 1000
+status 3 'options could not be read: Not at all".*options could not be read: Not at all [(][^)]*start another session[)]"' \
+    session 'user 1000 show' 'user 1001 show'
+misbehave GetOption '"drop"'
+status 4 'options could not be read: Not connected' "$authctl" factors --user 1000
+ctl '{"do":"behave"}'
+
+# Without --user it is the caller's; in a session, the user of the command before.
+case $(id -u) in
+0) status 2 '^authctl: the user id 0 means nobody; name a user with --user$' "$authctl" factors ;;
+1000 | 1001) status 0 "\"user\":$(id -u)" "$authctl" factors --json ;;
+*) status 3 "refused: There is no user $(id -u)" "$authctl" factors ;;
+esac
+status 0 '"command":"factors".*"user":1001' session 'user 1001 show' factors
+status 0 '"command":"factors".*"user":1001' session 'user 1000 show' 'user 1001 last-login' factors
+status 3 '"command":"factors","error":"the daemon refused: There is no user 7"' session 'user 1000 show' 'user 7 show' factors
+
+# The table, in any script, with letters of two columns and accents of none
+accent=$'e\xcc\x81'
+status 0 '^ROW  NAME       TITLE                   SERVICE  CHOSEN  DISABLED  CAN BE TOGGLED
+0    code       authd-factor-code       login    yes     no        no
+1    smartcard  authd-factor-smartcard  login    no      no        yes
+' "$authctl" factors --user 1000
+ctl '{"do":"set-option","uid":1000,"key":"worker/disabled-factors","value":["smartcard","slow"]}' \
+    '{"do":"set-option","key":"worker/available-service-factors/login","value":["code","ключ","指紋","e\u0301","a\u001bb","\u2028","smartcard"]}' \
+    '{"do":"set-option","key":"worker/available-service-factors/unlock","value":["smartcard","code"]}'
+status 0 '^ROW  NAME       TITLE .*
+0    code       authd-.*
+1    ключ       authd-.*
+2    指紋       authd-.*
+3    '$accent'          authd-.*
+4    a�b        authd-.*
+5    �          authd-.*
+6    smartcard  authd-factor-smartcard  login    no      yes       yes$' env LC_ALL=C.UTF-8 "$authctl" factors --user 1000
+ctl '{"do":"set-option","key":"worker/available-service-factors/login","value":["code","sudis"]}'
+# No login row carries this name, and the rows are made anew for what is disabled.
+status 0 '1    sudis      authd-factor-sudis      login    no      no        yes
+2    smartcard  authd-factor-smartcard  unlock   yes     yes       no$' "$authctl" factors --user 1000
+status 0 '"can-be-toggled":false,"chosen":true,"disabled":true,"name":"smartcard","row":2,"service":"unlock"' \
+    "$authctl" factors --user 1000 --json
+# One choice at a time unchooses the row for unlock as well, which is announced last.
+status 0 '
+1    sudis      authd-factor-sudis      login    yes     no        no
+2    smartcard  authd-factor-smartcard  unlock   no      yes       no$' changes factors toggle sudis --user 1000
+ctl '{"do":"set-option","uid":1000,"key":"worker/service-factors/login","value":["code"]}' \
+    '{"do":"set-option","uid":1000,"key":"worker/service-factors/unlock","value":["code","smartcard"]}'
+for option in login unlock; do
+    ctl "{\"do\":\"set-option\",\"key\":\"worker/available-service-factors/$option\",\"value\":[\"code\",\"smartcard\",\"sudis\"]}"
+done
+ctl '{"do":"set-option","uid":1000,"key":"worker/disabled-factors","value":[]}'
+
+# Flags
+for flag in show-notifications is-multi-factorable is-user-settable; do
+    key=worker/$flag
+    [ $flag != show-notifications ] || key=devlock/$flag
+    ctl "{\"do\":\"set-option\",\"uid\":1000,\"key\":\"$key\",\"value\":true}" '{"do":"clear-calls"}'
+    status 0 "^$flag is on already; nothing was sent\$" changes user 1000 set $flag on
+    status 0 '' writes 0
+    status 0 "^$flag is off\$" changes user 1000 set $flag off
+    status 0 '' writes 1
+    status 0 '' holds "\"$key\":\"false\""
+    misbehave SetUserOption '"signal-first"'
+    status 0 "\"changed\":true.*\"$flag\":true" changes user 1000 set $flag on --json
+    misbehave SetUserOption '"error","message":"Not \"today\""'
+    status 3 '^authctl: the daemon refused: Not "today"$' changes user 1000 set $flag off
+    status 0 '' holds "\"$key\":\"true\""
+    ctl '{"do":"behave"}'
+done
+misbehave SetUserOption '"reply","value":"(false,)"'
+status 3 'refused, without saying why' changes user 1000 set show-notifications off
+status 4 'did not announce the change in time' changes user 1000 set is-multi-factorable off --timeout 2
+misbehave SetUserOption '"lose-signals"'
+status 0 '^show-notifications is off$' changes user 1000 set show-notifications off
+status 4 'did not announce the change in time' changes user 1000 set is-multi-factorable off --timeout 2
+ctl '{"do":"behave"}'
+status 0 '^show-notifications is on$' with_code 9876 user 1001 set show-notifications on --factor code --data -
+status 3 '^authctl: not authenticated$' with_code 0000 user 1000 set show-notifications on --factor code --data -
+status 3 '^authctl: the daemon refused: .*token' with_code 9876 user 1000 set show-notifications on --uid 1001 --factor code --data -
+status 3 '"error":"the daemon refused: .*token.*"status":3' session 'user 1000 set show-notifications on --token'
+
+# Choosing factors
+ctl '{"do":"clear-calls"}'
+status 3 'sees no login factor "nosuch"' changes factors toggle nosuch --user 1000
+status 3 '"code" is the only login factor chosen' changes factors toggle code --user 1000
+status 3 'not offer "nosuch" for unlock; it offers: code, smartcard, sudis$' changes unlock-factors toggle nosuch --user 1000
+status 0 '' writes 0
+status 0 '
+0    code       authd-factor-code       login    no      no        yes
+1    smartcard  authd-factor-smartcard  login    yes     no        no
+' changes factors toggle smartcard --user 1000
+status 0 '' holds "\"worker/service-factors/login\":\"['smartcard']\""
+misbehave SetUserOption '"signal-first"'
+status 0 '"chosen":true,"disabled":false,"name":"sudis"' changes factors toggle sudis --user 1000 --json
+status 0 '^Chosen for unlock: sudis$' changes unlock-factors toggle sudis --user 1000
+status 0 '"unlock-factors":\["code","smartcard"\]' changes unlock-factors toggle sudis --user 1000 --json
+status 0 '' holds "\"worker/service-factors/unlock\":\"['code', 'smartcard']\""
+misbehave SetUserOption '"error","message":"Not today"'
+status 3 '^authctl: the daemon refused: Not today$' changes factors toggle code --user 1000
+status 3 '^authctl: the daemon refused: Not today$' changes unlock-factors toggle code --user 1000
+misbehave SetUserOption '"lose-signals"'
+status 4 'did not announce the change in time' changes factors toggle code --user 1000 --timeout 2
+status 4 'did not announce the change in time' changes unlock-factors toggle code --user 1000 --timeout 2
+ctl '{"do":"behave"}'
+
+# A factor's options and actions
+status 0 '^4$' "$authctl" method code get length --user 1000
+status 0 '^length is 6$' changes method code set length:u=6 --user 1000
+status 0 '' holds '"length":"uint32 6"' ',"factor":"code"'
+status 0 '"name":"length",.*"value":6' "$authctl" method code get length --user 1000 --json
+status 3 '^authctl: the daemon refused: .*nosuch' "$authctl" method code get nosuch --user 1000
+status 3 '^authctl: the daemon refused: ' "$authctl" method nosuch get length --user 1000
+status 3 '^authctl: the daemon refused: .* type u$' changes method code set length=6 --user 1000
+status 0 '^true$' changes method code action reset --user 1000
+status 0 '^4$' "$authctl" method code get length --user 1000
+status 0 '^\{"a":1,"b":"c=d"\}$' changes method code action echo a:u=1 b=c=d --user 1000
+status 3 '^authctl: the daemon refused: .*nosuch' changes method code action nosuch --user 1000
+misbehave FactorMethod '"signal-first"'
+status 0 '^length is 5$' changes method code set length:u=5 --user 1000
+misbehave FactorMethod '"lose-signals"'
+status 4 'neither announced the change nor refused it in time' changes method code set length:u=7 --user 1000 --timeout 2
+misbehave FactorMethod '"mute"'
+status 4 'neither announced the change nor refused it in time' changes method code set length:u=8 --user 1000 --timeout 2
+status 4 'did not answer in time' changes method code action reset --user 1000 --timeout 2
+misbehave FactorMethod '"drop"'
+status 4 'did not answer: ' "$authctl" method code get length --user 1000
+ctl '{"do":"behave"}'
+
+# The notice of another change is not that of this one.
+another_notice() # VALUE
+{
+    ctl '{"do":"misbehave","method":"FactorMethod","how":"hold","times":1}' '{"do":"clear-calls"}'
+    changes method code set length:u=9 --user 1000 --timeout "$2" &
+    ctl '{"do":"wait-calls","method":"FactorMethod","count":1}' \
+        "{\"do\":\"set-option\",\"uid\":1000,\"factor\":\"code\",\"name\":\"length\",\"value\":{\"type\":\"u\",\"value\":\"$1\"}}"
+    [ "$1" -eq 2 ] || ctl '{"do":"release"}'
+    wait $!
+}
+status 0 '^length is 9$' another_notice 3 20
+status 3 'the daemon made it 2$' another_notice 2 2
+ctl '{"do":"release"}'
+
+# A session acts with the token of the settings, and follows the user named last.
+status 0 '"event":"user","time":[^}]*"user":1000.*"event":"factors".*"event":"settings-token".*"event":"is-multi-factorable","on":true.*"command":"user set".*"chosen":true,"event":"factor-changed","name":"smartcard".*"command":"factors toggle"' \
+    session 'user 1001 show' 'user 1000 set is-multi-factorable on --factor code --data -' 1234 'factors toggle smartcard --token'
+status 3 '"event":"settings-discredit".*"command":"user set","error":"the daemon refused' \
+    session 'method code action reset --user 1000 --factor code --data -' 1234 drop 'user 1000 set show-notifications on --token'
+# The secret is no command, even if none is wanted.
+status 0 '"command":"factors toggle","error".*"command":"state","number":1,"ok":true' \
+    session 'factors toggle nosuch --user 1000 --factor code --data -' 1234 state
+
+wait $mute
+status 4 '^authctl: the daemon did not answer: Did not receive a reply' bash -c "cat '$dir/mute'; exit $?"
+
+# While the daemon is away nobody tells of changes.
+read_anew()
+{
+    rm -f "$dir/out"
+    {
+        echo 'user 1000 show'
+        until_told '"command":"user show"'
+        ctl '{"do":"stop"}'
+        until_told '"number":4'
+        ctl '{"do":"set-option","uid":1000,"key":"worker/is-user-settable","value":false}' '{"do":"start"}' '{"do":"set-lock","state":5}'
+        until_told '"number":5'
+        echo 'user 1000 show'
+    } | "$authctl" session --json >"$dir/out"
+    cat "$dir/out"
+}
+status 0 '"command":"user show".*"is-user-settable":true.*"command":"user show".*"is-user-settable":false' read_anew
+ctl '{"do":"set-option","uid":1000,"key":"worker/is-user-settable","value":true}' '{"do":"set-lock","state":1}'
+
+# Also when it goes a second time, which the state of the device lock does not show: it is unknown since the first.
+connected_anew()
+{
+    local deadline=$((SECONDS + 20))
+    until [[ $("$standin" ctl '{"do":"state"}') =~ \"peers\":\[[0-9]+,[0-9]+\] ]]; do
+        [ $SECONDS -lt $deadline ] || { echo 'not connected anew' >&2 && return 1; }
+    done
+}
+read_anew_twice()
+{
+    rm -f "$dir/out"
+    {
+        echo 'user 1000 show'
+        until_told '"command":"user show"'
+        local settable
+        for settable in false true; do
+            ctl '{"do":"stop"}' '{"do":"start"}' \
+                "{\"do\":\"set-option\",\"uid\":1000,\"key\":\"worker/is-user-settable\",\"value\":$settable,\"announce\":false}"
+            connected_anew
+            echo 'user 1000 show'
+            until_told "\"is-user-settable\":$settable"
+        done
+    } | "$authctl" session --json >"$dir/out"
+    cat "$dir/out"
+}
+status 0 '"is-user-settable":true.*"is-user-settable":false.*"is-user-settable":true' read_anew_twice
+ctl '{"do":"set-lock","state":1}'
+
+watch_user()
+{
+    rm -f "$dir/out"
+    "$authctl" watch --user 1000 >"$dir/out" &
+    until_told 'user                1000' || return 1
+    ctl '{"do":"set-option","uid":1000,"key":"worker/service-factors/unlock","value":["sudis","smartcard"]}'
+    until_told 'unlock-factors      sudis, smartcard' || return 1
+    kill -TERM $!
+    wait $!
+}
+status 0 '' watch_user
+status 3 'refused: There is no user 7' "$authctl" watch --user 7
+
 # 6: nobody takes the output
 for arguments in state 'state --json' session --help -h --version; do
     status 6 'the output cannot be written: No space left' bash -c "$authctl $arguments >/dev/full <<<state"
@@ -192,7 +508,20 @@ done
 status 3 'not unlocked' bash -c "$authctl unlock-if-needed >/dev/full"
 
 # 1: the daemon is away
-ctl '{"do":"stop"}'
+stopped_between()
+{
+    rm -f "$dir/out"
+    {
+        echo 'options get worker/can-switch-to-user'
+        until_told '"status":0'
+        ctl '{"do":"stop"}'
+        echo 'options get worker/can-switch-to-user'
+    } | "$authctl" session --json >"$dir/out"
+    local ended=$?
+    cat "$dir/out"
+    return $ended
+}
+status 1 '"status":0.*"error":"Cannot connect to the daemon: ' stopped_between
 status 1 'Cannot connect to' "$authctl" state
 status 1 'Cannot connect to' env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere "$authctl" lock
 

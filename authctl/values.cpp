@@ -6,6 +6,7 @@
 #include <QtCore/QRegularExpression>
 #include <QtDBus/QDBusArgument>
 
+#include <algorithm>
 #include <limits>
 
 namespace {
@@ -30,11 +31,26 @@ template <typename Number> QVariant integer(const QString &text, QString &proble
     return QVariant();
 }
 
-QVariant parseJson(const QString &text)
+bool holdsNull(const QJsonValue &value)
+{
+    if (value.isArray()) {
+        const QJsonArray array = value.toArray();
+        return std::any_of(array.begin(), array.end(), holdsNull);
+    }
+    const QJsonObject object = value.toObject();
+    return value.isNull() || std::any_of(object.begin(), object.end(), holdsNull);
+}
+
+QVariant parseJson(const QString &text, QString &problem)
 {
     // Wrapped, because a document holds nothing but arrays and objects.
-    const QJsonDocument document = QJsonDocument::fromJson('[' + text.toUtf8() + ']');
-    return document.array().size() == 1 ? document.array().first().toVariant() : QVariant();
+    const QJsonArray values = QJsonDocument::fromJson('[' + text.toUtf8() + ']').array();
+    if (values.size() != 1)
+        return QVariant();
+    if (!holdsNull(values.first()))
+        return values.first().toVariant();
+    problem = QStringLiteral("D-Bus has no null");
+    return QVariant();
 }
 
 QVariant parseValue(const QString &type, const QString &text, QString &problem)
@@ -71,7 +87,7 @@ QVariant parseValue(const QString &type, const QString &text, QString &problem)
     if (type == QLatin1String("as"))
         return text.isEmpty() ? QStringList() : text.split(QLatin1Char(','));
     if (type == QLatin1String("json"))
-        return parseJson(text);
+        return parseJson(text, problem);
     problem = QStringLiteral("there is no such type");
     return QVariant();
 }
@@ -124,6 +140,15 @@ QString parseParameter(const QString &text, QVariantMap &params)
     const QVariant value = parseValue(type, match.captured(3), problem);
     params.insert(match.captured(1), value);
     return value.isValid() ? QString() : problem;
+}
+
+QString toText(const QJsonValue &value)
+{
+    if (value.isString())
+        return value.toString();
+    // Without the brackets that make it a document.
+    const QByteArray array = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.mid(1, array.size() - 2));
 }
 
 QJsonValue toJson(const QVariant &value)
