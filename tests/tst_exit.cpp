@@ -1,21 +1,11 @@
-#include "test-case.h"
-
-#include <QtCore/QProcess>
+#include "host-test-case.h"
 
 /** How processes end: with status 1 when the daemon cannot be reached, and otherwise as they please. */
-class TestExit : public TestCase
+class TestExit : public HostTestCase
 {
     Q_OBJECT
 
 private:
-    enum Bus {
-        WithBus,
-        WithoutBus,
-    };
-    void start(QProcess &host, const QStringList &arguments, Bus bus = WithBus);
-    void waitReady(QProcess &host);
-    void checkEnd(QProcess &host, int status, const QString &critical = QString());
-    void holdCalls();
     void storageRows(const QStringList &applications);
 
 private Q_SLOTS:
@@ -45,86 +35,16 @@ private Q_SLOTS:
 };
 
 namespace {
+const QString testHost = QStringLiteral(TEST_HOST);
+
 const QString noSocket =
     QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd.socket" "authd_p2p_client" ".+")");
 // The toolkit may know of no error when the connection was closed later.
 const QString closedSocket =
     QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd.socket" "authd_p2p_client" ".*")");
-const QString noBus = QStringLiteral(R"(Cannot connect to "vantora.AuthService" ".+")");
 
 const char *const storages[] = {"stack", "heap", "static", "namespace", "child"};
 } // namespace
-
-void TestExit::start(QProcess &host, const QStringList &arguments, Bus bus)
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("QT_MESSAGE_PATTERN"), QStringLiteral("%{type} %{file} %{message}"));
-    environment.remove(QStringLiteral("QT_LOGGING_RULES"));
-    // The toolkit leaves objects behind where no event loop ever ran, and some hosts their client; what nothing points to
-    // any more is found by memcheck.
-    environment.insert(QStringLiteral("ASAN_OPTIONS"),
-                       environment.value(QStringLiteral("ASAN_OPTIONS")) + QStringLiteral(":detect_leaks=0"));
-    if (bus == WithoutBus)
-        environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), QStringLiteral("unix:path=/run/no-bus"));
-    host.setProcessEnvironment(environment);
-    QStringList command = QProcess::splitCommand(environment.value(QStringLiteral("AUTH_TEST_RUNNER")));
-    command += QStringLiteral(TEST_HOST);
-    command += arguments;
-    host.start(command.first(), command.mid(1));
-    if (!host.waitForStarted())
-        qFatal("The host does not start: %s", qPrintable(host.errorString()));
-}
-
-void TestExit::waitReady(QProcess &host)
-{
-    host.setReadChannel(QProcess::StandardOutput);
-    while (!host.canReadLine()) {
-        if (!host.waitForReadyRead(60000))
-            qFatal("The host does not get ready: %s", host.readAllStandardError().constData());
-    }
-    if (host.readLine() != "ready\n")
-        qFatal("The host writes something else");
-}
-
-// Without a critical line expected there must be no warning of the toolkit either.
-void TestExit::checkEnd(QProcess &host, int status, const QString &critical)
-{
-    if (host.state() != QProcess::NotRunning && !host.waitForFinished(60000)) {
-        host.kill();
-        host.waitForFinished();
-        QFAIL(("The host hangs:\n" + host.readAllStandardError()).constData());
-    }
-    const QString text = QString::fromUtf8(host.readAllStandardError());
-    QVERIFY2(host.exitStatus() == QProcess::NormalExit, qPrintable(text));
-    QVERIFY2(host.exitCode() == status,
-             qPrintable("%1 instead of %2:\n%3"_s.arg(host.exitCode()).arg(status).arg(text)));
-
-    const QStringList lines = text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    const QStringList criticals = lines.filter(QRegularExpression("^(critical|fatal) "_s));
-    if (critical.isEmpty()) {
-        QCOMPARE(criticals, QStringList());
-        // The library's own tell of calls that failed.
-        QCOMPARE(lines.filter(QRegularExpression("^warning (?!src/)"_s)), QStringList());
-    } else {
-        QVERIFY2(criticals.size() == 1, qPrintable(text));
-        // Nobody has said before that all is well.
-        if (critical == noBus)
-            QCOMPARE(lines.first(), criticals.first());
-        QVERIFY2(QRegularExpression("^critical src/[a-z-]+\\.cpp "_s + critical + QLatin1Char('$'))
-                     .match(criticals.first())
-                     .hasMatch(),
-                 qPrintable(text));
-    }
-    QVERIFY2(!text.contains("QObject"_s) && !text.contains("QMutex"_s) && !text.contains("terminate"_s),
-             qPrintable(text));
-}
-
-// The asynchronous ones.
-void TestExit::holdCalls()
-{
-    for (const char *method : {"Authenticate", "ChangeAuthData", "UnlockIfNeeded", "FactorMethod", "GetState"})
-        daemon.misbehave(method, "hold");
-}
 
 void TestExit::storageRows(const QStringList &applications)
 {
@@ -133,9 +53,7 @@ void TestExit::storageRows(const QStringList &applications)
         for (const char *kind : {"client", "devlock"}) {
             for (const char *storage : storages) {
                 for (const char *calls : {"idle", "flight"}) {
-                    const QStringList arguments{application, QLatin1String(kind), QLatin1String(storage),
-                                                QLatin1String(calls)};
-                    QTest::newRow(qPrintable(arguments.join(QLatin1Char(' ')))) << arguments;
+                    argumentsRow({application, QLatin1String(kind), QLatin1String(storage), QLatin1String(calls)});
                 }
             }
         }
@@ -147,9 +65,7 @@ void TestExit::socketIsMissing_data()
     QTest::addColumn<QStringList>("arguments");
     for (const char *application : {"app", "staticapp", "noapp"}) {
         for (const char *storage : storages) {
-            const QStringList arguments{QLatin1String(application), "client"_s, QLatin1String(storage), "idle"_s,
-                                        "return"_s};
-            QTest::newRow(qPrintable(arguments.join(QLatin1Char(' ')))) << arguments;
+            argumentsRow({QLatin1String(application), "client"_s, QLatin1String(storage), "idle"_s, "return"_s});
         }
     }
 }
@@ -159,7 +75,7 @@ void TestExit::socketIsMissing()
     QFETCH(QStringList, arguments);
     daemon.request(R"({"do":"stop"})");
     QProcess host;
-    start(host, arguments);
+    start(host, testHost, arguments);
     checkEnd(host, 1, noSocket);
 }
 
@@ -173,7 +89,7 @@ void TestExit::socketAcceptsAndCloses()
     QFETCH(QStringList, arguments);
     daemon.request(R"({"do":"accept","how":"close"})");
     QProcess host;
-    start(host, arguments);
+    start(host, testHost, arguments);
     checkEnd(host, 1, closedSocket);
 }
 
@@ -187,7 +103,7 @@ void TestExit::socketIsMissingForASecondClient()
     QFETCH(QStringList, arguments);
     holdCalls();
     QProcess host;
-    start(host, arguments + QStringList{"second"_s});
+    start(host, testHost, arguments + QStringList{"second"_s});
     waitReady(host);
     daemon.request(R"({"do":"stop"})");
     host.write("\n");
@@ -200,9 +116,8 @@ void TestExit::busIsMissing_data()
     for (const char *application : {"app", "staticapp", "noapp"}) {
         for (const char *kind : {"client", "devlock"}) {
             for (const char *storage : storages) {
-                const QStringList arguments{QLatin1String(application), QLatin1String(kind), QLatin1String(storage),
-                                            "idle"_s, "return"_s};
-                QTest::newRow(qPrintable(arguments.join(QLatin1Char(' ')))) << arguments;
+                argumentsRow(
+                    {QLatin1String(application), QLatin1String(kind), QLatin1String(storage), "idle"_s, "return"_s});
             }
         }
     }
@@ -212,7 +127,7 @@ void TestExit::busIsMissing()
 {
     QFETCH(QStringList, arguments);
     QProcess host;
-    start(host, arguments, WithoutBus);
+    start(host, testHost, arguments, WithoutBus);
     checkEnd(host, 1, noBus);
 }
 
@@ -227,7 +142,7 @@ void TestExit::busAndSocketAreMissing()
     QFETCH(QStringList, arguments);
     daemon.request(R"({"do":"stop"})");
     QProcess host;
-    start(host, arguments, WithoutBus);
+    start(host, testHost, arguments, WithoutBus);
     checkEnd(host, 1, noBus);
 }
 
@@ -236,8 +151,7 @@ void TestExit::daemonReturnsWithoutItsSocket_data()
     QTest::addColumn<QStringList>("arguments");
     for (const char *storage : storages) {
         for (const char *calls : {"idle", "flight"}) {
-            const QStringList arguments{"app"_s, "client"_s, QLatin1String(storage), QLatin1String(calls), "loop"_s};
-            QTest::newRow(qPrintable(arguments.join(QLatin1Char(' ')))) << arguments;
+            argumentsRow({"app"_s, "client"_s, QLatin1String(storage), QLatin1String(calls), "loop"_s});
         }
     }
 }
@@ -247,7 +161,7 @@ void TestExit::daemonReturnsWithoutItsSocket()
     QFETCH(QStringList, arguments);
     holdCalls();
     QProcess host;
-    start(host, arguments);
+    start(host, testHost, arguments);
     waitReady(host);
     daemon.request(R"({"do":"stop"})");
     daemon.request(R"({"do":"start","socket":false})");
@@ -265,7 +179,7 @@ void TestExit::daemonHandsOverWithoutASocket()
     QFETCH(QStringList, arguments);
     holdCalls();
     QProcess host;
-    start(host, arguments);
+    start(host, testHost, arguments);
     waitReady(host);
     daemon.request(R"({"do":"accept","how":"refuse"})");
     daemon.request(R"({"do":"release-name"})");
@@ -284,7 +198,7 @@ void TestExit::processEnds()
     holdCalls();
     for (const char *end : {"return", "exit"}) {
         QProcess host;
-        start(host, arguments + QStringList{QLatin1String(end)});
+        start(host, testHost, arguments + QStringList{QLatin1String(end)});
         checkEnd(host, 0);
     }
 }
@@ -299,7 +213,7 @@ void TestExit::processEndsAfterItsLoop()
     QFETCH(QStringList, arguments);
     holdCalls();
     QProcess host;
-    start(host, arguments);
+    start(host, testHost, arguments);
     waitReady(host);
     daemon.emitSignal("Factor", "('quit', @a{sv} {})");
     checkEnd(host, 0);
@@ -317,13 +231,10 @@ void TestExit::processEndsAfterARestart()
         daemon.reset();
         holdCalls();
         QProcess host;
-        start(host, arguments);
+        start(host, testHost, arguments);
         waitReady(host);
         daemon.request(change);
-        // The host is back when it hears the new instance.
-        const QByteArray instance = QByteArray::number(daemon.request(R"({"do":"state"})").value("instance"_s).toInt());
-        while (host.state() == QProcess::Running && !host.waitForFinished(20))
-            daemon.emitSignal("Factor", "('quit', @a{sv} {})", "\"instance\":" + instance);
+        sendQuit(host);
         checkEnd(host, 0);
     }
 }
@@ -338,7 +249,7 @@ void TestExit::processEndsWhileTheDaemonIsAway()
     QFETCH(QStringList, arguments);
     holdCalls();
     QProcess host;
-    start(host, arguments);
+    start(host, testHost, arguments);
     waitReady(host);
     daemon.request(R"({"do":"release-name"})");
     daemon.emitSignal("Factor", "('quit', @a{sv} {})");

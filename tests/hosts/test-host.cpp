@@ -8,53 +8,16 @@
 //     second   another client is made once a line has come on standard input
 // It writes "ready" when it waits for something.
 
-#include <AuthClient>
+#include "host.h"
+
 #include <AuthDevlockClient>
 
-#include <QtCore/QCoreApplication>
-
-#include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 namespace {
-std::unique_ptr<QObject> ofNamespace;
-QObject *leaked = nullptr;
-
-struct Orders
-{
-    QByteArray storage;
-    bool flight;
-    QByteArray end;
-    QObject *parent;
-};
-
-void sayReady()
-{
-    puts("ready");
-    fflush(stdout);
-}
-
-void startCalls(AuthClient *client)
-{
-    const QVariantMap params{{QStringLiteral("challenge"), 1}};
-    client->authenticate(QStringLiteral("login"), params);
-    client->changeAuthData(QStringLiteral("code"), params);
-    client->unlockIfNeeded();
-    client->factorMethod(params, QStringLiteral("code"), [](const QVariant &) {});
-}
-
 void startCalls(AuthDevlockClient *)
 {
     // Its only call is the one that it makes by itself.
-}
-
-void quitOnSignal(AuthClient *client)
-{
-    QObject::connect(client, &AuthClient::factorSignal, [](const QString &factor) {
-        if (factor == QLatin1String("quit"))
-            QCoreApplication::quit();
-    });
 }
 
 void quitOnSignal(AuthDevlockClient *)
@@ -82,39 +45,13 @@ template <class Client> int live(Client *client, const Orders &orders)
 
 template <class Client> int run(const Orders &orders)
 {
-    if (orders.storage == "stack") {
-        Client client;
-        return live(&client, orders);
-    }
-    if (orders.storage == "static") {
-        static Client client;
-        return live(&client, orders);
-    }
-    if (orders.storage == "child") {
-        static QObject owner;
-        return live(new Client(orders.parent ? orders.parent : &owner), orders);
-    }
-    auto *client = new Client;
-    if (orders.storage == "namespace")
-        ofNamespace.reset(client);
-    else
-        leaked = client;
-    return live(client, orders);
+    return store<Client>(orders, [&orders](Client *client) { return live(client, orders); });
 }
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc != 6)
-        return 2;
-    std::unique_ptr<QCoreApplication> application;
-    QObject *parent = nullptr;
-    if (QByteArray(argv[1]) == "app") {
-        application = std::make_unique<QCoreApplication>(argc, argv);
-    } else if (QByteArray(argv[1]) == "staticapp") {
-        static QCoreApplication staticApplication(argc, argv);
-        parent = &staticApplication;
-    }
-    const Orders orders{argv[3], QByteArray(argv[4]) == "flight", argv[5], parent};
-    return QByteArray(argv[2]) == "client" ? run<AuthClient>(orders) : run<AuthDevlockClient>(orders);
+    return runHost(argc, argv, [](const Orders &orders) {
+        return orders.kind == "client" ? run<AuthClient>(orders) : run<AuthDevlockClient>(orders);
+    });
 }

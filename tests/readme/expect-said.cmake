@@ -1,6 +1,10 @@
-# Runs COMMAND; it must end with status 0 and have said "welcome", once.
+# Runs COMMAND; it must end with status 0, and have written SAID once, at the end of a line.
 execute_process(COMMAND ${COMMAND} RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
-string(REGEX MATCHALL "welcome" said "${output}")
-if(NOT status EQUAL 0 OR NOT said STREQUAL "welcome")
-    message(FATAL_ERROR "status ${status}, output:\n${output}")
+string(REPLACE "${SAID}\n" "" rest "${output}")
+foreach(text output rest SAID)
+    string(LENGTH "${${text}}" ${text}_length)
+endforeach()
+math(EXPR expected_length "${output_length} - ${SAID_length} - 1")
+if(NOT status EQUAL 0 OR NOT rest_length EQUAL expected_length)
+    message(FATAL_ERROR "status ${status}, expected \"${SAID}\" once, output:\n${output}")
 endif()

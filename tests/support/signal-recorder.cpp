@@ -5,8 +5,13 @@
 
 #include <AuthClient>
 #include <AuthDevlockClient>
+#include <AuthSettings>
+#include <AuthSettingsClient>
+#include <FactorListModel>
 
 #include <QtCore/QDebug>
+
+#include <utility>
 
 SignalRecorder::SignalRecorder(AuthClient *client)
 {
@@ -37,6 +42,51 @@ SignalRecorder::SignalRecorder(AuthDevlockClient *client)
 {
     connect(client, &AuthDevlockClient::enabledChanged, this, [this] { record(QStringLiteral("enabledChanged()")); });
     connect(client, &AuthDevlockClient::stateChanged, this, [this] { record(QStringLiteral("stateChanged()")); });
+}
+
+SignalRecorder::SignalRecorder(AuthSettingsClient *client)
+    : SignalRecorder(static_cast<AuthClient *>(client))
+{
+    const std::pair<void (AuthSettingsClient::*)(), const char *> signalNames[] = {
+        {&AuthSettingsClient::challengeChanged, "challengeChanged()"},
+        {&AuthSettingsClient::authTokenChanged, "authTokenChanged()"},
+        {&AuthSettingsClient::showNotificationsChanged, "showNotificationsChanged()"},
+        {&AuthSettingsClient::uidChanged, "uidChanged()"},
+        {&AuthSettingsClient::canSwitchToUserChanged, "canSwitchToUserChanged()"},
+        {&AuthSettingsClient::isMultiFactorableChanged, "isMultiFactorableChanged()"},
+        {&AuthSettingsClient::isUserSettableChanged, "isUserSettableChanged()"},
+        {&AuthSettingsClient::userWarningChanged, "userWarningChanged()"},
+        {&AuthSettingsClient::unlockFactorsChanged, "unlockFactorsChanged()"},
+    };
+    for (const auto &[signal, name] : signalNames)
+        connect(client, signal, this, [this, text = QLatin1String(name)] { record(text); });
+
+    const FactorListModel *model = client->factors();
+    const auto unexpected = [this] { record(QStringLiteral("model changed in another way")); };
+    connect(model, &QAbstractItemModel::modelAboutToBeReset, this, [this] { record(QStringLiteral("model resets")); });
+    connect(model, &QAbstractItemModel::modelReset, this, [this] { record(QStringLiteral("model reset")); });
+    connect(model, &QAbstractItemModel::rowsInserted, this, unexpected);
+    connect(model, &QAbstractItemModel::rowsRemoved, this, unexpected);
+    connect(model, &QAbstractItemModel::rowsMoved, this, unexpected);
+    connect(model, &QAbstractItemModel::layoutChanged, this, unexpected);
+    connect(model, &FactorListModel::loginFactorsCountChanged, this,
+            [this] { record(QStringLiteral("model loginFactorsCountChanged()")); });
+    connect(model, &QAbstractItemModel::dataChanged, this,
+            [this](const QModelIndex &first, const QModelIndex &last, const QVector<int> &roles) {
+                QStringList numbers;
+                for (const int role : roles)
+                    numbers.append(QString::number(role));
+                const QString rows = first == last ? QStringLiteral("row %1").arg(first.row())
+                                                   : QStringLiteral("rows %1-%2").arg(first.row()).arg(last.row());
+                record(QStringLiteral("model dataChanged(%1, [%2])").arg(rows, numbers.join(QLatin1Char(','))));
+            });
+}
+
+SignalRecorder::SignalRecorder(AuthSettings *settings)
+{
+    connect(settings, &AuthSettings::uidChanged, this, [this] { record(QStringLiteral("uidChanged()")); });
+    connect(settings, &AuthSettings::lastLoginDateChanged, this,
+            [this] { record(QStringLiteral("lastLoginDateChanged()")); });
 }
 
 void SignalRecorder::record(const QString &emission)

@@ -5,14 +5,19 @@
 
 class AuthClient;
 class AuthDevlockClient;
+class AuthSettings;
+class AuthSettingsClient;
 
-/** Records all signals of a client in their order, such as "authenticatedChanged(01ab)". */
+/** Records all signals of an object in their order, such as "authenticatedChanged(01ab)". */
 class SignalRecorder : public QObject
 {
     Q_OBJECT
 public:
     explicit SignalRecorder(AuthClient *client);
     explicit SignalRecorder(AuthDevlockClient *client);
+    /** With the signals of its model, such as "model reset" and "model dataChanged(row 2, [258])". */
+    explicit SignalRecorder(AuthSettingsClient *client);
+    explicit SignalRecorder(AuthSettings *settings);
 
     QStringList list() const;
     QStringList take();

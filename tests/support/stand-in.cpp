@@ -26,6 +26,12 @@ QByteArray with(const QByteArray &more)
     return more.isEmpty() ? QByteArray() : ',' + more;
 }
 
+// The members that say which option is meant.
+QByteArray place(const QByteArray &key, uint uid)
+{
+    return "\"key\":" + quoted(key) + (uid ? ",\"uid\":" + QByteArray::number(uid) : QByteArray());
+}
+
 QString written(const QJsonObject &call)
 {
     const auto text = [&call](const char *member) { return call.value(QLatin1String(member)).toString(); };
@@ -108,6 +114,7 @@ void StandIn::reset()
     request(R"({"do":"release"})");
     request(R"({"do":"accept","how":"normal"})");
     request(R"({"do":"drop-old"})");
+    request(R"({"do":"reset-options"})");
     request(R"({"do":"restart"})");
     request(R"({"do":"set-lock","state":0})");
     flushSystemBus();
@@ -122,6 +129,28 @@ void StandIn::misbehave(const char *method, const char *how, const QByteArray &m
 void StandIn::answer(const char *method, const QByteArray &value)
 {
     misbehave(method, "reply", "\"value\":" + quoted(value));
+}
+
+void StandIn::arrangeOption(const QByteArray &key, const QByteArray &json, uint uid)
+{
+    request(R"({"do":"set-option","announce":false,"value":)" + json + ',' + place(key, uid) + '}');
+}
+
+void StandIn::changeOption(const QByteArray &key, const QByteArray &json, uint uid)
+{
+    request(R"({"do":"set-option","value":)" + json + ',' + place(key, uid) + '}');
+}
+
+void StandIn::removeOption(const QByteArray &key, uint uid)
+{
+    request(R"({"do":"remove-option",)" + place(key, uid) + '}');
+}
+
+QString StandIn::option(const QByteArray &key, uint uid)
+{
+    const QByteArray user = uid ? ",\"uid\":" + QByteArray::number(uid) : QByteArray();
+    const QJsonObject answer = request(R"({"do":"options")" + user + '}');
+    return answer.value(QLatin1String("options")).toObject().value(QString::fromUtf8(key)).toString();
 }
 
 void StandIn::emitSignal(const char *name, const QByteArray &args, const QByteArray &more)
@@ -171,6 +200,12 @@ QString StandIn::owner()
 QString peerCall(const char *method, const char *signature, const QByteArray &args)
 {
     return QStringLiteral("peer /vantora/AuthService vantora.AuthService.%1 %2 %3")
+        .arg(QLatin1String(method), QLatin1String(signature), QString::fromUtf8(args));
+}
+
+QString settingsCall(const char *method, const char *signature, const QByteArray &args)
+{
+    return QStringLiteral("peer /vantora/AuthService/Settings vantora.AuthService.Settings.%1 %2 %3")
         .arg(QLatin1String(method), QLatin1String(signature), QString::fromUtf8(args));
 }
 

@@ -18,13 +18,20 @@ public:
 
     QJsonObject request(const QByteArray &json);
 
-    /** A new, well-behaved daemon in an unlocked device, with nothing in its call log. */
+    /** A new, well-behaved daemon in an unlocked device, with its scenario's options and nothing in its call log. */
     void reset();
 
     /** A rule for calls of @p method; @p more holds further members, such as "\"times\":1". */
     void misbehave(const char *method, const char *how, const QByteArray &more = QByteArray());
     /** Answers calls of @p method with @p value, in GVariant text. */
     void answer(const char *method, const QByteArray &value);
+    /** An option gets a value, in the scenario's JSON notation, and nobody is told; global without @p uid. */
+    void arrangeOption(const QByteArray &key, const QByteArray &json, uint uid = 0);
+    /** The same, announced to all clients. */
+    void changeOption(const QByteArray &key, const QByteArray &json, uint uid = 0);
+    void removeOption(const QByteArray &key, uint uid = 0);
+    /** The value of an option in GVariant text; empty if it is not there. */
+    QString option(const QByteArray &key, uint uid = 0);
     void emitSignal(const char *name, const QByteArray &args, const QByteArray &more = QByteArray());
 
     /** The calls since the last clearCalls(), as peerCall() and systemCall() write them. */
@@ -46,6 +53,8 @@ private:
 
 /** How a call of the main object is written by StandIn::calls(). */
 QString peerCall(const char *method, const char *signature, const QByteArray &args);
+/** How a call of the settings object is written by StandIn::calls(). */
+QString settingsCall(const char *method, const char *signature, const QByteArray &args);
 /** How a call of the device-lock object is written by StandIn::calls(). */
 QString systemCall(const char *method, const char *signature, const QByteArray &args);
 /** A byte array in GVariant text. */

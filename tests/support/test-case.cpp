@@ -4,9 +4,6 @@
 #include <QtDBus/QDBusConnection>
 #include <QtDBus/QDBusMessage>
 
-const QLatin1String drainMark("drain-");
-const QStringList dropSignals = {QStringLiteral("authenticatedChanged()"), QStringLiteral("discredit()")};
-
 bool waitFor(const std::function<bool()> &condition)
 {
     if (condition())
@@ -53,11 +50,23 @@ void TestCase::markHeard(int number)
 std::unique_ptr<AuthClient> TestCase::newClient()
 {
     auto client = std::make_unique<AuthClient>();
+    awaitLockState();
+    return client;
+}
+
+std::unique_ptr<AuthSettingsClient> TestCase::newSettingsClient()
+{
+    auto client = std::make_unique<AuthSettingsClient>(nullptr);
+    awaitLockState();
+    return client;
+}
+
+void TestCase::awaitLockState()
+{
     if (!waitFor([this] { return log->contains("debug handleStateChanged AuthDevlockClient::Undefined -> 0"_s); }))
         qFatal("The client does not hear the device-lock state");
     log->take();
     daemon.clearCalls();
-    return client;
 }
 
 void TestCase::grant(AuthClient *client, const QByteArray &token)
@@ -89,9 +98,9 @@ void TestCase::drainSystemBus()
         qFatal("The system bus does not carry the daemon's signals");
 }
 
-void TestCase::awaitReconnection()
+void TestCase::awaitReconnection(const QString &connectionName)
 {
-    const QString line = R"(debug authd reset "%1" captured "authd_p2p_client")"_s.arg(daemon.owner());
+    const QString line = R"(debug authd reset "%1" captured "%2")"_s.arg(daemon.owner(), connectionName);
     if (!waitFor([&] { return log->contains(line); }))
         qFatal("The client does not notice the new daemon");
 }

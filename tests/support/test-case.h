@@ -6,6 +6,7 @@
 
 #include <AuthClient>
 #include <AuthDevlockClient>
+#include <AuthSettingsClient>
 
 #include <QtTest/QtTest>
 
@@ -18,7 +19,13 @@ inline QString operator""_s(const char *text, size_t size)
 }
 
 /** Factor signals whose name begins so mark a point in the stream of signals; recorders leave them out. */
-extern const QLatin1String drainMark;
+inline constexpr QLatin1String drainMark("drain-");
+
+/** How the recorder writes a rebuild of the model's rows. */
+inline const QStringList resetSignals{"model resets"_s, "model reset"_s, "model loginFactorsCountChanged()"_s};
+
+/** What a drop of the authentication emits when no request was under way. */
+inline const QStringList dropSignals{"authenticatedChanged()"_s, "discredit()"_s};
 
 /** Runs the event loop until @p condition holds; false when it does not within 30 seconds. */
 bool waitFor(const std::function<bool()> &condition);
@@ -34,13 +41,19 @@ class TestCase : public QObject
 protected:
     /** A client that has heard the device-lock state; logs and calls of its making are forgotten. */
     std::unique_ptr<AuthClient> newClient();
+    /** The same, with nobody selected. */
+    std::unique_ptr<AuthSettingsClient> newSettingsClient();
     /** Makes @p client hold @p token. */
     void grant(AuthClient *client, const QByteArray &token);
     /** Lets @p client and everything on the system bus hear all that the daemon has sent. */
     void drain(AuthClient *client);
     void drainSystemBus();
-    /** Waits until the daemon's present instance has been noticed by the only client. */
-    void awaitReconnection();
+    /**
+     * Waits until the only client of the connection has noticed the daemon's present instance.
+     *
+     * It has once the log says so, which it may since before: take the log before an instance gets its name back.
+     */
+    void awaitReconnection(const QString &connectionName = QStringLiteral("authd_p2p_client"));
 
     StandIn daemon;
     std::unique_ptr<LogRecorder> log;
@@ -53,9 +66,8 @@ public Q_SLOTS:
     void markHeard(int number);
 
 private:
+    void awaitLockState();
+
     int m_marks = 0;
     int m_heard = 0;
 };
-
-/** What a drop of the authentication emits when no request was under way. */
-extern const QStringList dropSignals;

@@ -1,0 +1,1635 @@
+#include "settings-test-case.h"
+
+#include <QtCore/QTranslator>
+
+#include <unistd.h>
+
+/** Which factors there are, which of them have rows, and how they are marked. */
+class TestCatalogue : public SettingsTestCase
+{
+    Q_OBJECT
+
+private:
+    WatchedClient clientOf(uint uid);
+
+private Q_SLOTS:
+    void catalogueIsReadOnceServiceByService();
+    void offersAreNotFollowed();
+    void rowsAreInTheOrderOfTheOffer();
+    void loginFactorsComeFirst();
+    void otherFactorsAreInTheOrderOfTheServices_data();
+    void otherFactorsAreInTheOrderOfTheServices();
+    void titleWithoutATranslationIsItsId_data();
+    void titleWithoutATranslationIsItsId();
+    void titleIsTheTranslationOfItsId();
+    void titleIsLookedUpInLatin1_data();
+    void titleIsLookedUpInLatin1();
+    void titlesAreThoseOfTheStart();
+    void failedReadLeavesOneServiceWithoutFactors_data();
+    void failedReadLeavesOneServiceWithoutFactors();
+    void failedReadsOfAllOffersLeaveNoFactors();
+    void offerIsTheOptionAsAListOfStrings_data();
+    void offerIsTheOptionAsAListOfStrings();
+    void nothingIsMarkedAtTheStart();
+    void nameOfferedTwiceHasTwoRows();
+    void serviceNamedTwiceIsOfferedTwice();
+    void nameOfTwoServicesHasTheLoginRow();
+    void otherServicesAreShownOnceChosen();
+    void serviceNamesAreCaseSensitive();
+    void noServicesGiveAnEmptyModel();
+    void noServicesStillTellOfEachReset();
+    void noLoginServiceShowsWhatIsChosen();
+
+    void unlockFactorIsNotShownUntilChosen();
+    void chosenUnlockFactorIsShownWithTheNextRebuild_data();
+    void chosenUnlockFactorIsShownWithTheNextRebuild();
+    void unlockFactorOfALoginNameHasNoRow();
+    void unlockFactorOfAHiddenLoginNameHasARow();
+    void namesakesOfOtherServicesEachHaveARow();
+    void unlockFactorIsShownThoughDisabledAndNotSettable();
+    void unchosenUnlockFactorLosesItsRowWithTheNextRebuild();
+    void unchosenLoginFactorIsHiddenFromWhoMayNotSet();
+    void oneUserIdSeesEveryLoginFactor();
+    void oneUserIdSeesNoDisabledLoginFactor();
+    void chosenMarksAloneDoNotRebuildTheRows();
+    void userWhoMayNotSetIsShownTheFactorsOfTheRebuild();
+    void disabledLoginFactorDisappearsAtOnce();
+    void disabledSmartcardStays();
+    void disabledMarkMayBeTheSmartcardsAlone();
+    void disabledListWithoutAnEffectDoesNotRebuild_data();
+    void disabledListWithoutAnEffectDoesNotRebuild();
+    void settableFlagRebuildsOnceItChanges();
+
+    void chosenRowsCount();
+    void disabledFactorDoesNotCount();
+    void disabledSmartcardCounts();
+    void factorWithoutARowDoesNotCount();
+    void hiddenFactorCountsUntilTheRebuildWhenItsNameHasARow();
+    void unlockFactorDoesNotCount();
+
+    void chosenMarksAreAnnouncedRowByRow();
+    void markOfAnUnlockFactorIsAnnouncedOnTheRowOfItsName();
+    void markWithoutARowIsNotAnnounced();
+    void marksOfANameOfferedTwiceAreAnnouncedOnItsLastRow();
+    void marksOfNamesakesOfOtherServicesAreAnnouncedOnTheLastRow();
+    void chosenNamesAreCaseSensitive();
+    void unofferedNamesMarkNothing();
+    void chosenNamesAreOfTheirServiceAlone();
+    void unlockFactorsAreToldBeforeTheMarks();
+    void userSwitchMarksThenRebuilds();
+    void userSwitchWithoutDisabledFactorsDoesNotRebuild();
+    void userSwitchTakesTheMarksOfTheFormerUserAway();
+    void userSwitchRebuildsForTheFlagBeforeTheMarks();
+    void handlersSeeTheMarksOneByOne();
+    void handlersSeeTheDisabledMarkBeforeTheRebuild();
+    void resetHandlersSeeTheRowsBeforeAndAfter();
+    void unlockFactorsHandlerSeesTheFormerMarks();
+
+    void smartcardSetsTheWarning_data();
+    void smartcardSetsTheWarning();
+    void warningIsTranslatedWhenItIsSet();
+    void warningComesBetweenTheMarks();
+    void warningHandlerSeesTheMark();
+    void warningIsOfTheSmartcardAlone();
+    void warningIsSetWithoutARow();
+    void warningFollowsTheLastChangedEntry_data();
+    void warningFollowsTheLastChangedEntry();
+    void warningIsNotToldTwice();
+    void warningDoesNotFollowTheDisabledMark();
+
+    void hasFactorLooksAtTheDisabledMark_data();
+    void hasFactorLooksAtTheDisabledMark();
+    void hasFactorGoesOnToTheNextNamesake();
+    void hasFactorNeedsNoRow();
+    void hasEnabledFactorLooksAtEachService_data();
+    void hasEnabledFactorLooksAtEachService();
+    void hasEnabledFactorNeedsNoRow();
+    void hasChosenFactorNeedsARow();
+    void hasChosenFactorLooksAtTheWish();
+    void unlockFactorsAreTheUsersInTheDaemonsOrder();
+    void unlockFactorsWithoutAnUnlockServiceAreNone();
+
+    void modelHasFiveRoles();
+    void modelGivesEachValueInItsType_data();
+    void modelGivesEachValueInItsType();
+    void modelGivesNothingForOtherRoles_data();
+    void modelGivesNothingForOtherRoles();
+    void modelGivesNothingForOtherIndexes();
+    void modelGivesNothingForARowThatIsGone();
+    void modelCountsItsRowsWhateverTheParent();
+    void loginFactorsCountIsThatOfTheLoginRows();
+    void loginFactorsCountIsToldThoughItIsTheSame();
+    void loginFactorsCountIsReadWhenItIsTold();
+
+    void thousandFactors();
+    void sameNameAThousandTimes();
+    void oddNames_data();
+    void oddNames();
+    void oddServices_data();
+    void oddServices();
+};
+
+namespace {
+const QString warningId = QStringLiteral("settings_users-la-user_has_token_hint");
+const QString warningChanged = QStringLiteral("userWarningChanged()");
+const QString unlockFactorsChanged = QStringLiteral("unlockFactorsChanged()");
+
+// The one that is shown what others are not.
+bool seesAll()
+{
+    return getuid() == 100000;
+}
+
+/** Translates ids, as catalogues made for them do, and notes what it is asked for. */
+class Translator : public QTranslator
+{
+public:
+    explicit Translator(const QHash<QByteArray, QString> &texts)
+        : m_texts(texts)
+    {
+        QCoreApplication::installTranslator(this);
+    }
+    ~Translator() override
+    {
+        QCoreApplication::removeTranslator(this);
+    }
+
+    bool isEmpty() const override
+    {
+        return false;
+    }
+
+    QString translate(const char *context, const char *id, const char *disambiguation, int n) const override
+    {
+        const bool byId = !context && !disambiguation && n == -1;
+        asked.append(byId ? QByteArray(id) : "not by its id: " + QByteArray(id));
+        return m_texts.value(asked.last());
+    }
+
+    mutable QByteArrayList asked;
+
+private:
+    const QHash<QByteArray, QString> m_texts;
+};
+
+QStringList titles(const AuthSettingsClient &client)
+{
+    const FactorListModel *model = client.factors();
+    QStringList result;
+    for (int row = 0; row < model->rowCount(); ++row)
+        result.append(model->data(model->index(row), 257).toString());
+    return result;
+}
+
+// Seen from outside, a login factor that is chosen may be toggled when it is not the only one that counts.
+bool severalCount(const WatchedClient &client, int chosenRow)
+{
+    return client->canTriggerFactor(chosenRow);
+}
+} // namespace
+
+WatchedClient TestCatalogue::clientOf(uint uid)
+{
+    return WatchedClient(newSettingsClient(), uid);
+}
+
+void TestCatalogue::catalogueIsReadOnceServiceByService()
+{
+    offer({{"unlock"_s, names("b")}, {"login"_s, names("a")}, {"sudo"_s, names("c")}});
+    const auto client = std::make_unique<AuthSettingsClient>(nullptr);
+    const auto getOption = [](const char *key) {
+        return settingsCall("GetOption", "s", QByteArray("('") + key + "',)");
+    };
+    const QStringList expected{
+        getOption("worker/available-services"),
+        getOption("worker/can-switch-to-user"),
+        getOption("worker/available-service-factors/unlock"),
+        getOption("worker/available-service-factors/login"),
+        getOption("worker/available-service-factors/sudo"),
+    };
+    daemon.waitCalls("GetState");
+    const QRegularExpression reads("Settings\\.GetOption "_s);
+    QCOMPARE(daemon.calls().filter(reads), expected);
+
+    client->setUid(1000);
+    announceChosen(client.get(), "unlock", names("b"));
+    announceDisabled(client.get(), names("a"));
+    announceSettable(client.get(), false);
+    QCOMPARE(daemon.calls().filter(reads), expected);
+    QCOMPARE(rows(*client), "b chosen unlock"_s);
+}
+
+void TestCatalogue::offersAreNotFollowed()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    daemon.clearCalls();
+    daemon.changeOption("worker/available-service-factors/login", R"(["b", "d"])");
+    daemon.changeOption("worker/available-services", R"(["unlock"])");
+    drain(client.get());
+    QCOMPARE(rows(*client), "a, b"_s);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(daemon.calls(), QStringList());
+}
+
+void TestCatalogue::rowsAreInTheOrderOfTheOffer()
+{
+    offer({{"login"_s, names("z a M b")}, {"unlock"_s, names("y x")}});
+    choose("login", names("b a"));
+    choose("unlock", names("x y"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "z, a chosen, M, b chosen"_s);
+    announceDisabled(client.get(), names("z"));
+    QCOMPARE(rows(*client), "a chosen, M, b chosen, y chosen unlock, x chosen unlock"_s);
+}
+
+void TestCatalogue::loginFactorsComeFirst()
+{
+    offer({{"unlock"_s, names("a b")}, {"login"_s, names("c a")}});
+    choose("unlock", names("a b"));
+    const WatchedClient client = clientOf(1000);
+    announceSettable(client.get(), false);
+    announceSettable(client.get(), true);
+    QCOMPARE(rows(*client), "c, a, b chosen unlock"_s);
+}
+
+void TestCatalogue::otherFactorsAreInTheOrderOfTheServices_data()
+{
+    QTest::addColumn<QStringList>("services");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("sudo first") << names("sudo login unlock") << "a, d chosen, b chosen unlock, c chosen unlock"_s;
+    QTest::newRow("unlock first") << names("unlock login sudo") << "a, b chosen unlock, c chosen unlock, d chosen"_s;
+}
+
+void TestCatalogue::otherFactorsAreInTheOrderOfTheServices()
+{
+    QFETCH(QStringList, services);
+    QFETCH(QString, expected);
+    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b c")}, {"sudo"_s, names("d")}});
+    daemon.arrangeOption("worker/available-services", json(services));
+    choose("unlock", names("c b"));
+    choose("sudo", names("d"));
+    disable(names("x"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), expected);
+}
+
+void TestCatalogue::titleWithoutATranslationIsItsId_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("title");
+    QTest::newRow("plain") << "code"_s
+                           << "authd-factor-code"_s;
+    QTest::newRow("empty") << QString() << "authd-factor-"_s;
+    QTest::newRow("slash") << "a/b"_s
+                           << "authd-factor-a/b"_s;
+    QTest::newRow("blank") << "a b"_s
+                           << "authd-factor-a b"_s;
+    QTest::newRow("per cent") << "100%n %1"_s
+                              << "authd-factor-100%n %1"_s;
+    // The id is Latin-1 text; the toolkit takes it for UTF-8 when nothing translates it.
+    QTest::newRow("beyond Latin-1") << "Жо日"_s
+                                    << "authd-factor-???"_s;
+    QTest::newRow("Latin-1") << "né"_s
+                             << "authd-factor-n\uFFFD"_s;
+}
+
+void TestCatalogue::titleWithoutATranslationIsItsId()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, title);
+    offer({{"login"_s, {name}}});
+    const WatchedClient client(newSettingsClient());
+    QCOMPARE(titles(*client), QStringList{title});
+    QCOMPARE(rows(*client), name);
+}
+
+void TestCatalogue::titleIsTheTranslationOfItsId()
+{
+    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("smartcard code")}});
+    choose("unlock", names("smartcard code"));
+    disable(names("sudis"));
+    const Translator translator({{"authd-factor-code", "Zugangscode %n"_s}, {"authd-factor-smartcard", "Карта"_s}});
+    const WatchedClient client(newSettingsClient());
+    QCOMPARE(
+        translator.asked,
+        (QByteArrayList{"authd-factor-code", "authd-factor-sudis", "authd-factor-smartcard", "authd-factor-code"}));
+    QCOMPARE(titles(*client), (QStringList{"Zugangscode %n"_s, "authd-factor-sudis"_s}));
+    client->setUid(1000);
+    QCOMPARE(titles(*client), (QStringList{"Zugangscode %n"_s, "Карта"_s}));
+}
+
+void TestCatalogue::titleIsLookedUpInLatin1_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("id");
+    QTest::newRow("Latin-1") << "né"_s << QByteArray("authd-factor-n\xe9");
+    QTest::newRow("beyond it") << "Жо日x"_s << QByteArray("authd-factor-???x");
+}
+
+void TestCatalogue::titleIsLookedUpInLatin1()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, id);
+    offer({{"login"_s, {name}}});
+    const Translator translator({{id, "Название"_s}});
+    const WatchedClient client(newSettingsClient());
+    QCOMPARE(translator.asked, QByteArrayList{id});
+    QCOMPARE(titles(*client), QStringList{"Название"_s});
+    QCOMPARE(rows(*client), name);
+}
+
+void TestCatalogue::titlesAreThoseOfTheStart()
+{
+    offer({{"login"_s, names("code sudis")}});
+    auto translator = std::make_unique<Translator>(QHash<QByteArray, QString>{{"authd-factor-code", "before"_s}});
+    const WatchedClient client = clientOf(1000);
+    translator.reset();
+    const Translator other({{"authd-factor-code", "after"_s}});
+    announceDisabled(client.get(), names("sudis"));
+    QCOMPARE(titles(*client), QStringList{"before"_s});
+    QCOMPARE(other.asked, QByteArrayList());
+}
+
+void TestCatalogue::failedReadLeavesOneServiceWithoutFactors_data()
+{
+    QTest::addColumn<QString>("service");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("first") << "login"_s
+                           << "b chosen unlock, c chosen"_s;
+    QTest::newRow("second") << "unlock"_s
+                            << "a, c chosen"_s;
+    QTest::newRow("last") << "sudo"_s
+                          << "a, b chosen unlock"_s;
+}
+
+void TestCatalogue::failedReadLeavesOneServiceWithoutFactors()
+{
+    QFETCH(QString, service);
+    QFETCH(QString, expected);
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}, {"sudo"_s, names("c")}});
+    choose("unlock", names("b"));
+    choose("sudo", names("c"));
+    daemon.removeOption("worker/available-service-factors/" + service.toUtf8());
+    AuthSettingsClient client(nullptr);
+    const ModelWatch watch(client.factors());
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 1);
+    QVERIFY2(QRegularExpression("^warning getOption failed: \".+\"$"_s).match(complaints.first()).hasMatch(),
+             qPrintable(complaints.first()));
+    client.setUid(1000);
+    announceSettable(&client, false);
+    announceSettable(&client, true);
+    QCOMPARE(rows(client), expected);
+}
+
+void TestCatalogue::failedReadsOfAllOffersLeaveNoFactors()
+{
+    daemon.misbehave("GetOption", "error", R"("message":"not today")");
+    answerOnce("<true>");
+    answerOnce("<['login', 'unlock']>");
+    const AuthSettingsClient client(nullptr);
+    const QString warning = R"(warning getOption failed: "not today")"_s;
+    QCOMPARE(log->takeComplaints(), (QStringList{warning, warning}));
+    QCOMPARE(rows(client), QString());
+    QCOMPARE(client.factors()->loginFactorsCount(), 0);
+}
+
+void TestCatalogue::offerIsTheOptionAsAListOfStrings_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<QString>("expected");
+    const auto row = [](const char *value, const QString &expected) {
+        QTest::newRow(value) << QByteArray(value) << expected;
+    };
+    row("<['a', 'b']>", "a, b"_s);
+    row("<@as []>", QString());
+    row("<'a'>", "a"_s);
+    row("<true>", QString());
+    row("<5>", QString());
+    row("<[<'a'>]>", QString());
+    row("<('a', 'b')>", QString());
+    row("<{'a': <true>}>", QString());
+}
+
+void TestCatalogue::offerIsTheOptionAsAListOfStrings()
+{
+    QFETCH(QByteArray, value);
+    QFETCH(QString, expected);
+    answerOnce(value);
+    answerOnce("<true>");
+    answerOnce("<['login']>");
+    const WatchedClient client(newSettingsClient());
+    QCOMPARE(rows(*client), expected);
+}
+
+void TestCatalogue::nothingIsMarkedAtTheStart()
+{
+    disable(names("code smartcard"));
+    const WatchedClient client(newSettingsClient());
+    QCOMPARE(rows(*client), "code, smartcard, sudis, broken, slow"_s);
+    QCOMPARE(client->unlockFactors(), QStringList());
+    QCOMPARE(client->userWarning(), QString());
+    for (const QString &name : names("code smartcard sudis broken slow")) {
+        QVERIFY(client->hasFactor(name));
+        QVERIFY(!client->hasEnabledFactor(name));
+        QVERIFY(!client->hasChosenFactor(name));
+    }
+    // None is the only one that is chosen.
+    for (int row = 0; row < 5; ++row)
+        QVERIFY(client->canTriggerFactor(row));
+}
+
+void TestCatalogue::nameOfferedTwiceHasTwoRows()
+{
+    offer({{"login"_s, names("a b a")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), 3);
+    QVERIFY(severalCount(client, 0));
+}
+
+void TestCatalogue::serviceNamedTwiceIsOfferedTwice()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
+    daemon.arrangeOption("worker/available-services", R"(["login", "unlock", "login", "unlock"])");
+    choose("login", names("a"));
+    choose("unlock", names("b"));
+    const WatchedClient client = clientOf(1000);
+    announceSettable(client.get(), false);
+    QCOMPARE(rows(*client), "a chosen, a chosen, b chosen unlock, b chosen unlock"_s);
+}
+
+void TestCatalogue::nameOfTwoServicesHasTheLoginRow()
+{
+    offer({{"login"_s, names("a smartcard")}, {"unlock"_s, names("smartcard b")}});
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a, smartcard"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), 2);
+    QVERIFY(client->canTriggerFactor(0));
+    QVERIFY(client->canTriggerFactor(1));
+}
+
+void TestCatalogue::otherServicesAreShownOnceChosen()
+{
+    offer({{"login"_s, names("a")}, {"sudo"_s, names("c a d")}});
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a"_s);
+    announceChosen(client.get(), "sudo", names("a c"));
+    announceSettable(client.get(), false);
+    announceSettable(client.get(), true);
+    QCOMPARE(rows(*client), "a, c chosen"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), 1);
+}
+
+void TestCatalogue::serviceNamesAreCaseSensitive()
+{
+    offer({{"Login"_s, names("a")}, {"LOGIN"_s, names("b")}, {"Unlock"_s, names("c")}, {"login "_s, names("d")}});
+    choose("Login", names("a"));
+    choose("Unlock", names("c"));
+    const WatchedClient client = clientOf(1000);
+    announceSettable(client.get(), false);
+    QCOMPARE(rows(*client), "a chosen, c chosen"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), 0);
+    QCOMPARE(client->unlockFactors(), QStringList());
+}
+
+void TestCatalogue::noServicesGiveAnEmptyModel()
+{
+    offer({});
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->factors()->rowCount(), 0);
+    QCOMPARE(client->factors()->loginFactorsCount(), 0);
+    QVERIFY(!client->hasFactor("code"_s));
+    QVERIFY(!client->hasFactor("smartcard"_s));
+    QVERIFY(!client->hasFactor(QString()));
+    QVERIFY(!client->hasEnabledFactor("code"_s));
+    QVERIFY(!client->hasChosenFactor("code"_s));
+    QCOMPARE(client->unlockFactors(), QStringList());
+}
+
+void TestCatalogue::noServicesStillTellOfEachReset()
+{
+    offer({});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceDisabled(client.get(), names("code"));
+    QCOMPARE(heard.list(), QStringList());
+    announceSettable(client.get(), false);
+    QCOMPARE(heard.list(), resetSignals + QStringList{"isUserSettableChanged()"_s});
+}
+
+void TestCatalogue::noLoginServiceShowsWhatIsChosen()
+{
+    offer({{"unlock"_s, names("a b")}});
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), QString());
+    announceChosen(client.get(), "unlock", names("b"));
+    announceDisabled(client.get(), names("b"));
+    QCOMPARE(rows(*client), "b chosen disabled unlock"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), 0);
+}
+
+void TestCatalogue::unlockFactorIsNotShownUntilChosen()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b c")}});
+    choose("unlock", names("c"));
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client = clientOf(1000);
+    announceSettable(client.get(), true);
+    QCOMPARE(rows(*client), "a, c chosen unlock"_s);
+}
+
+void TestCatalogue::chosenUnlockFactorIsShownWithTheNextRebuild_data()
+{
+    QTest::addColumn<bool>("byDisabled");
+    QTest::newRow("disabled factors change") << true;
+    QTest::newRow("the settable flag changes") << false;
+}
+
+void TestCatalogue::chosenUnlockFactorIsShownWithTheNextRebuild()
+{
+    QFETCH(bool, byDisabled);
+    offer({{"login"_s, names("a smartcard")}, {"unlock"_s, names("smartcard b")}});
+    choose("login", names("a smartcard"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+
+    announceChosen(client.get(), "unlock", names("b"));
+    QCOMPARE(rows(*client), "a chosen, smartcard chosen"_s);
+    QVERIFY(client->hasEnabledFactor("b"_s));
+    QVERIFY(!client->hasChosenFactor("b"_s));
+    QCOMPARE(heard.take(), QStringList{unlockFactorsChanged});
+
+    if (byDisabled)
+        announceDisabled(client.get(), names("smartcard"));
+    else
+        announceSettable(client.get(), false);
+    QCOMPARE(rows(*client),
+             byDisabled ? "a chosen, smartcard chosen disabled, b chosen unlock"_s
+                        : "a chosen, smartcard chosen, b chosen unlock"_s);
+    QVERIFY(client->hasChosenFactor("b"_s));
+    QCOMPARE(heard.list().mid(0, 3), resetSignals);
+}
+
+void TestCatalogue::unlockFactorOfALoginNameHasNoRow()
+{
+    offer({{"unlock"_s, names("a smartcard")}, {"login"_s, names("a smartcard")}});
+    choose("unlock", names("a smartcard"));
+    disable(names("smartcard"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a, smartcard disabled"_s);
+}
+
+void TestCatalogue::unlockFactorOfAHiddenLoginNameHasARow()
+{
+    offer({{"login"_s, names("a sudis")}, {"unlock"_s, names("a sudis")}});
+    choose("login", names("sudis"));
+    choose("unlock", names("a sudis"));
+    disable(names("sudis"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a, sudis chosen disabled unlock"_s);
+    announceSettable(client.get(), false);
+    QCOMPARE(rows(*client),
+             seesAll() ? "a, sudis chosen disabled unlock"_s : "a chosen unlock, sudis chosen disabled unlock"_s);
+}
+
+void TestCatalogue::namesakesOfOtherServicesEachHaveARow()
+{
+    offer({{"unlock"_s, names("b b")}, {"sudo"_s, names("b")}});
+    choose("unlock", names("b"));
+    choose("sudo", names("b"));
+    disable(names("b"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "b chosen disabled unlock, b chosen disabled unlock, b chosen disabled"_s);
+}
+
+void TestCatalogue::unlockFactorIsShownThoughDisabledAndNotSettable()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b smartcard c")}});
+    choose("unlock", names("b smartcard"));
+    disable(names("a b smartcard c"));
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "b chosen disabled unlock, smartcard chosen disabled unlock"_s);
+}
+
+void TestCatalogue::unchosenUnlockFactorLosesItsRowWithTheNextRebuild()
+{
+    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b")}});
+    choose("unlock", names("b"));
+    disable(names("x"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a, b chosen unlock"_s);
+    announceChosen(client.get(), "unlock", {});
+    QCOMPARE(rows(*client), "a, b unlock"_s);
+    announceDisabled(client.get(), {});
+    QCOMPARE(rows(*client), "a, x"_s);
+}
+
+void TestCatalogue::unchosenLoginFactorIsHiddenFromWhoMayNotSet()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, b, c"_s);
+    announceSettable(client.get(), false);
+    QCOMPARE(rows(*client), seesAll() ? "a chosen, b, c"_s : "a chosen"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), seesAll() ? 3 : 1);
+    announceSettable(client.get(), true);
+    QCOMPARE(rows(*client), "a chosen, b, c"_s);
+}
+
+// This runs as different users.
+void TestCatalogue::oneUserIdSeesEveryLoginFactor()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(!client->isUserSettable());
+    QCOMPARE(rows(*client), getuid() == 100000 ? "a, b"_s : QString());
+}
+
+void TestCatalogue::oneUserIdSeesNoDisabledLoginFactor()
+{
+    offer({{"login"_s, names("a smartcard b")}});
+    disable(names("smartcard b"));
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), getuid() == 100000 ? "a, smartcard disabled"_s : QString());
+}
+
+void TestCatalogue::chosenMarksAloneDoNotRebuildTheRows()
+{
+    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d")}});
+    choose("login", names("a"));
+    choose("unlock", names("c"));
+    const WatchedClient client = clientOf(1000);
+    announceSettable(client.get(), false);
+    announceDisabled(client.get(), names("x"));
+    QCOMPARE(rows(*client), seesAll() ? "a chosen, b, c chosen unlock"_s : "a chosen, c chosen unlock"_s);
+
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", names("b"));
+    announceChosen(client.get(), "unlock", names("d"));
+    QCOMPARE(rows(*client), seesAll() ? "a, b chosen, c unlock"_s : "a, c unlock"_s);
+    QCOMPARE(heard.take(),
+             (seesAll() ? QStringList{enabledChanged(0), enabledChanged(1), unlockFactorsChanged, enabledChanged(2)}
+                        : QStringList{enabledChanged(0), unlockFactorsChanged, enabledChanged(1)}));
+
+    announceDisabled(client.get(), {});
+    QCOMPARE(rows(*client), seesAll() ? "a, b chosen, x, d chosen unlock"_s : "b chosen, d chosen unlock"_s);
+    QCOMPARE(heard.list(), resetSignals);
+}
+
+// The flag of a new user rebuilds the rows while the marks are those of the former.
+void TestCatalogue::userWhoMayNotSetIsShownTheFactorsOfTheRebuild()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    choose("login", names("a"));
+    choose("unlock", names("c"));
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), seesAll() ? "a chosen, b"_s : QString());
+    QVERIFY(client->hasEnabledFactor("a"_s));
+    announceDisabled(client.get(), names("b"));
+    QCOMPARE(rows(*client), "a chosen, c chosen unlock"_s);
+}
+
+void TestCatalogue::disabledLoginFactorDisappearsAtOnce()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
+    choose("login", names("b c"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceDisabled(client.get(), names("b a"));
+    QCOMPARE(rows(*client), "c chosen"_s);
+    QCOMPARE(heard.take(), resetSignals);
+    announceDisabled(client.get(), names("a"));
+    QCOMPARE(rows(*client), "b chosen, c chosen"_s);
+    QCOMPARE(heard.take(), resetSignals);
+    announceDisabled(client.get(), {});
+    QCOMPARE(rows(*client), "a, b chosen, c chosen"_s);
+    QCOMPARE(heard.list(), resetSignals);
+}
+
+void TestCatalogue::disabledSmartcardStays()
+{
+    offer({{"login"_s, names("a smartcard Smartcard smartcard2")}, {"unlock"_s, names("smartcard")}});
+    const WatchedClient client = clientOf(1000);
+    announceDisabled(client.get(), names("a smartcard Smartcard smartcard2"));
+    QCOMPARE(rows(*client), "smartcard disabled"_s);
+    announceSettable(client.get(), false);
+    QCOMPARE(rows(*client), seesAll() ? "smartcard disabled"_s : QString());
+    announceChosen(client.get(), "login", names("smartcard"));
+    announceDisabled(client.get(), names("smartcard"));
+    QCOMPARE(rows(*client),
+             seesAll() ? "a, smartcard chosen disabled, Smartcard, smartcard2"_s : "smartcard chosen disabled"_s);
+}
+
+void TestCatalogue::disabledMarkMayBeTheSmartcardsAlone()
+{
+    offer({{"login"_s, names("a smartcard")}});
+    choose("login", names("smartcard"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceDisabled(client.get(), names("smartcard"));
+    QCOMPARE(rows(*client), "a, smartcard chosen disabled"_s);
+    QCOMPARE(heard.list(), resetSignals);
+}
+
+void TestCatalogue::disabledListWithoutAnEffectDoesNotRebuild_data()
+{
+    QTest::addColumn<QStringList>("disabled");
+    QTest::newRow("the same") << names("b d");
+    QTest::newRow("another order") << names("d b");
+    QTest::newRow("the same twice") << names("b b d");
+    QTest::newRow("an unknown name more") << names("b d e");
+    QTest::newRow("other letters") << names("b d A C");
+    QTest::newRow("an empty name") << QStringList{"b"_s, QString(), "d"_s};
+}
+
+void TestCatalogue::disabledListWithoutAnEffectDoesNotRebuild()
+{
+    QFETCH(QStringList, disabled);
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c d")}});
+    disable(names("b d"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceDisabled(client.get(), disabled);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(rows(*client), "a"_s);
+}
+
+void TestCatalogue::settableFlagRebuildsOnceItChanges()
+{
+    offer({{"login"_s, names("a b")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceSettable(client.get(), true);
+    QCOMPARE(heard.take(), QStringList());
+    announceSettable(client.get(), false);
+    QCOMPARE(heard.take(), resetSignals + QStringList{"isUserSettableChanged()"_s});
+    announceSettable(client.get(), false);
+    QCOMPARE(heard.list(), QStringList());
+}
+
+void TestCatalogue::chosenRowsCount()
+{
+    offer({{"login"_s, names("a b c")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(!severalCount(client, 0));
+    announceChosen(client.get(), "login", names("a b"));
+    QVERIFY(severalCount(client, 0));
+    QVERIFY(severalCount(client, 1));
+    announceChosen(client.get(), "login", names("c"));
+    QVERIFY(!severalCount(client, 2));
+    announceChosen(client.get(), "login", {});
+    announceChosen(client.get(), "login", names("b c"));
+    QVERIFY(severalCount(client, 2));
+    // The rebuild counts anew.
+    announceSettable(client.get(), false);
+    announceSettable(client.get(), true);
+    QVERIFY(severalCount(client, 1));
+    announceChosen(client.get(), "login", names("b"));
+    QVERIFY(!severalCount(client, 1));
+}
+
+void TestCatalogue::disabledFactorDoesNotCount()
+{
+    offer({{"login"_s, names("a b")}});
+    choose("login", names("a b"));
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(severalCount(client, 0));
+    announceDisabled(client.get(), names("b"));
+    QVERIFY(!severalCount(client, 0));
+}
+
+void TestCatalogue::disabledSmartcardCounts()
+{
+    offer({{"login"_s, names("a smartcard")}});
+    choose("login", names("a smartcard"));
+    disable(names("smartcard"));
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(severalCount(client, 0));
+    QVERIFY(severalCount(client, 1));
+}
+
+void TestCatalogue::factorWithoutARowDoesNotCount()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
+    choose("login", names("a"));
+    disable(names("b"));
+    const WatchedClient client = clientOf(1000);
+    announceChosen(client.get(), "login", names("a b"));
+    QVERIFY(client->hasEnabledFactor("b"_s));
+    QVERIFY(!severalCount(client, 0));
+    announceChosen(client.get(), "login", names("a"));
+    QVERIFY(!severalCount(client, 0));
+}
+
+void TestCatalogue::hiddenFactorCountsUntilTheRebuildWhenItsNameHasARow()
+{
+    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("sudis")}});
+    choose("login", names("code"));
+    choose("unlock", names("sudis"));
+    disable(names("sudis"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "code chosen, sudis chosen disabled unlock"_s);
+    QVERIFY(!severalCount(client, 0));
+    announceChosen(client.get(), "login", names("code sudis"));
+    QVERIFY(severalCount(client, 0));
+    announceSettable(client.get(), false);
+    QVERIFY(!severalCount(client, 0));
+}
+
+void TestCatalogue::unlockFactorDoesNotCount()
+{
+    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("a b c")}, {"sudo"_s, names("b")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    announceChosen(client.get(), "unlock", names("a b c"));
+    announceChosen(client.get(), "sudo", names("b"));
+    QVERIFY(!severalCount(client, 0));
+    announceDisabled(client.get(), names("x"));
+    QCOMPARE(rows(*client), "a chosen, b, c chosen unlock"_s);
+    QVERIFY(!severalCount(client, 0));
+}
+
+void TestCatalogue::chosenMarksAreAnnouncedRowByRow()
+{
+    offer({{"login"_s, names("a b c")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", names("c a"));
+    QCOMPARE(heard.take(), (QStringList{enabledChanged(0), enabledChanged(2)}));
+    QCOMPARE(rows(*client), "a chosen, b, c chosen"_s);
+    announceChosen(client.get(), "login", names("b c"));
+    QCOMPARE(heard.take(), (QStringList{enabledChanged(0), enabledChanged(1)}));
+    QCOMPARE(rows(*client), "a, b chosen, c chosen"_s);
+    announceChosen(client.get(), "login", names("c b c"));
+    QCOMPARE(heard.take(), QStringList());
+    announceChosen(client.get(), "login", {});
+    QCOMPARE(heard.take(), (QStringList{enabledChanged(1), enabledChanged(2)}));
+    QCOMPARE(rows(*client), "a, b, c"_s);
+}
+
+void TestCatalogue::markOfAnUnlockFactorIsAnnouncedOnTheRowOfItsName()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", names("b"));
+    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, enabledChanged(1)}));
+    QCOMPARE(rows(*client), "a, b"_s);
+    QVERIFY(client->hasEnabledFactor("b"_s));
+}
+
+void TestCatalogue::markWithoutARowIsNotAnnounced()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    disable(names("b"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", names("c"));
+    announceChosen(client.get(), "login", names("b"));
+    QCOMPARE(heard.list(), QStringList{unlockFactorsChanged});
+    QVERIFY(client->hasEnabledFactor("b"_s));
+    QVERIFY(client->hasEnabledFactor("c"_s));
+}
+
+void TestCatalogue::marksOfANameOfferedTwiceAreAnnouncedOnItsLastRow()
+{
+    offer({{"login"_s, names("a b a")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", names("a"));
+    QCOMPARE(heard.list(), (QStringList{enabledChanged(2), enabledChanged(2)}));
+    QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
+}
+
+void TestCatalogue::marksOfNamesakesOfOtherServicesAreAnnouncedOnTheLastRow()
+{
+    offer({{"unlock"_s, names("b")}, {"sudo"_s, names("b")}});
+    choose("unlock", names("b"));
+    choose("sudo", names("b"));
+    disable(names("b"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", {});
+    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, enabledChanged(1)}));
+    QCOMPARE(rows(*client), "b disabled unlock, b chosen disabled"_s);
+}
+
+void TestCatalogue::chosenNamesAreCaseSensitive()
+{
+    offer({{"login"_s, names("a A Smartcard")}, {"unlock"_s, names("Smartcard")}});
+    const WatchedClient client = clientOf(1000);
+    announceChosen(client.get(), "login", names("A smartcard"));
+    announceChosen(client.get(), "unlock", names("smartcard"));
+    QCOMPARE(rows(*client), "a, A chosen, Smartcard"_s);
+    QVERIFY(!client->hasEnabledFactor("smartcard"_s));
+    QVERIFY(!client->hasEnabledFactor("Smartcard"_s));
+}
+
+void TestCatalogue::unofferedNamesMarkNothing()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", QStringList{"b"_s, "smartcard"_s, QString(), "a "_s});
+    QCOMPARE(heard.list(), QStringList());
+    QVERIFY(!client->hasEnabledFactor("b"_s));
+    QVERIFY(!client->hasEnabledFactor("smartcard"_s));
+    QCOMPARE(rows(*client), "a"_s);
+}
+
+void TestCatalogue::chosenNamesAreOfTheirServiceAlone()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a b")}});
+    choose("login", names("a"));
+    choose("unlock", names("b"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, b"_s);
+    QCOMPARE(client->unlockFactors(), names("b"));
+}
+
+void TestCatalogue::unlockFactorsAreToldBeforeTheMarks()
+{
+    offer({{"login"_s, names("a smartcard")}, {"unlock"_s, names("a smartcard b")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", names("a smartcard b"));
+    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, enabledChanged(0), warningChanged, enabledChanged(1)}));
+}
+
+void TestCatalogue::userSwitchMarksThenRebuilds()
+{
+    offer({{"login"_s, names("a smartcard b")}, {"unlock"_s, names("smartcard c")}});
+    choose("login", names("smartcard b"));
+    choose("unlock", names("c"));
+    disable(names("b"));
+    const WatchedClient client(newSettingsClient());
+    SignalRecorder heard(client.get());
+    client->setUid(1000);
+    QCOMPARE(heard.list(),
+             (QStringList{"uidChanged()"_s, warningChanged, enabledChanged(1), enabledChanged(2)} + resetSignals
+              + QStringList{"showNotificationsChanged()"_s}));
+    QCOMPARE(rows(*client), "a, smartcard chosen, c chosen unlock"_s);
+    QCOMPARE(client->unlockFactors(), names("c"));
+}
+
+void TestCatalogue::userSwitchWithoutDisabledFactorsDoesNotRebuild()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    choose("login", names("b"));
+    choose("unlock", names("c"));
+    const WatchedClient client(newSettingsClient());
+    SignalRecorder heard(client.get());
+    client->setUid(1000);
+    QCOMPARE(heard.list(), (QStringList{"uidChanged()"_s, enabledChanged(1), "showNotificationsChanged()"_s}));
+    QCOMPARE(rows(*client), "a, b chosen"_s);
+}
+
+void TestCatalogue::userSwitchTakesTheMarksOfTheFormerUserAway()
+{
+    offer({{"login"_s, names("a b smartcard")}, {"unlock"_s, names("c")}});
+    choose("login", names("a smartcard"));
+    choose("unlock", names("c"));
+    disable(names("b"));
+    choose("login", names("b"), 1001);
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, smartcard chosen, c chosen unlock"_s);
+    QCOMPARE(client->userWarning(), warningId);
+
+    SignalRecorder heard(client.get());
+    client->setUid(1001);
+    QCOMPARE(heard.list(),
+             (QStringList{"uidChanged()"_s, enabledChanged(0), warningChanged, enabledChanged(1), enabledChanged(2)}
+              + resetSignals + QStringList{"showNotificationsChanged()"_s}));
+    QCOMPARE(rows(*client), "a, b chosen, smartcard"_s);
+    QCOMPARE(client->userWarning(), QString());
+    QCOMPARE(client->unlockFactors(), QStringList());
+}
+
+void TestCatalogue::userSwitchRebuildsForTheFlagBeforeTheMarks()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    choose("login", names("a"));
+    disable(names("b"));
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client(newSettingsClient());
+    SignalRecorder heard(client.get());
+    client->setUid(1000);
+    QCOMPARE(heard.list(),
+             QStringList{"uidChanged()"_s} + resetSignals + QStringList{"isUserSettableChanged()"_s}
+                 + (seesAll() ? QStringList{enabledChanged(0)} : QStringList()) + resetSignals
+                 + QStringList{"showNotificationsChanged()"_s});
+    QCOMPARE(rows(*client), "a chosen"_s);
+}
+
+void TestCatalogue::handlersSeeTheMarksOneByOne()
+{
+    offer({{"login"_s, names("a b")}});
+    const WatchedClient client = clientOf(1000);
+    QStringList seen;
+    connect(client->factors(), &QAbstractItemModel::dataChanged, this, [&](const QModelIndex &index) {
+        seen.append("row %1: "_s.arg(index.row()) + rows(*client)
+                    + (client->hasChosenFactor("b"_s) ? "; b"_s : QString()));
+    });
+    announceChosen(client.get(), "login", names("a b"));
+    QCOMPARE(seen, (QStringList{"row 0: a chosen, b"_s, "row 1: a chosen, b chosen; b"_s}));
+}
+
+void TestCatalogue::handlersSeeTheDisabledMarkBeforeTheRebuild()
+{
+    offer({{"login"_s, names("a b")}});
+    choose("login", names("a"));
+    disable(names("a b"));
+    const WatchedClient client(newSettingsClient());
+    QStringList seen;
+    connect(client->factors(), &QAbstractItemModel::dataChanged, this, [&] { seen.append(rows(*client)); });
+    client->setUid(1000);
+    QCOMPARE(seen, QStringList{"a chosen disabled, b"_s});
+    QCOMPARE(rows(*client), QString());
+}
+
+void TestCatalogue::resetHandlersSeeTheRowsBeforeAndAfter()
+{
+    offer({{"login"_s, names("a b")}});
+    choose("login", names("a b"));
+    const WatchedClient client = clientOf(1000);
+    QStringList seen;
+    const auto look = [&] { seen.append(rows(*client) + (severalCount(client, 0) ? "; several"_s : QString())); };
+    connect(client->factors(), &QAbstractItemModel::modelAboutToBeReset, this, look);
+    connect(client->factors(), &QAbstractItemModel::modelReset, this, look);
+    connect(client->factors(), &FactorListModel::loginFactorsCountChanged, this, look);
+    announceDisabled(client.get(), names("b"));
+    QCOMPARE(seen, (QStringList{"a chosen, b chosen disabled; several"_s, "a chosen"_s, "a chosen"_s}));
+}
+
+void TestCatalogue::unlockFactorsHandlerSeesTheFormerMarks()
+{
+    offer({{"unlock"_s, names("b")}});
+    const WatchedClient client = clientOf(1000);
+    QStringList seen;
+    connect(client.get(), &AuthSettingsClient::unlockFactorsChanged, this, [&] {
+        QVERIFY(!client->hasEnabledFactor("b"_s));
+        seen = client->unlockFactors();
+    });
+    announceChosen(client.get(), "unlock", names("b"));
+    QCOMPARE(seen, names("b"));
+    QVERIFY(client->hasEnabledFactor("b"_s));
+}
+
+void TestCatalogue::smartcardSetsTheWarning_data()
+{
+    QTest::addColumn<QByteArray>("service");
+    for (const char *service : {"login", "unlock", "sudo"})
+        QTest::newRow(service) << QByteArray(service);
+}
+
+void TestCatalogue::smartcardSetsTheWarning()
+{
+    QFETCH(QByteArray, service);
+    offer({{"login"_s, names("a")}, {QString::fromLatin1(service), names("a smartcard")}});
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->userWarning(), QString());
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), service, names("smartcard"));
+    QCOMPARE(client->userWarning(), warningId);
+    QCOMPARE(heard.take().filter(warningChanged), QStringList{warningChanged});
+    announceChosen(client.get(), service, names("a"));
+    QCOMPARE(client->userWarning(), QString());
+    QCOMPARE(heard.list().filter(warningChanged), QStringList{warningChanged});
+}
+
+void TestCatalogue::warningIsTranslatedWhenItIsSet()
+{
+    offer({{"login"_s, names("smartcard")}});
+    const WatchedClient client = clientOf(1000);
+    const Translator translator({{warningId.toLatin1(), "Токен не нужен %n"_s}});
+    announceChosen(client.get(), "login", names("smartcard"));
+    QCOMPARE(client->userWarning(), "Токен не нужен %n"_s);
+    QCOMPARE(client->property("userWarning"), QVariant("Токен не нужен %n"_s));
+    announceChosen(client.get(), "login", {});
+    QCOMPARE(client->userWarning(), QString());
+    QCOMPARE(translator.asked, QByteArrayList{warningId.toLatin1()});
+}
+
+void TestCatalogue::warningComesBetweenTheMarks()
+{
+    offer({{"login"_s, names("a smartcard b")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", names("b smartcard a"));
+    QCOMPARE(heard.take(), (QStringList{enabledChanged(0), warningChanged, enabledChanged(1), enabledChanged(2)}));
+    announceChosen(client.get(), "login", {});
+    QCOMPARE(heard.list(), (QStringList{enabledChanged(0), warningChanged, enabledChanged(1), enabledChanged(2)}));
+}
+
+void TestCatalogue::warningHandlerSeesTheMark()
+{
+    offer({{"login"_s, names("a smartcard b")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    QStringList seen;
+    connect(client.get(), &AuthSettingsClient::userWarningChanged, this, [&] {
+        seen.append(rows(*client) + (severalCount(client, 0) ? "; several"_s : QString())
+                    + (client->hasChosenFactor("smartcard"_s) ? "; wanted"_s : QString()) + "; "_s
+                    + client->userWarning());
+    });
+    announceChosen(client.get(), "login", names("a smartcard b"));
+    QCOMPARE(seen, QStringList{"a chosen, smartcard chosen, b; several; wanted; "_s + warningId});
+}
+
+void TestCatalogue::warningIsOfTheSmartcardAlone()
+{
+    offer({{"login"_s, names("a Smartcard smartcard2 sudis")}, {"unlock"_s, names("a sudis")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", names("a Smartcard smartcard2 sudis smartcard"));
+    announceChosen(client.get(), "unlock", names("a sudis smartcard"));
+    QCOMPARE(client->userWarning(), QString());
+    QVERIFY(!heard.list().contains(warningChanged));
+}
+
+void TestCatalogue::warningIsSetWithoutARow()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("smartcard")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", names("smartcard"));
+    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, warningChanged}));
+    QCOMPARE(rows(*client), "a"_s);
+    QCOMPARE(client->userWarning(), warningId);
+}
+
+void TestCatalogue::warningFollowsTheLastChangedEntry_data()
+{
+    QTest::addColumn<QStringList>("services");
+    QTest::addColumn<QString>("chosenBefore");
+    QTest::addColumn<QString>("chosenAfter");
+    QTest::addColumn<QString>("warning");
+    QTest::addColumn<int>("changes");
+    const QStringList usual = names("login unlock");
+    const QStringList other = names("unlock login");
+    QTest::newRow("login to unlock") << usual << "login"_s
+                                     << "unlock"_s << warningId << 2;
+    QTest::newRow("unlock to login") << usual << "unlock"_s
+                                     << "login"_s << QString() << 1;
+    QTest::newRow("login to unlock, unlock first") << other << "login"_s
+                                                   << "unlock"_s << QString() << 1;
+    QTest::newRow("unlock to login, unlock first") << other << "unlock"_s
+                                                   << "login"_s << warningId << 2;
+    QTest::newRow("both to unlock") << usual << "login unlock"_s
+                                    << "unlock"_s << QString() << 1;
+    QTest::newRow("both to login") << usual << "login unlock"_s
+                                   << "login"_s << QString() << 1;
+    QTest::newRow("login to both") << usual << "login"_s
+                                   << "login unlock"_s << warningId << 0;
+    QTest::newRow("both to none") << usual << "login unlock"_s << QString() << QString() << 1;
+    QTest::newRow("none to both") << usual << QString() << "login unlock"_s << warningId << 1;
+}
+
+void TestCatalogue::warningFollowsTheLastChangedEntry()
+{
+    QFETCH(QStringList, services);
+    QFETCH(QString, chosenBefore);
+    QFETCH(QString, chosenAfter);
+    QFETCH(QString, warning);
+    QFETCH(int, changes);
+    offer({{services.at(0), names("smartcard")}, {services.at(1), names("smartcard")}});
+    for (const QString &service : services) {
+        if (chosenBefore.contains(service))
+            choose(service.toLatin1(), names("smartcard"), 1000);
+        if (chosenAfter.contains(service))
+            choose(service.toLatin1(), names("smartcard"), 1001);
+    }
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->userWarning(), chosenBefore.isEmpty() ? QString() : warningId);
+    SignalRecorder heard(client.get());
+    client->setUid(1001);
+    QCOMPARE(client->userWarning(), warning);
+    QCOMPARE(heard.list().count(warningChanged), changes);
+}
+
+void TestCatalogue::warningIsNotToldTwice()
+{
+    offer({{"login"_s, names("smartcard")}, {"unlock"_s, names("smartcard")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", names("smartcard"));
+    announceChosen(client.get(), "unlock", names("smartcard"));
+    QCOMPARE(heard.list(), (QStringList{warningChanged, enabledChanged(0), unlockFactorsChanged, enabledChanged(0)}));
+}
+
+void TestCatalogue::warningDoesNotFollowTheDisabledMark()
+{
+    offer({{"login"_s, names("smartcard")}});
+    choose("login", names("smartcard"));
+    disable(names("smartcard"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->userWarning(), warningId);
+    SignalRecorder heard(client.get());
+    announceDisabled(client.get(), {});
+    QCOMPARE(client->userWarning(), warningId);
+    QCOMPARE(heard.list(), resetSignals);
+}
+
+void TestCatalogue::hasFactorLooksAtTheDisabledMark_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QStringList>("disabled");
+    QTest::addColumn<bool>("expected");
+    QTest::newRow("of login") << "a"_s << QStringList() << true;
+    QTest::newRow("of unlock") << "b"_s << QStringList() << true;
+    QTest::newRow("of both") << "c"_s << QStringList() << true;
+    QTest::newRow("of another service") << "d"_s << QStringList() << true;
+    QTest::newRow("disabled") << "a"_s << names("a") << false;
+    QTest::newRow("disabled of unlock") << "b"_s << names("b") << false;
+    QTest::newRow("disabled of both") << "c"_s << names("c") << false;
+    QTest::newRow("another is disabled") << "b"_s << names("a c smartcard") << true;
+    QTest::newRow("the smartcard") << "smartcard"_s << QStringList() << true;
+    QTest::newRow("the disabled smartcard") << "smartcard"_s << names("smartcard") << true;
+    QTest::newRow("unknown") << "e"_s << QStringList() << false;
+    QTest::newRow("other letters") << "A"_s << QStringList() << false;
+    QTest::newRow("a part") << "smart"_s << QStringList() << false;
+    QTest::newRow("empty") << QString() << QStringList() << false;
+}
+
+void TestCatalogue::hasFactorLooksAtTheDisabledMark()
+{
+    QFETCH(QString, name);
+    QFETCH(QStringList, disabled);
+    QFETCH(bool, expected);
+    offer({{"login"_s, names("a c")}, {"unlock"_s, names("b c smartcard")}, {"sudo"_s, names("d")}});
+    disable(disabled);
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->hasFactor(name), expected);
+}
+
+// Namesakes differ while they are being marked.
+void TestCatalogue::hasFactorGoesOnToTheNextNamesake()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("a")}});
+    choose("login", names("a"));
+    disable(names("a"));
+    const WatchedClient client(newSettingsClient());
+    QStringList seen;
+    connect(client->factors(), &QAbstractItemModel::dataChanged, this,
+            [&] { seen.append(rows(*client) + (client->hasFactor("a"_s) ? "; has it"_s : QString())); });
+    client->setUid(1000);
+    QCOMPARE(seen, QStringList{"a chosen disabled; has it"_s});
+    QVERIFY(!client->hasFactor("a"_s));
+}
+
+void TestCatalogue::hasFactorNeedsNoRow()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), seesAll() ? "a"_s : QString());
+    QVERIFY(client->hasFactor("a"_s));
+    QVERIFY(client->hasFactor("b"_s));
+}
+
+void TestCatalogue::hasEnabledFactorLooksAtEachService_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("expected");
+    QTest::newRow("chosen for login") << "a"_s << true;
+    QTest::newRow("chosen for unlock, offered for both") << "b"_s << true;
+    QTest::newRow("chosen for another service") << "d"_s << true;
+    QTest::newRow("not chosen") << "c"_s << false;
+    QTest::newRow("chosen and not offered") << "e"_s << false;
+    QTest::newRow("other letters") << "A"_s << false;
+    QTest::newRow("empty") << QString() << false;
+}
+
+void TestCatalogue::hasEnabledFactorLooksAtEachService()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, expected);
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b c")}, {"sudo"_s, names("c d")}});
+    choose("login", names("a e"));
+    choose("unlock", names("b a"));
+    choose("sudo", names("d"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->hasEnabledFactor(name), expected);
+}
+
+void TestCatalogue::hasEnabledFactorNeedsNoRow()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
+    choose("login", names("a"));
+    choose("unlock", names("b"));
+    disable(names("a"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "b chosen unlock"_s);
+    QVERIFY(client->hasEnabledFactor("a"_s));
+    QVERIFY(client->hasEnabledFactor("b"_s));
+    announceChosen(client.get(), "login", {});
+    QVERIFY(!client->hasEnabledFactor("a"_s));
+}
+
+void TestCatalogue::hasChosenFactorNeedsARow()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c d")}});
+    choose("login", names("a b"));
+    choose("unlock", names("c d"));
+    disable(names("b"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, c, d chosen unlock"_s);
+    QVERIFY(client->hasChosenFactor("a"_s));
+    QVERIFY(!client->hasChosenFactor("b"_s));
+    // The row of this name is the login row, which is not chosen.
+    QVERIFY(!client->hasChosenFactor("c"_s));
+    QVERIFY(client->hasChosenFactor("d"_s));
+    QVERIFY(!client->hasChosenFactor("A"_s));
+    QVERIFY(!client->hasChosenFactor("e"_s));
+    QVERIFY(!client->hasChosenFactor(QString()));
+}
+
+void TestCatalogue::hasChosenFactorLooksAtTheWish()
+{
+    offer({{"login"_s, names("a b")}});
+    choose("login", names("a"));
+    daemon.answer("SetUserOption", "(false,)");
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(1);
+    QVERIFY(client->hasChosenFactor("b"_s));
+    QVERIFY(!client->hasChosenFactor("a"_s));
+    QVERIFY(!client->hasEnabledFactor("b"_s));
+    QVERIFY(client->hasEnabledFactor("a"_s));
+    QCOMPARE(rows(*client), "a chosen, b"_s);
+}
+
+void TestCatalogue::unlockFactorsAreTheUsersInTheDaemonsOrder()
+{
+    offer({{"login"_s, names("z")}, {"unlock"_s, names("a b c")}});
+    const QStringList chosen = names("c unoffered a c z");
+    choose("unlock", chosen);
+    disable(names("a"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->unlockFactors(), chosen);
+    QCOMPARE(client->property("unlockFactors"), QVariant(chosen));
+    announceChosen(client.get(), "unlock", names("b a"));
+    QCOMPARE(client->unlockFactors(), names("b a"));
+    announceChosen(client.get(), "login", names("z"));
+    QCOMPARE(client->unlockFactors(), names("b a"));
+    announceChosen(client.get(), "unlock", {});
+    QCOMPARE(client->unlockFactors(), QStringList());
+}
+
+void TestCatalogue::unlockFactorsWithoutAnUnlockServiceAreNone()
+{
+    offer({{"login"_s, names("a")}});
+    choose("login", names("a"));
+    choose("unlock", names("a"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", names("a"));
+    QCOMPARE(client->unlockFactors(), QStringList());
+    QCOMPARE(heard.list(), QStringList());
+}
+
+void TestCatalogue::modelHasFiveRoles()
+{
+    const QHash<int, QByteArray> expected{
+        {256, "name"}, {257, "title"}, {258, "enabled"}, {259, "disabled"}, {260, "isUnlock"},
+    };
+    const WatchedClient client(newSettingsClient());
+    QCOMPARE(client->factors()->roleNames(), expected);
+    client->factors()->roleNames().clear();
+    QCOMPARE(client->factors()->roleNames(), expected);
+}
+
+void TestCatalogue::modelGivesEachValueInItsType_data()
+{
+    QTest::addColumn<int>("row");
+    QTest::addColumn<QVariantList>("values");
+    QTest::newRow("login") << 0 << QVariantList{"a"_s, "A title"_s, false, false, false};
+    QTest::newRow("chosen, disabled login") << 1 << QVariantList{"smartcard"_s, "Card"_s, true, true, false};
+    QTest::newRow("chosen unlock") << 2 << QVariantList{"b"_s, "authd-factor-b"_s, true, false, true};
+    QTest::newRow("chosen, disabled unlock") << 3 << QVariantList{"c"_s, "authd-factor-c"_s, true, true, true};
+    QTest::newRow("another service") << 4 << QVariantList{"d"_s, "authd-factor-d"_s, true, false, false};
+}
+
+void TestCatalogue::modelGivesEachValueInItsType()
+{
+    QFETCH(int, row);
+    QFETCH(QVariantList, values);
+    offer({{"login"_s, names("a smartcard")}, {"unlock"_s, names("b c")}, {"sudo"_s, names("d")}});
+    choose("login", names("smartcard"));
+    choose("unlock", names("b c"));
+    choose("sudo", names("d"));
+    disable(names("smartcard c"));
+    const Translator translator({{"authd-factor-a", "A title"_s}, {"authd-factor-smartcard", "Card"_s}});
+    const WatchedClient client = clientOf(1000);
+    const FactorListModel *model = client->factors();
+    QCOMPARE(model->rowCount(), 5);
+    QVariantList found;
+    for (int role = 256; role <= 260; ++role)
+        found.append(model->data(model->index(row), role));
+    QCOMPARE(written(found), written(values));
+}
+
+void TestCatalogue::modelGivesNothingForOtherRoles_data()
+{
+    QTest::addColumn<int>("role");
+    for (int role : {Qt::DisplayRole + 0, Qt::DecorationRole + 0, Qt::EditRole + 0, 255, 261, -1, INT_MAX, INT_MIN})
+        QTest::addRow("%d", role) << role;
+}
+
+void TestCatalogue::modelGivesNothingForOtherRoles()
+{
+    QFETCH(int, role);
+    const WatchedClient client = clientOf(1000);
+    const FactorListModel *model = client->factors();
+    for (int row = 0; row < 5; ++row)
+        QVERIFY(!model->data(model->index(row), role).isValid());
+}
+
+void TestCatalogue::modelGivesNothingForOtherIndexes()
+{
+    const WatchedClient client = clientOf(1000);
+    const FactorListModel *model = client->factors();
+    QCOMPARE(model->rowCount(), 5);
+    QVERIFY(model->data(model->index(4), 256).isValid());
+    for (int role = 256; role <= 260; ++role) {
+        QVERIFY(!model->data(QModelIndex(), role).isValid());
+        QVERIFY(!model->data(model->index(5), role).isValid());
+        QVERIFY(!model->data(model->index(-1), role).isValid());
+        QVERIFY(!model->data(model->index(0, 1), role).isValid());
+    }
+}
+
+void TestCatalogue::modelGivesNothingForARowThatIsGone()
+{
+    offer({{"login"_s, names("a b c")}});
+    const WatchedClient client = clientOf(1000);
+    const FactorListModel *model = client->factors();
+    const QModelIndex second = model->index(1);
+    const QModelIndex third = model->index(2);
+    announceDisabled(client.get(), names("a"));
+    QCOMPARE(rows(*client), "b, c"_s);
+    QVERIFY(third.isValid());
+    for (int role = 256; role <= 260; ++role)
+        QVERIFY(!model->data(third, role).isValid());
+    QCOMPARE(model->data(second, 256), QVariant("c"_s));
+}
+
+void TestCatalogue::modelCountsItsRowsWhateverTheParent()
+{
+    const AuthSettingsClient client(nullptr);
+    const FactorListModel *model = client.factors();
+    QCOMPARE(model->rowCount(), 5);
+    QCOMPARE(model->rowCount(model->index(2)), 5);
+}
+
+void TestCatalogue::loginFactorsCountIsThatOfTheLoginRows()
+{
+    offer({{"login"_s, names("a b c x")}, {"unlock"_s, names("d e")}, {"sudo"_s, names("f")}});
+    choose("login", names("b"));
+    choose("unlock", names("d e"));
+    choose("sudo", names("f"));
+    disable(names("x"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->factors()->rowCount(), 6);
+    QCOMPARE(client->factors()->loginFactorsCount(), 3);
+    QCOMPARE(client->factors()->property("loginFactorsCount"), QVariant(3));
+    announceChosen(client.get(), "login", {});
+    QCOMPARE(client->factors()->loginFactorsCount(), 3);
+}
+
+void TestCatalogue::loginFactorsCountIsToldThoughItIsTheSame()
+{
+    offer({{"login"_s, names("smartcard a")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    announceDisabled(client.get(), names("smartcard"));
+    QCOMPARE(client->factors()->loginFactorsCount(), 2);
+    QCOMPARE(heard.list(), resetSignals);
+}
+
+void TestCatalogue::loginFactorsCountIsReadWhenItIsTold()
+{
+    offer({{"login"_s, names("a b c")}});
+    const WatchedClient client = clientOf(1000);
+    QList<int> counts;
+    connect(client->factors(), &FactorListModel::loginFactorsCountChanged, this,
+            [&] { counts.append(client->factors()->loginFactorsCount()); });
+    announceDisabled(client.get(), names("a b"));
+    announceDisabled(client.get(), names("a"));
+    QCOMPARE(counts, (QList<int>{1, 2}));
+}
+
+void TestCatalogue::thousandFactors()
+{
+    QStringList many;
+    for (int i = 0; i < 1000; ++i)
+        many.append("f%1"_s.arg(i));
+    offer({{"login"_s, many}, {"unlock"_s, many}});
+    choose("login", many);
+    choose("unlock", many);
+    const auto client = newSettingsClient();
+    SignalRecorder heard(client.get());
+    client->setUid(1000);
+    QStringList expected{"uidChanged()"_s};
+    for (int service = 0; service < 2; ++service) {
+        for (int row = 0; row < 1000; ++row)
+            expected.append(enabledChanged(row));
+    }
+    QCOMPARE(heard.take(), expected + QStringList{"showNotificationsChanged()"_s});
+
+    const ModelWatch watch(client->factors());
+    announceDisabled(client.get(), many.mid(0, 999));
+    QCOMPARE(heard.list(), resetSignals);
+    QCOMPARE(client->factors()->loginFactorsCount(), 1);
+    // The others have the rows of their unlock factors.
+    QCOMPARE(client->factors()->rowCount(), 1000);
+    QVERIFY(rows(*client).startsWith("f999 chosen, f0 chosen disabled unlock, "_s));
+    QVERIFY(client->hasFactor("f999"_s));
+    QVERIFY(!client->hasFactor("f998"_s));
+    QVERIFY(!client->canTriggerFactor(0));
+}
+
+void TestCatalogue::sameNameAThousandTimes()
+{
+    QStringList many;
+    for (int i = 0; i < 1000; ++i)
+        many.append("smartcard"_s);
+    offer({{"login"_s, many}, {"unlock"_s, many}});
+    const auto client = newSettingsClient();
+    client->setUid(1000);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "login", many);
+    QStringList expected;
+    for (int i = 0; i < 1000; ++i)
+        expected.append(enabledChanged(999));
+    QCOMPARE(heard.list(), QStringList{warningChanged} + expected);
+    QCOMPARE(client->factors()->loginFactorsCount(), 1000);
+    QVERIFY(client->canTriggerFactor(0));
+}
+
+void TestCatalogue::oddNames_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::newRow("empty") << QString();
+    QTest::newRow("blank") << " "_s;
+    QTest::newRow("slash") << "/"_s;
+    QTest::newRow("slashes") << "worker/service-factors/login"_s;
+    QTest::newRow("per cent") << "%1 %n %L1"_s;
+    QTest::newRow("Cyrillic") << "Ключ"_s;
+    QTest::newRow("beyond the first plane") << "🔑"_s;
+    QTest::newRow("line end") << "a\nb"_s;
+    QTest::newRow("long") << QString(20000, QLatin1Char('x'));
+}
+
+void TestCatalogue::oddNames()
+{
+    QFETCH(QString, name);
+    offer({{"login"_s, {"a"_s, name}}, {"unlock"_s, {name}}});
+    choose("login", {name});
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a, "_s + name + " chosen"_s);
+    QVERIFY(client->hasFactor(name));
+    QVERIFY(client->hasEnabledFactor(name));
+    QVERIFY(client->hasChosenFactor(name));
+    QVERIFY(!client->hasFactor(name + QLatin1Char('x')));
+    daemon.changeOption("worker/service-factors/unlock", json({name}), 1000);
+    daemon.changeOption("worker/disabled-factors", json({name}), 1000);
+    drain(client.get());
+    QCOMPARE(rows(*client), "a, "_s + name + " chosen disabled unlock"_s);
+    QCOMPARE(client->unlockFactors(), QStringList{name});
+    QVERIFY(!client->hasFactor(name));
+}
+
+void TestCatalogue::oddServices_data()
+{
+    QTest::addColumn<QString>("service");
+    QTest::newRow("empty") << QString();
+    QTest::newRow("slash") << "a/b"_s;
+    QTest::newRow("as unlock with a slash") << "unlock/"_s;
+    QTest::newRow("Cyrillic") << "Вход"_s;
+}
+
+void TestCatalogue::oddServices()
+{
+    QFETCH(QString, service);
+    offer({{service, names("b")}, {"login"_s, names("a x")}});
+    const WatchedClient client = clientOf(1000);
+    announceChosen(client.get(), service.toUtf8(), names("b"));
+    announceDisabled(client.get(), names("x"));
+    QCOMPARE(rows(*client), "a, b chosen"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), 1);
+    QCOMPARE(client->unlockFactors(), QStringList());
+}
+
+QTEST_GUILESS_MAIN(TestCatalogue)
+
+#include "tst_catalogue.moc"

@@ -1,0 +1,1290 @@
+#include "settings-test-case.h"
+
+/** Toggling factors, and what is written of it. */
+class TestFactorChoice : public SettingsTestCase
+{
+    Q_OBJECT
+
+private:
+    void allowSeveral();
+    WatchedClient clientOf(uint uid);
+    WatchedClient authenticatedClient();
+    QStringList takeCalls();
+
+private Q_SLOTS:
+    void init();
+
+    void onlyChosenLoginFactorMayNotBeToggled();
+    void eachOfSeveralChosenMayBeToggled();
+    void eachMayBeToggledWhileNoneIsChosen();
+    void rowOfAnotherServiceMayNotBeToggled_data();
+    void rowOfAnotherServiceMayNotBeToggled();
+    void rowThatIsNotThereMayNotBeToggled_data();
+    void rowThatIsNotThereMayNotBeToggled();
+    void rowOfAnEmptyModelMayNotBeToggled();
+    void askingChangesNothing();
+    void refusedToggleDoesNothing_data();
+    void refusedToggleDoesNothing();
+
+    void singleModeChoosesInsteadOfTheOther();
+    void singleModeUnchoosingLeavesNone();
+    void singleModeUnchoosesUnlockRowsToo();
+    void singleModeKeepsWhatHasNoRow();
+    void singleModeKeepsTheUnlockFactorOfTheSameName();
+    void singleModeKeepsNamesakesAsTheyAre();
+    void severalModeChoosesInAddition();
+    void severalModeUnchoosesOne();
+    void severalModeKeepsUnlockRows();
+    void severalModeTogglesOneNamesake();
+    void modeIsTheOneAnnounced();
+
+    void choiceIsWrittenInTheOrderOfTheOffer();
+    void eachServiceIsWrittenInTheOrderOfNames();
+    void serviceNamedTwiceIsWrittenOnce();
+    void choicesThatAreNotOfferedAreNotWritten();
+    void eachToggleWritesEachService();
+    void writesAreOfTheSelectedUser_data();
+    void writesAreOfTheSelectedUser();
+    void writesBearTheToken();
+    void writesWithoutAUserAreOfUserZero();
+    void writesWithoutAUserAreRefusedByTheDaemon();
+    void toggleChangesTheWishAlone();
+
+    void refusedWritesChangeNothing_data();
+    void refusedWritesChangeNothing();
+    void firstWriteFailsAndTheOtherIsMade();
+    void lastWriteFailsAndTheFirstIsKept();
+    void writesFailWithoutAPeer();
+    void wishesOfRefusedTogglesAreWrittenWithTheNext();
+    void singleModeForgetsWishesOfRefusedToggles();
+    void refusedToggleIsRepeatedAsItWas();
+    void wishOutlivesAnnouncementsOfOthers();
+    void wishIsOverwrittenWhenItsFactorChanges();
+    void wishOfALoginFactorIsWrittenWithAnUnlockFactor();
+    void wishesOfUnlockFactorsAreWrittenWithALoginFactor();
+
+    void acceptedToggleIsShownOnceAnnounced_data();
+    void acceptedToggleIsShownOnceAnnounced();
+    void unannouncedToggleIsNotShown();
+    void firstServiceRefusedChangesTheOtherAlone();
+    void secondToggleStartsFromWhatIsShown();
+    void secondToggleInSingleModeTakesTheFirstBack();
+    void sameToggleTwiceWritesTheSame();
+
+    void unlockFactorIsChosenInAddition();
+    void unlockFactorIsUnchosenBesideOthers();
+    void sudisIsChosenAlone();
+    void sudisIsChosenWhereNoneIs();
+    void sudisIsUnchosenBesideOthers();
+    void othersAreChosenBesideSudis();
+    void onlySudisHasNoOtherLetters();
+    void lastUnlockFactorIsReplacedByAllOthers_data();
+    void lastUnlockFactorIsReplacedByAllOthers();
+    void lastUnlockFactorWithoutOthersLeavesNone();
+    void unknownNameWritesTheChoiceAsItIs_data();
+    void unknownNameWritesTheChoiceAsItIs();
+    void unlockFactorOfferedTwiceIsToggledTwice();
+    void lastNamesakeDecides_data();
+    void lastNamesakeDecides();
+    void unlockFactorsNeedNoRow();
+    void unlockFactorsHeedNoMode_data();
+    void unlockFactorsHeedNoMode();
+    void loginFactorsAreLeftAloneByUnlockFactors();
+    void otherServicesAreLeftAloneByUnlockFactors();
+    void otherChosenMeansChosenByTheDaemon();
+    void refusedReplacementIsWrittenWithTheNext();
+    void withoutAnUnlockServiceTheRestIsWritten();
+    void acceptedUnlockFactorIsShownOnceAnnounced();
+    void unlockFactorWithoutAUserIsWrittenForUserZero();
+
+    void toggleInAHandlerStartsFromTheMarksSoFar();
+    void manyFactorsAreWritten();
+    void sameNameIsWrittenAsOftenAsItIsThere();
+    void oddNamesAreWritten();
+    void oddServicesAreWritten();
+};
+
+namespace {
+const QByteArray token = "s3cr3t token";
+const QString invalidIndex = QStringLiteral("warning canTriggerFactor invalid index %1");
+const QString unlockRow = QStringLiteral("warning canTriggerFactor Couldn't manipulate unlock factors");
+const QString refused = QStringLiteral("warning setUserOption failed: \"must not\"");
+
+// How the choice for a service is written.
+QString write(const QString &service, const QStringList &chosen, uint uid = 1000, const QByteArray &withToken = {})
+{
+    return settingsCall("SetUserOption", "uaysv",
+                        "(uint32 " + QByteArray::number(uid) + ", " + bytes(withToken) + ", 'worker/service-factors/"
+                            + service.toUtf8() + "', <" + gvariant(chosen) + ">)");
+}
+
+QStringList writes(const char *login, const char *unlock)
+{
+    return {write("login"_s, names(login)), write("unlock"_s, names(unlock))};
+}
+
+// The names of the rows that are wanted to be chosen.
+QString wishes(AuthSettingsClient &client, const char *of)
+{
+    QStringList result;
+    for (const QString &name : names(of)) {
+        if (client.hasChosenFactor(name))
+            result.append(name);
+    }
+    return result.join(QLatin1Char(' '));
+}
+
+// Without the daemon's other notice of the same changes.
+QStringList withoutNotices(const QStringList &signalsHeard)
+{
+    QStringList result;
+    for (const QString &signal : signalsHeard) {
+        if (!signal.startsWith("factorSignal(worker, "_s))
+            result.append(signal);
+    }
+    return result;
+}
+} // namespace
+
+void TestFactorChoice::init()
+{
+    TestCase::init();
+    disable({});
+}
+
+void TestFactorChoice::allowSeveral()
+{
+    daemon.arrangeOption("worker/is-multi-factorable", "true", 1000);
+}
+
+// A client whose writes are accepted and do nothing, unless the test arranges something else afterwards.
+WatchedClient TestFactorChoice::clientOf(uint uid)
+{
+    daemon.answer("SetUserOption", "(true,)");
+    return WatchedClient(newClientOf(uid), uid);
+}
+
+// A client of user 1000 that the daemon lets write.
+WatchedClient TestFactorChoice::authenticatedClient()
+{
+    auto client = newSettingsClient();
+    authenticate(client.get());
+    return WatchedClient(std::move(client), 1000);
+}
+
+QStringList TestFactorChoice::takeCalls()
+{
+    const QStringList result = daemon.calls();
+    daemon.clearCalls();
+    return result;
+}
+
+void TestFactorChoice::onlyChosenLoginFactorMayNotBeToggled()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("a")}});
+    choose("login", names("b"));
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(client->canTriggerFactor(0));
+    QVERIFY(!client->canTriggerFactor(1));
+    QVERIFY(client->canTriggerFactor(2));
+    QCOMPARE(log->takeComplaints(), QStringList());
+}
+
+void TestFactorChoice::eachOfSeveralChosenMayBeToggled()
+{
+    offer({{"login"_s, names("a b c d")}});
+    choose("login", names("b d"));
+    const WatchedClient client = clientOf(1000);
+    for (int row = 0; row < 4; ++row)
+        QVERIFY(client->canTriggerFactor(row));
+}
+
+void TestFactorChoice::eachMayBeToggledWhileNoneIsChosen()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a")}});
+    choose("unlock", names("a"));
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(client->canTriggerFactor(0));
+    QVERIFY(client->canTriggerFactor(1));
+}
+
+void TestFactorChoice::rowOfAnotherServiceMayNotBeToggled_data()
+{
+    QTest::addColumn<QByteArray>("service");
+    QTest::newRow("unlock") << QByteArray("unlock");
+    QTest::newRow("another") << QByteArray("sudo");
+}
+
+void TestFactorChoice::rowOfAnotherServiceMayNotBeToggled()
+{
+    QFETCH(QByteArray, service);
+    offer({{"login"_s, names("a b x")}, {QString::fromLatin1(service), names("c")}});
+    choose("login", names("a b"));
+    choose(service, names("c"));
+    disable(names("x"));
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(rows(*client).startsWith("a chosen, b chosen, c chosen"_s));
+    SignalRecorder heard(client.get());
+    QVERIFY(!client->canTriggerFactor(2));
+    QCOMPARE(log->take(), QStringList{unlockRow});
+    // Nor when it is no longer chosen.
+    announceChosen(client.get(), service, {});
+    heard.take();
+    QVERIFY(!client->canTriggerFactor(2));
+    QCOMPARE(log->take(), QStringList{unlockRow});
+    client->triggerFactor(2);
+    drain(client.get());
+    QCOMPARE(log->take(), QStringList{unlockRow});
+    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(heard.list(), QStringList());
+    QVERIFY(!client->hasChosenFactor("c"_s));
+}
+
+void TestFactorChoice::rowThatIsNotThereMayNotBeToggled_data()
+{
+    QTest::addColumn<int>("row");
+    for (int row : {-1, 2, 3, INT_MAX, INT_MIN})
+        QTest::addRow("%d", row) << row;
+}
+
+void TestFactorChoice::rowThatIsNotThereMayNotBeToggled()
+{
+    QFETCH(int, row);
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    QVERIFY(!client->canTriggerFactor(row));
+    QCOMPARE(log->take(), QStringList{invalidIndex.arg(row)});
+    client->triggerFactor(row);
+    drain(client.get());
+    QCOMPARE(log->take(), QStringList{invalidIndex.arg(row)});
+    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(heard.list(), QStringList());
+}
+
+void TestFactorChoice::rowOfAnEmptyModelMayNotBeToggled()
+{
+    offer({});
+    const WatchedClient client = clientOf(1000);
+    QVERIFY(!client->canTriggerFactor(0));
+    client->triggerFactor(0);
+    QCOMPARE(log->take(), (QStringList{invalidIndex.arg(0), invalidIndex.arg(0)}));
+    QCOMPARE(daemon.calls(), QStringList());
+}
+
+void TestFactorChoice::askingChangesNothing()
+{
+    offer({{"login"_s, names("a b")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    QVERIFY(client->canTriggerFactor(1));
+    QVERIFY(client->canTriggerFactor(1));
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(wishes(*client, "a b"), "a"_s);
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestFactorChoice::refusedToggleDoesNothing_data()
+{
+    QTest::addColumn<bool>("several");
+    QTest::newRow("single mode") << false;
+    QTest::newRow("several mode") << true;
+}
+
+void TestFactorChoice::refusedToggleDoesNothing()
+{
+    QFETCH(bool, several);
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
+    choose("login", names("a"));
+    if (several)
+        allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    client->triggerFactor(0);
+    drain(client.get());
+    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(wishes(*client, "a b"), "a"_s);
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestFactorChoice::singleModeChoosesInsteadOfTheOther()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
+    choose("login", names("b"));
+    choose("unlock", names("b"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(0);
+    QCOMPARE(daemon.calls(), writes("a", "b"));
+    QCOMPARE(wishes(*client, "a b c"), "a"_s);
+}
+
+void TestFactorChoice::singleModeUnchoosingLeavesNone()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c")}});
+    choose("login", names("a b c"));
+    choose("unlock", names("c"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("", "c"));
+    QCOMPARE(wishes(*client, "a b c"), QString());
+}
+
+void TestFactorChoice::singleModeUnchoosesUnlockRowsToo()
+{
+    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d")}});
+    choose("login", names("a"));
+    choose("unlock", names("c d"));
+    disable(names("x"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, b, c chosen unlock, d chosen unlock"_s);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("b", ""));
+    QCOMPARE(wishes(*client, "a b c d"), "b"_s);
+}
+
+void TestFactorChoice::singleModeKeepsWhatHasNoRow()
+{
+    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("a c")}});
+    choose("login", names("a x"));
+    disable(names("x"));
+    const WatchedClient client = clientOf(1000);
+    announceChosen(client.get(), "unlock", names("a c"));
+    QCOMPARE(rows(*client), "a chosen, b"_s);
+    client->triggerFactor(1);
+    // The login factor that is disabled, and unlock factors that are not shown.
+    QCOMPARE(daemon.calls(), writes("b x", "a c"));
+}
+
+void TestFactorChoice::singleModeKeepsTheUnlockFactorOfTheSameName()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a b")}});
+    choose("login", names("a"));
+    choose("unlock", names("b"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("b", "b"));
+}
+
+void TestFactorChoice::singleModeKeepsNamesakesAsTheyAre()
+{
+    offer({{"login"_s, names("a b a")}, {"unlock"_s, names("c")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
+    client->triggerFactor(2);
+    QCOMPARE(takeCalls(), writes("a", ""));
+    announceChosen(client.get(), "login", {});
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a", ""));
+    client->triggerFactor(2);
+    QCOMPARE(takeCalls(), writes("a a", ""));
+    client->triggerFactor(1);
+    QCOMPARE(takeCalls(), writes("b", ""));
+}
+
+void TestFactorChoice::severalModeChoosesInAddition()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
+    choose("login", names("c"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("b c", ""));
+    QCOMPARE(wishes(*client, "a b c"), "b c"_s);
+}
+
+void TestFactorChoice::severalModeUnchoosesOne()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
+    choose("login", names("a b c"));
+    choose("unlock", names("b"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("a c", "b"));
+    QCOMPARE(wishes(*client, "a b c"), "a c"_s);
+}
+
+void TestFactorChoice::severalModeKeepsUnlockRows()
+{
+    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d")}});
+    choose("login", names("a"));
+    choose("unlock", names("d"));
+    disable(names("x"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, b, d chosen unlock"_s);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("a b", "d"));
+}
+
+void TestFactorChoice::severalModeTogglesOneNamesake()
+{
+    offer({{"login"_s, names("a a")}, {"unlock"_s, names("a")}});
+    choose("login", names("a"));
+    choose("unlock", names("a"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a", "a"));
+    client->triggerFactor(1);
+    QCOMPARE(takeCalls(), writes("", "a"));
+}
+
+void TestFactorChoice::modeIsTheOneAnnounced()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
+    choose("login", names("b"));
+    const WatchedClient client = clientOf(1000);
+    const auto announce = [&](const char *value) {
+        daemon.changeOption("worker/is-multi-factorable", value, 1000);
+        drain(client.get());
+    };
+    announce("true");
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a b", ""));
+    announce("false");
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a", ""));
+}
+
+void TestFactorChoice::choiceIsWrittenInTheOrderOfTheOffer()
+{
+    offer({{"login"_s, names("z M a b")}, {"unlock"_s, names("y x w")}});
+    choose("login", names("b a"));
+    choose("unlock", names("w y"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(0);
+    QCOMPARE(daemon.calls(), writes("z a b", "y w"));
+}
+
+void TestFactorChoice::eachServiceIsWrittenInTheOrderOfNames()
+{
+    offer({{"unlock"_s, names("b")},
+           {"Вход"_s, names("e")},
+           {"login"_s, names("a")},
+           {"Zeta"_s, names("c")},
+           {"login2"_s, {}},
+           {"alpha"_s, names("d")}});
+    choose("unlock", names("b"));
+    choose("alpha", names("d"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(0);
+    QCOMPARE(daemon.calls(),
+             (QStringList{write("Zeta"_s, {}), write("alpha"_s, names("d")), write("login"_s, names("a")),
+                          write("login2"_s, {}), write("unlock"_s, names("b")), write("Вход"_s, {})}));
+}
+
+void TestFactorChoice::serviceNamedTwiceIsWrittenOnce()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    daemon.arrangeOption("worker/available-services", R"(["login", "unlock", "login"])");
+    choose("login", names("a"));
+    choose("unlock", names("c"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a chosen, b, a chosen, b"_s);
+    client->triggerFactor(3);
+    QCOMPARE(daemon.calls(), writes("a a b", "c"));
+}
+
+void TestFactorChoice::choicesThatAreNotOfferedAreNotWritten()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    choose("login", names("a gone"));
+    choose("unlock", names("gone c"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("a b", "c"));
+}
+
+void TestFactorChoice::eachToggleWritesEachService()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(1);
+    client->triggerFactor(1);
+    client->triggerUnlockFactor("none"_s);
+    QCOMPARE(daemon.calls(), writes("b", "") + writes("b", "") + writes("b", ""));
+}
+
+void TestFactorChoice::writesAreOfTheSelectedUser_data()
+{
+    QTest::addColumn<uint>("uid");
+    for (uint uid : {1U, 1000U, 100000U, 2147483648U, 4294967294U})
+        QTest::addRow("%u", uid) << uid;
+}
+
+void TestFactorChoice::writesAreOfTheSelectedUser()
+{
+    QFETCH(uint, uid);
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
+    daemon.answer("GetUserOptions", "(@a{sv} {},)");
+    daemon.answer("GetUserOption", "(<false>,)");
+    const WatchedClient client = clientOf(uid);
+    client->triggerFactor(0);
+    QCOMPARE(daemon.calls(), (QStringList{write("login"_s, names("a"), uid), write("unlock"_s, {}, uid)}));
+}
+
+void TestFactorChoice::writesBearTheToken()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
+    const WatchedClient client = clientOf(1000);
+    grant(client.get(), token);
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), (QStringList{write("login"_s, names("a"), 1000, token), write("unlock"_s, {}, 1000, token)}));
+    client->dropAuthentication();
+    client->triggerUnlockFactor("b"_s);
+    QCOMPARE(takeCalls(), writes("a", "b"));
+}
+
+void TestFactorChoice::writesWithoutAUserAreOfUserZero()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a")}});
+    const WatchedClient client = clientOf(0);
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), (QStringList{write("login"_s, names("b"), 0), write("unlock"_s, {}, 0)}));
+    QCOMPARE(wishes(*client, "a b"), "b"_s);
+}
+
+void TestFactorChoice::writesWithoutAUserAreRefusedByTheDaemon()
+{
+    const WatchedClient client(newSettingsClient(), 0);
+    client->triggerFactor(1);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 2);
+    for (const QString &complaint : complaints)
+        QVERIFY2(complaint.startsWith("warning setUserOption failed: \""_s), qPrintable(complaint));
+    QCOMPARE(daemon.calls().size(), 2);
+}
+
+void TestFactorChoice::toggleChangesTheWishAlone()
+{
+    offer({{"login"_s, names("a b smartcard")}, {"unlock"_s, names("c")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    client->triggerFactor(2);
+    client->triggerUnlockFactor("c"_s);
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(rows(*client), "a chosen, b, smartcard"_s);
+    QVERIFY(client->hasEnabledFactor("a"_s));
+    QVERIFY(!client->hasEnabledFactor("smartcard"_s));
+    QVERIFY(!client->hasEnabledFactor("c"_s));
+    QCOMPARE(wishes(*client, "a b smartcard c"), "smartcard"_s);
+    QCOMPARE(client->userWarning(), QString());
+    QCOMPARE(client->unlockFactors(), QStringList());
+    // Still the only one that is chosen.
+    QVERIFY(!client->canTriggerFactor(0));
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestFactorChoice::refusedWritesChangeNothing_data()
+{
+    QTest::addColumn<QByteArray>("how");
+    QTest::addColumn<QByteArray>("more");
+    QTest::addColumn<QStringList>("complaints");
+    const auto row = [](const char *how, const char *more, const QStringList &complaints) {
+        QTest::newRow(how) << QByteArray(how) << QByteArray(more) << complaints;
+    };
+    row("reply", "\"value\":\"(false,)\"", {});
+    row("error", "\"message\":\"must not\"", {refused, refused});
+}
+
+void TestFactorChoice::refusedWritesChangeNothing()
+{
+    QFETCH(QByteArray, how);
+    QFETCH(QByteArray, more);
+    QFETCH(QStringList, complaints);
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    daemon.misbehave("SetUserOption", how.constData(), more);
+    SignalRecorder heard(client.get());
+    client->triggerFactor(1);
+    drain(client.get());
+    QCOMPARE(daemon.calls(), writes("b", ""));
+    QCOMPARE(log->take(), complaints);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(rows(*client), "a chosen, b"_s);
+    QCOMPARE(wishes(*client, "a b"), "b"_s);
+}
+
+void TestFactorChoice::firstWriteFailsAndTheOtherIsMade()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    daemon.misbehave("SetUserOption", "error", R"("message":"must not","times":1)");
+    client->triggerFactor(1);
+    QCOMPARE(daemon.calls(), writes("b", ""));
+    QCOMPARE(log->take(), QStringList{refused});
+}
+
+void TestFactorChoice::lastWriteFailsAndTheFirstIsKept()
+{
+    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}});
+    choose("login", names("code"));
+    choose("unlock", names("code"));
+    const WatchedClient client = authenticatedClient();
+    daemon.misbehave("SetUserOption", "error", R"("message":"must not","times":1)");
+    daemon.misbehave("SetUserOption", "delay", R"("ms":0,"times":1)");
+    SignalRecorder heard(client.get());
+    client->triggerFactor(1);
+    QCOMPARE(log->takeComplaints(), QStringList{refused});
+    drain(client.get());
+    QCOMPARE(withoutNotices(heard.list()), (QStringList{enabledChanged(0), enabledChanged(1)}));
+    QCOMPARE(rows(*client), "code, sudis chosen"_s);
+    QCOMPARE(client->unlockFactors(), names("code"));
+}
+
+void TestFactorChoice::writesFailWithoutAPeer()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
+    const WatchedClient client = clientOf(1000);
+    daemon.request(R"({"do":"drop-peers"})");
+    client->triggerFactor(0);
+    client->triggerUnlockFactor("c"_s);
+    const QStringList complaints = log->takeComplaints();
+    QCOMPARE(complaints.size(), 4);
+    for (const QString &complaint : complaints)
+        QVERIFY2(complaint.startsWith("warning setUserOption failed: \""_s), qPrintable(complaint));
+    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(wishes(*client, "a b"), "a"_s);
+}
+
+void TestFactorChoice::wishesOfRefusedTogglesAreWrittenWithTheNext()
+{
+    offer({{"login"_s, names("a b c d")}, {"unlock"_s, names("c")}});
+    choose("login", names("b d"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a b d", ""));
+    client->triggerFactor(1);
+    QCOMPARE(takeCalls(), writes("a d", ""));
+    client->triggerFactor(2);
+    QCOMPARE(takeCalls(), writes("a c d", ""));
+    QCOMPARE(wishes(*client, "a b c d"), "a c d"_s);
+    QCOMPARE(rows(*client), "a, b chosen, c, d chosen"_s);
+}
+
+void TestFactorChoice::singleModeForgetsWishesOfRefusedToggles()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c")}});
+    choose("login", names("b"));
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a", ""));
+    client->triggerFactor(2);
+    QCOMPARE(takeCalls(), writes("c", ""));
+    QCOMPARE(wishes(*client, "a b c"), "c"_s);
+    // What the daemon has chosen is still the only one.
+    client->triggerFactor(1);
+    QCOMPARE(takeCalls(), QStringList());
+}
+
+void TestFactorChoice::refusedToggleIsRepeatedAsItWas()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c d")}});
+    choose("login", names("b"));
+    choose("unlock", names("d"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    for (int i = 0; i < 3; ++i) {
+        client->triggerFactor(0);
+        QCOMPARE(takeCalls(), writes("a b", "d"));
+    }
+    for (int i = 0; i < 3; ++i) {
+        client->triggerUnlockFactor("c"_s);
+        QCOMPARE(takeCalls(), writes("a b", "c d"));
+    }
+}
+
+void TestFactorChoice::wishOutlivesAnnouncementsOfOthers()
+{
+    offer({{"login"_s, names("a b c d")}, {"unlock"_s, names("c")}});
+    choose("login", names("b"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(0);
+    announceChosen(client.get(), "login", names("b c"));
+    QCOMPARE(wishes(*client, "a b c d"), "a b c"_s);
+    // A rebuild of the rows keeps it too.
+    announceSettable(client.get(), false);
+    announceSettable(client.get(), true);
+    QCOMPARE(wishes(*client, "a b c d"), "a b c"_s);
+    daemon.clearCalls();
+    client->triggerFactor(3);
+    QCOMPARE(daemon.calls(), writes("a b c d", ""));
+}
+
+void TestFactorChoice::wishIsOverwrittenWhenItsFactorChanges()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c")}});
+    choose("login", names("b"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(0);
+    QCOMPARE(wishes(*client, "a b c"), "a"_s);
+    announceChosen(client.get(), "login", names("a b"));
+    QCOMPARE(wishes(*client, "a b c"), "a"_s);
+    announceChosen(client.get(), "login", names("b"));
+    QCOMPARE(wishes(*client, "a b c"), QString());
+    announceChosen(client.get(), "login", {});
+    announceChosen(client.get(), "login", names("b"));
+    QCOMPARE(wishes(*client, "a b c"), "b"_s);
+}
+
+void TestFactorChoice::wishOfALoginFactorIsWrittenWithAnUnlockFactor()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a c")}});
+    choose("login", names("b"));
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a", ""));
+    client->triggerUnlockFactor("c"_s);
+    QCOMPARE(takeCalls(), writes("a", "c"));
+}
+
+void TestFactorChoice::wishesOfUnlockFactorsAreWrittenWithALoginFactor()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a c")}});
+    choose("login", names("b"));
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerUnlockFactor("a"_s);
+    client->triggerUnlockFactor("c"_s);
+    daemon.clearCalls();
+    client->triggerFactor(0);
+    QCOMPARE(daemon.calls(), writes("a", "a c"));
+}
+
+void TestFactorChoice::acceptedToggleIsShownOnceAnnounced_data()
+{
+    QTest::addColumn<bool>("signalFirst");
+    QTest::newRow("announced after the reply") << false;
+    QTest::newRow("announced before the reply") << true;
+}
+
+void TestFactorChoice::acceptedToggleIsShownOnceAnnounced()
+{
+    QFETCH(bool, signalFirst);
+    offer({{"login"_s, names("code smartcard sudis")}, {"unlock"_s, names("code")}});
+    choose("login", names("code"));
+    choose("unlock", names("code"));
+    if (signalFirst)
+        daemon.misbehave("SetUserOption", "signal-first");
+    const WatchedClient client = authenticatedClient();
+    SignalRecorder heard(client.get());
+    client->triggerFactor(1);
+    // Both writes are through, and nothing has been delivered meanwhile.
+    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['smartcard']"_s);
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(rows(*client), "code chosen, smartcard, sudis"_s);
+    QCOMPARE(wishes(*client, "code smartcard sudis"), "smartcard"_s);
+
+    drain(client.get());
+    QCOMPARE(withoutNotices(heard.list()),
+             (QStringList{enabledChanged(0), "userWarningChanged()"_s, enabledChanged(1), "unlockFactorsChanged()"_s}));
+    QCOMPARE(rows(*client), "code, smartcard chosen, sudis"_s);
+    QCOMPARE(client->userWarning(), "settings_users-la-user_has_token_hint"_s);
+    QCOMPARE(client->unlockFactors(), names("code"));
+}
+
+void TestFactorChoice::unannouncedToggleIsNotShown()
+{
+    offer({{"login"_s, names("code sudis smartcard")}, {"unlock"_s, names("code")}});
+    choose("login", names("code"));
+    allowSeveral();
+    daemon.misbehave("SetUserOption", "lose-signals");
+    const WatchedClient client = authenticatedClient();
+    SignalRecorder heard(client.get());
+    client->triggerFactor(1);
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList());
+    QCOMPARE(rows(*client), "code chosen, sudis, smartcard"_s);
+    QVERIFY(!client->canTriggerFactor(0));
+    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis']"_s);
+    client->triggerFactor(2);
+    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis', 'smartcard']"_s);
+}
+
+void TestFactorChoice::firstServiceRefusedChangesTheOtherAlone()
+{
+    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}});
+    choose("login", names("code"));
+    choose("unlock", names("code"));
+    const WatchedClient client = authenticatedClient();
+    daemon.misbehave("SetUserOption", "error", R"("message":"must not","times":1)");
+    SignalRecorder heard(client.get());
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(log->takeComplaints(), QStringList{refused});
+    drain(client.get());
+    // Each mark is told on the row of its name.
+    QCOMPARE(withoutNotices(heard.list()),
+             (QStringList{"unlockFactorsChanged()"_s, enabledChanged(0), enabledChanged(1)}));
+    QCOMPARE(client->unlockFactors(), names("sudis"));
+    QCOMPARE(rows(*client), "code chosen, sudis"_s);
+}
+
+void TestFactorChoice::secondToggleStartsFromWhatIsShown()
+{
+    offer({{"login"_s, names("code sudis smartcard")}, {"unlock"_s, names("x")}});
+    choose("login", names("code"));
+    allowSeveral();
+    const WatchedClient client = authenticatedClient();
+    SignalRecorder heard(client.get());
+    client->triggerFactor(1);
+    client->triggerFactor(2);
+    // As long as it is shown as the only one, it is taken for it.
+    client->triggerFactor(0);
+    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis', 'smartcard']"_s);
+    drain(client.get());
+    QCOMPARE(rows(*client), "code chosen, sudis chosen, smartcard chosen"_s);
+    // The last announcement overwrote nothing: each change marked its factor once.
+    QCOMPARE(withoutNotices(heard.list()),
+             (QStringList{enabledChanged(1), "unlockFactorsChanged()"_s, "userWarningChanged()"_s, enabledChanged(2),
+                          "unlockFactorsChanged()"_s}));
+    client->triggerFactor(0);
+    drain(client.get());
+    QCOMPARE(rows(*client), "code, sudis chosen, smartcard chosen"_s);
+}
+
+void TestFactorChoice::secondToggleInSingleModeTakesTheFirstBack()
+{
+    offer({{"login"_s, names("code sudis broken")}, {"unlock"_s, names("x")}});
+    choose("login", names("code"));
+    const WatchedClient client = authenticatedClient();
+    SignalRecorder heard(client.get());
+    client->triggerFactor(1);
+    client->triggerFactor(2);
+    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['broken']"_s);
+    drain(client.get());
+    QCOMPARE(withoutNotices(heard.list()),
+             (QStringList{enabledChanged(0), enabledChanged(1), "unlockFactorsChanged()"_s, enabledChanged(1),
+                          enabledChanged(2), "unlockFactorsChanged()"_s}));
+    QCOMPARE(rows(*client), "code, sudis, broken chosen"_s);
+    QCOMPARE(wishes(*client, "code sudis broken"), "broken"_s);
+}
+
+void TestFactorChoice::sameToggleTwiceWritesTheSame()
+{
+    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}});
+    choose("login", names("code"));
+    choose("unlock", names("code"));
+    allowSeveral();
+    const WatchedClient client = authenticatedClient();
+    client->triggerFactor(1);
+    client->triggerFactor(1);
+    client->triggerUnlockFactor("sudis"_s);
+    client->triggerUnlockFactor("sudis"_s);
+    drain(client.get());
+    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis']"_s);
+    QCOMPARE(daemon.option("worker/service-factors/unlock", 1000), "['sudis']"_s);
+    QCOMPARE(rows(*client), "code chosen, sudis chosen"_s);
+    QCOMPARE(client->unlockFactors(), names("sudis"));
+}
+
+void TestFactorChoice::unlockFactorIsChosenInAddition()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("a b c")}});
+    choose("unlock", names("c"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("b"_s);
+    QCOMPARE(daemon.calls(), writes("", "b c"));
+}
+
+void TestFactorChoice::unlockFactorIsUnchosenBesideOthers()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("a b c d")}});
+    choose("unlock", names("a b c"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("b"_s);
+    QCOMPARE(daemon.calls(), writes("", "a c"));
+}
+
+void TestFactorChoice::sudisIsChosenAlone()
+{
+    offer({{"login"_s, names("sudis")}, {"unlock"_s, names("code smartcard sudis broken")}});
+    choose("unlock", names("smartcard broken"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(daemon.calls(), writes("", "sudis"));
+}
+
+void TestFactorChoice::sudisIsChosenWhereNoneIs()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis")}});
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(daemon.calls(), writes("", "sudis"));
+}
+
+void TestFactorChoice::sudisIsUnchosenBesideOthers()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis smartcard broken")}});
+    choose("unlock", names("code sudis broken"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(daemon.calls(), writes("", "code broken"));
+}
+
+void TestFactorChoice::othersAreChosenBesideSudis()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis")}});
+    choose("unlock", names("sudis"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("code"_s);
+    QCOMPARE(daemon.calls(), writes("", "code sudis"));
+}
+
+void TestFactorChoice::onlySudisHasNoOtherLetters()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code Sudis sudis2")}});
+    choose("unlock", names("code"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("Sudis"_s);
+    QCOMPARE(takeCalls(), writes("", "code Sudis"));
+    client->triggerUnlockFactor("sudis2"_s);
+    QCOMPARE(takeCalls(), writes("", "code Sudis sudis2"));
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(takeCalls(), writes("", "code Sudis sudis2"));
+}
+
+void TestFactorChoice::lastUnlockFactorIsReplacedByAllOthers_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("others");
+    QTest::newRow("first") << "code"_s << QByteArray("smartcard sudis broken");
+    QTest::newRow("second") << "smartcard"_s << QByteArray("code sudis broken");
+    QTest::newRow("the exclusive one") << "sudis"_s << QByteArray("code smartcard broken");
+    QTest::newRow("last") << "broken"_s << QByteArray("code smartcard sudis");
+}
+
+void TestFactorChoice::lastUnlockFactorIsReplacedByAllOthers()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, others);
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code smartcard sudis broken")}});
+    choose("login", names("a"));
+    choose("unlock", {name});
+    disable(names("broken"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor(name);
+    QCOMPARE(daemon.calls(), writes("a", others.constData()));
+}
+
+void TestFactorChoice::lastUnlockFactorWithoutOthersLeavesNone()
+{
+    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a")}});
+    choose("unlock", names("a"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("a"_s);
+    QCOMPARE(daemon.calls(), writes("", ""));
+}
+
+void TestFactorChoice::unknownNameWritesTheChoiceAsItIs_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("unlock");
+    for (const char *unlock : {"", "b", "b c"}) {
+        QTest::addRow("unknown, chosen %s", unlock) << "d"_s << QByteArray(unlock);
+        QTest::addRow("empty, chosen %s", unlock) << QString() << QByteArray(unlock);
+        QTest::addRow("of login, chosen %s", unlock) << "a"_s << QByteArray(unlock);
+        QTest::addRow("other letters, chosen %s", unlock) << "B"_s << QByteArray(unlock);
+        QTest::addRow("sudis, chosen %s", unlock) << "sudis"_s << QByteArray(unlock);
+    }
+}
+
+void TestFactorChoice::unknownNameWritesTheChoiceAsItIs()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, unlock);
+    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b c")}});
+    choose("login", names("x"));
+    choose("unlock", names(unlock.constData()));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor(name);
+    QCOMPARE(daemon.calls(), writes("x", unlock.constData()));
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestFactorChoice::unlockFactorOfferedTwiceIsToggledTwice()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("b c b")}});
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("b"_s);
+    QCOMPARE(takeCalls(), writes("", "b b"));
+    // Namesakes are not others.
+    announceChosen(client.get(), "unlock", names("b"));
+    client->triggerUnlockFactor("b"_s);
+    QCOMPARE(takeCalls(), writes("", "c"));
+}
+
+void TestFactorChoice::lastNamesakeDecides_data()
+{
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+    QTest::addColumn<QByteArray>("expected");
+    const auto row = [](const char *name, const char *before, const char *after, const char *expected) {
+        QTest::newRow(name) << QByteArray(before) << QByteArray(after) << QByteArray(expected);
+    };
+    row("last is not chosen yet", "", "sudis", "sudis");
+    row("last is not chosen yet, another is", "code", "code sudis", "sudis");
+    row("last is still chosen", "sudis", "", "sudis code broken");
+    row("last is still chosen, another is", "code sudis", "code", "sudis code");
+}
+
+// Namesakes differ while they are being marked.
+void TestFactorChoice::lastNamesakeDecides()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    QFETCH(QByteArray, expected);
+    offer({{"login"_s, names("sudis")}, {"unlock"_s, names("sudis sudis code broken")}});
+    choose("unlock", names(before.constData()));
+    const WatchedClient client = clientOf(1000);
+    QStringList calls;
+    connect(client->factors(), &QAbstractItemModel::dataChanged, this, [&] {
+        if (calls.isEmpty()) {
+            client->triggerUnlockFactor("sudis"_s);
+            calls = daemon.calls();
+        }
+    });
+    announceChosen(client.get(), "unlock", names(after.constData()));
+    QCOMPARE(calls, writes("", expected.constData()));
+}
+
+void TestFactorChoice::unlockFactorsNeedNoRow()
+{
+    offer({{"unlock"_s, names("a b c")}});
+    choose("unlock", names("a"));
+    disable(names("a b c"));
+    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("c"_s);
+    QCOMPARE(daemon.calls(), QStringList{write("unlock"_s, names("a c"))});
+}
+
+void TestFactorChoice::unlockFactorsHeedNoMode_data()
+{
+    QTest::addColumn<bool>("several");
+    QTest::newRow("single mode") << false;
+    QTest::newRow("several mode") << true;
+}
+
+void TestFactorChoice::unlockFactorsHeedNoMode()
+{
+    QFETCH(bool, several);
+    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d e")}});
+    choose("login", names("a b"));
+    choose("unlock", names("c d"));
+    disable(names("x"));
+    if (several)
+        allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(client->factors()->rowCount(), 4);
+    client->triggerUnlockFactor("e"_s);
+    QCOMPARE(takeCalls(), writes("a b", "c d e"));
+    client->triggerUnlockFactor("c"_s);
+    QCOMPARE(takeCalls(), writes("a b", "d e"));
+    QCOMPARE(wishes(*client, "a b c d"), "a b d"_s);
+    // No row was asked for.
+    QCOMPARE(log->take(), QStringList());
+}
+
+void TestFactorChoice::loginFactorsAreLeftAloneByUnlockFactors()
+{
+    offer({{"login"_s, names("code sudis broken")}, {"unlock"_s, names("code sudis broken")}});
+    choose("login", names("code broken"));
+    choose("unlock", names("code"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("code"_s);
+    QCOMPARE(takeCalls(), writes("code broken", "sudis broken"));
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(takeCalls(), writes("code broken", "sudis"));
+    QCOMPARE(wishes(*client, "code sudis broken"), "code broken"_s);
+}
+
+void TestFactorChoice::otherServicesAreLeftAloneByUnlockFactors()
+{
+    offer({{"sudo"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}, {"Unlock"_s, names("code sudis")}});
+    choose("sudo", names("code"));
+    choose("Unlock", names("code"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("code"_s);
+    QCOMPARE(takeCalls(),
+             (QStringList{write("Unlock"_s, names("code")), write("sudo"_s, names("code")),
+                          write("unlock"_s, names("code"))}));
+    // Not the only one of these services.
+    announceChosen(client.get(), "unlock", names("code"));
+    client->triggerUnlockFactor("code"_s);
+    QCOMPARE(takeCalls(),
+             (QStringList{write("Unlock"_s, names("code")), write("sudo"_s, names("code")),
+                          write("unlock"_s, names("sudis"))}));
+}
+
+void TestFactorChoice::otherChosenMeansChosenByTheDaemon()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis broken")}});
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerUnlockFactor("code"_s);
+    QCOMPARE(takeCalls(), writes("", "code"));
+    // The wish for another does not count, and stays.
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(takeCalls(), writes("", "code sudis"));
+
+    announceChosen(client.get(), "unlock", names("broken"));
+    client->triggerUnlockFactor("broken"_s);
+    QCOMPARE(takeCalls(), writes("", "code sudis"));
+}
+
+void TestFactorChoice::refusedReplacementIsWrittenWithTheNext()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code smartcard broken")}});
+    choose("unlock", names("code"));
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerUnlockFactor("code"_s);
+    QCOMPARE(takeCalls(), writes("", "smartcard broken"));
+    client->triggerUnlockFactor("smartcard"_s);
+    QCOMPARE(takeCalls(), writes("", "smartcard broken"));
+    client->triggerUnlockFactor("none"_s);
+    QCOMPARE(takeCalls(), writes("", "smartcard broken"));
+    QCOMPARE(client->unlockFactors(), names("code"));
+}
+
+void TestFactorChoice::withoutAnUnlockServiceTheRestIsWritten()
+{
+    offer({{"login"_s, names("a b")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerUnlockFactor("a"_s);
+    QCOMPARE(takeCalls(), QStringList{write("login"_s, names("a"))});
+    client->triggerFactor(1);
+    QCOMPARE(takeCalls(), QStringList{write("login"_s, names("b"))});
+}
+
+void TestFactorChoice::acceptedUnlockFactorIsShownOnceAnnounced()
+{
+    offer({{"login"_s, names("code")}, {"unlock"_s, names("code sudis")}});
+    choose("login", names("code"));
+    choose("unlock", names("code"));
+    const WatchedClient client = authenticatedClient();
+    SignalRecorder heard(client.get());
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(client->unlockFactors(), names("code"));
+    QCOMPARE(heard.list(), QStringList());
+    drain(client.get());
+    QCOMPARE(withoutNotices(heard.list()), (QStringList{"unlockFactorsChanged()"_s, enabledChanged(0)}));
+    QCOMPARE(client->unlockFactors(), names("sudis"));
+    QVERIFY(client->hasEnabledFactor("sudis"_s));
+    client->triggerUnlockFactor("sudis"_s);
+    drain(client.get());
+    QCOMPARE(client->unlockFactors(), names("code"));
+}
+
+void TestFactorChoice::unlockFactorWithoutAUserIsWrittenForUserZero()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("a b")}});
+    const WatchedClient client = clientOf(0);
+    client->triggerUnlockFactor("b"_s);
+    QCOMPARE(daemon.calls(), (QStringList{write("login"_s, {}, 0), write("unlock"_s, names("b"), 0)}));
+}
+
+void TestFactorChoice::toggleInAHandlerStartsFromTheMarksSoFar()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("d")}});
+    choose("login", names("a"));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    QStringList calls;
+    connect(client->factors(), &QAbstractItemModel::dataChanged, this, [&](const QModelIndex &index) {
+        if (index.row() == 1) {
+            client->triggerFactor(0);
+            calls = takeCalls();
+        }
+    });
+    announceChosen(client.get(), "login", names("a b c"));
+    QCOMPARE(calls, writes("b", ""));
+    QCOMPARE(rows(*client), "a chosen, b chosen, c chosen"_s);
+    QCOMPARE(wishes(*client, "a b c"), "b c"_s);
+}
+
+void TestFactorChoice::manyFactorsAreWritten()
+{
+    QStringList many;
+    for (int i = 0; i < 1000; ++i)
+        many.append("f%1"_s.arg(i));
+    offer({{"login"_s, many}, {"unlock"_s, many}});
+    choose("login", many);
+    choose("unlock", many.mid(500, 1));
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    QStringList others = many;
+    others.removeAt(500);
+    client->triggerFactor(500);
+    QCOMPARE(takeCalls(), (QStringList{write("login"_s, others), write("unlock"_s, many.mid(500, 1))}));
+    client->triggerUnlockFactor("f500"_s);
+    QCOMPARE(takeCalls(), (QStringList{write("login"_s, others), write("unlock"_s, others)}));
+    QVERIFY(!client->canTriggerFactor(1000));
+    QCOMPARE(log->take(), QStringList{invalidIndex.arg(1000)});
+}
+
+void TestFactorChoice::sameNameIsWrittenAsOftenAsItIsThere()
+{
+    offer({{"login"_s, names("a a a a a")}, {"unlock"_s, names("a a a")}});
+    choose("login", names("a"));
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(2);
+    QCOMPARE(takeCalls(), writes("a a a a", ""));
+    client->triggerUnlockFactor("a"_s);
+    QCOMPARE(takeCalls(), writes("a a a a", "a a a"));
+}
+
+void TestFactorChoice::oddNamesAreWritten()
+{
+    const QStringList odd{QString(), "a/b"_s, "Ключ"_s, "🔑"_s, "100 %1"_s, " "_s};
+    offer({{"login"_s, odd}, {"unlock"_s, odd}});
+    allowSeveral();
+    const WatchedClient client = clientOf(1000);
+    QStringList wanted;
+    for (int row = 0; row < odd.size(); ++row) {
+        client->triggerFactor(row);
+        client->triggerUnlockFactor(odd.at(row));
+        const QStringList before = wanted;
+        wanted.append(odd.at(row));
+        QCOMPARE(takeCalls(),
+                 (QStringList{write("login"_s, wanted), write("unlock"_s, before), write("login"_s, wanted),
+                              write("unlock"_s, wanted)}));
+        QVERIFY(client->hasChosenFactor(odd.at(row)));
+    }
+}
+
+void TestFactorChoice::oddServicesAreWritten()
+{
+    offer({{QString(), names("a")}, {"a/b"_s, names("b")}, {"login"_s, names("c")}, {"Вход"_s, names("d")}});
+    daemon.arrangeOption("worker/service-factors/a/b", R"(["b"])", 1000);
+    const WatchedClient client = clientOf(1000);
+    client->triggerFactor(0);
+    QCOMPARE(daemon.calls(),
+             (QStringList{write(QString(), {}), write("a/b"_s, names("b")), write("login"_s, names("c")),
+                          write("Вход"_s, {})}));
+}
+
+QTEST_GUILESS_MAIN(TestFactorChoice)
+
+#include "tst_factorchoice.moc"
