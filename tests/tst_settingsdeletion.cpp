@@ -1,4 +1,4 @@
-#include "test-case.h"
+#include "settings-test-case.h"
 
 #include <AuthSettings>
 #include <FactorSettingsBase>
@@ -7,14 +7,12 @@
 #include <QtCore/QPointer>
 
 /** Hosts delete their settings objects whenever they like. */
-class TestSettingsDeletion : public TestCase
+class TestSettingsDeletion : public SettingsTestCase
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<AuthSettingsClient> newClientOf(uint uid);
     void deleteAt(AuthSettingsClient *client, const SignalRecorder *heard, int emission);
-    void announce(uint uid, const QByteArray &key, const QByteArray &value);
     void checkQuiet();
     void awaitTheOneObject();
 
@@ -120,14 +118,6 @@ protected:
 const QByteArray notice = "('code', {'type': <'option-changed'>})";
 } // namespace
 
-std::unique_ptr<AuthSettingsClient> TestSettingsDeletion::newClientOf(uint uid)
-{
-    auto client = newSettingsClient();
-    client->setUid(uid);
-    daemon.clearCalls();
-    return client;
-}
-
 // The recorder, connected before, has the emission already.
 void TestSettingsDeletion::deleteAt(AuthSettingsClient *client, const SignalRecorder *heard, int emission)
 {
@@ -155,11 +145,6 @@ void TestSettingsDeletion::deleteClientLater()
 {
     if (m_client)
         m_client->deleteLater();
-}
-
-void TestSettingsDeletion::announce(uint uid, const QByteArray &key, const QByteArray &value)
-{
-    daemon.emitSignal("UserOptionChanged", "(uint32 " + QByteArray::number(uid) + ", '" + key + "', <" + value + ">)");
 }
 
 // Another client hears what the daemon had to say to the one that is gone.

@@ -1,19 +1,16 @@
-#include "model-watch.h"
-#include "test-case.h"
+#include "settings-test-case.h"
 
 #include <limits>
 
 /** The options of one user: how they are read, written, switched and followed. */
-class TestUserOptions : public TestCase
+class TestUserOptions : public SettingsTestCase
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<AuthSettingsClient> newClientOf(uint uid);
     void offer(const QStringList &services, const QStringList &factors);
     void arrangeUsers();
     QStringList shownOf(uint uid);
-    void announce(uint uid, const QByteArray &key, const QByteArray &value);
 
 private Q_SLOTS:
     void init();
@@ -124,11 +121,6 @@ QByteArray texts(const QStringList &list)
     if (list.isEmpty())
         return "@as []";
     return ("['"_s + list.join("', '"_s) + "']"_s).toUtf8();
-}
-
-QByteArray json(const QStringList &list)
-{
-    return list.isEmpty() ? QByteArray("[]") : ("[\""_s + list.join("\",\""_s) + "\"]"_s).toUtf8();
 }
 
 QString batchCall(uint uid, const QStringList &keys = batchKeys)
@@ -298,14 +290,6 @@ private:
 FunctionRecorder *FunctionRecorder::instance = nullptr;
 } // namespace
 
-std::unique_ptr<AuthSettingsClient> TestUserOptions::newClientOf(uint uid)
-{
-    auto client = newSettingsClient();
-    client->setUid(uid);
-    daemon.clearCalls();
-    return client;
-}
-
 // Every service offers these factors.
 void TestUserOptions::offer(const QStringList &services, const QStringList &factors)
 {
@@ -338,11 +322,6 @@ QStringList TestUserOptions::shownOf(uint uid)
     AuthSettingsClient client(nullptr);
     client.setUid(uid);
     return shown(&client);
-}
-
-void TestUserOptions::announce(uint uid, const QByteArray &key, const QByteArray &value)
-{
-    daemon.emitSignal("UserOptionChanged", "(uint32 " + QByteArray::number(uid) + ", '" + key + "', <" + value + ">)");
 }
 
 void TestUserOptions::init()

@@ -54,10 +54,14 @@ void SettingsTestCase::authenticate(AuthSettingsClient *client)
     LogRecorder::forbid(client->token());
 }
 
+void SettingsTestCase::announce(uint uid, const QByteArray &key, const QByteArray &value)
+{
+    daemon.emitSignal("UserOptionChanged", "(uint32 " + QByteArray::number(uid) + ", '" + key + "', <" + value + ">)");
+}
+
 void SettingsTestCase::announce(AuthSettingsClient *client, const QByteArray &key, const QByteArray &value)
 {
-    daemon.emitSignal("UserOptionChanged",
-                      "(uint32 " + QByteArray::number(client->uid()) + ", '" + key + "', <" + value + ">)");
+    announce(client->uid(), key, value);
     drain(client);
 }
 

@@ -52,6 +52,8 @@ protected:
     /** Makes @p client hold a token with which the daemon lets it write. */
     void authenticate(AuthSettingsClient *client);
 
+    /** Tells all clients that an option of user @p uid has got @p value. */
+    void announce(uint uid, const QByteArray &key, const QByteArray &value);
     /** Tells @p client that an option of its user has got @p value, and waits until it has heard that. */
     void announce(AuthSettingsClient *client, const QByteArray &key, const QByteArray &value);
     void announceChosen(AuthSettingsClient *client, const char *service, const QStringList &names);
