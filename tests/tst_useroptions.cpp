@@ -54,6 +54,7 @@ private Q_SLOTS:
     void laterSelectionEndsTheFirst_data();
     void laterSelectionEndsTheFirst();
     void laterSelectionSavesTheReadsOfTheFirst();
+    void laterSelectionOfTheSameUserEndsTheFirst();
     void selectionInsideAnAnnouncementWins_data();
     void selectionInsideAnAnnouncementWins();
     void selectionBackAndForthShowsTheLast();
@@ -874,6 +875,22 @@ void TestUserOptions::laterSelectionEndsTheFirst()
     QCOMPARE(heard.take().count("uidChanged()"_s), 2);
     drain(client.get());
     QCOMPARE(shown(client.get()), expected);
+}
+
+void TestUserOptions::laterSelectionOfTheSameUserEndsTheFirst()
+{
+    const auto client = newClientOf(1000);
+    once(client.get(), "isMultiFactorableChanged", [&] {
+        client->setUid(1000);
+        // The first selection has read the former value.
+        daemon.arrangeOption("worker/is-user-settable", "true", 1001);
+        client->setUid(1001);
+    });
+    SignalRecorder heard(client.get());
+    client->setUid(1001);
+    QCOMPARE(heard.take().count("uidChanged()"_s), 3);
+    QCOMPARE(client->uid(), 1001U);
+    QVERIFY(client->isUserSettable());
 }
 
 void TestUserOptions::laterSelectionSavesTheReadsOfTheFirst()
