@@ -75,9 +75,6 @@ public:
 private:
     AuthSettingsClient *publicObject() const;
 
-    /** How often a user has been selected. */
-    int m_selections = 0;
-
     void getAvailableServiceFactors();
     void getPublicFactors();
     void updateChosenFactors();
@@ -88,6 +85,9 @@ private:
 
     template <typename Function> void forEachUnlockFactor(Function function);
     void saveFactorsInternal();
+
+    /** How often a user has been selected. */
+    int m_selections = 0;
 
 private Q_SLOTS:
     void handleOptionChanged(QString key, QDBusVariant value);
