@@ -3,6 +3,7 @@
 #include "authd/options.h"
 
 #include <QtCore/QDebug>
+#include <QtCore/QReadWriteLock>
 #include <QtDBus/QDBusArgument>
 #include <QtDBus/QDBusError>
 #include <QtDBus/QDBusMetaType>
@@ -266,6 +267,22 @@ PendingCallWatcher::PendingCallWatcher(const QDBusConnection &bus, const QDBusPe
 {
     enlist();
 }
+
+namespace {
+
+// The toolkit keeps the state of contended locks in a list that it makes at the first contention. Static objects go in the
+// reverse order of their making: a list that is younger than the toolkit's D-Bus thread goes before that thread, which
+// then waits for ever when it is inside such a lock, and the end of the process for it. Made when the library is loaded,
+// the list outlives the thread, unless the host has used D-Bus before.
+const bool lockListIsMade = [] {
+    QReadWriteLock lock;
+    lock.lockForWrite();
+    const bool isGranted = lock.tryLockForRead(1);
+    lock.unlock();
+    return !isGranted;
+}();
+
+} // namespace
 
 AuthdConnection::AuthdConnection(QObject *parent, const QString &connectionName)
     : QObject(parent)
