@@ -205,6 +205,20 @@ played '{}' 'StateChanged.2,.' '"$C" "GetState ()" "<StateChanged>" & ctl "{\"do
 played "$lockout" '^.1,.$' 'fails broken >&-; fails broken >&-; fails broken >&-; "$C" "GetState ()"'
 played "$lockout" 'Authenticated' 'try 1234 slow "<Authenticated>"'
 played '{}' '^.false,.$' '"$C" "RequestChallenge ()" "Authenticate (\"login\", {\"factor\": <\"code\">, \"data\": <\"1234\">, \"challenge\": <@ay [1, 2]>})"'
+# The user's id is a whole number of any type.
+for uid in 'uint32 1001' 1001 'int64 1001' 'uint64 1001' 'int16 1001' 'uint16 1001' 1001.0; do
+    played '{}' '^.true,. Authenticated $' \
+        "uid='$uid'"'; "$C" "RequestChallenge ()" "Authenticate (\"login\", {\"factor\": <\"code\">, \"uid\": <$uid>,
+            \"data\": <\"9876\">, \"challenge\": <@ay %challenge>})" "<Authenticated>" | tr "\n" " "'
+done
+for uid in -1 -1.0 1001.5 '@d nan' 1e300 'int64 4294968297' 'uint64 18446744073709551615' \"1001\" '[1001]' true; do
+    played '{}' '^.false,. $' \
+        "uid='$uid'"'; "$C" "RequestChallenge ()" "Authenticate (\"login\", {\"factor\": <\"code\">, \"uid\": <$uid>,
+            \"data\": <\"9876\">, \"challenge\": <@ay %challenge>})" | tr "\n" " "'
+done
+played '{"users": [{"uid": 7, "secrets": {"code": "1"}}]}' '^.true,. Authenticated $' \
+    '"$C" "RequestChallenge ()" "Authenticate (\"login\", {\"factor\": <\"code\">, \"uid\": <byte 7>,
+        \"data\": <\"1\">, \"challenge\": <@ay %challenge>})" "<Authenticated>" | tr "\n" " "'
 played '{}' 'Authenticated .true,. .true,. .false,. $' \
     'try 1234 code "<Authenticated>" "SetDevlockState (@ay %token, 0)" "SetDevlockState (@ay %token, 1)" "SetDevlockState (@ay %token, 0)" | tr "\n" " "'
 played '{}' 'InvalidState.*AccessDenied' '"$C" "SetState (6,)" "SetState (0,)"'

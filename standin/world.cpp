@@ -1,6 +1,8 @@
 #include "world.h"
 
 #include <algorithm>
+#include <cmath>
+#include <optional>
 #include <stdexcept>
 
 namespace {
@@ -99,6 +101,44 @@ Variant memberOf(GVariant *params, const char *name, const GVariantType *type)
                            + std::string(g_variant_type_peek_string(type), g_variant_type_get_string_length(type))
                         : ""));
     return Variant(value, g_variant_unref);
+}
+
+/** A user id in any of the bus' types for numbers: a client in JavaScript cannot choose one. */
+std::optional<uint32_t> userIdOf(GVariant *value)
+{
+    double number = -1;
+    switch (g_variant_classify(value)) {
+    case G_VARIANT_CLASS_BYTE:
+        number = g_variant_get_byte(value);
+        break;
+    case G_VARIANT_CLASS_INT16:
+        number = g_variant_get_int16(value);
+        break;
+    case G_VARIANT_CLASS_UINT16:
+        number = g_variant_get_uint16(value);
+        break;
+    case G_VARIANT_CLASS_INT32:
+        number = g_variant_get_int32(value);
+        break;
+    case G_VARIANT_CLASS_UINT32:
+        number = g_variant_get_uint32(value);
+        break;
+    case G_VARIANT_CLASS_INT64:
+        number = static_cast<double>(g_variant_get_int64(value));
+        break;
+    case G_VARIANT_CLASS_UINT64:
+        number = static_cast<double>(g_variant_get_uint64(value));
+        break;
+    case G_VARIANT_CLASS_DOUBLE:
+        number = g_variant_get_double(value);
+        break;
+    default:
+        break;
+    }
+    // Not a number is not in the range either.
+    if (!(number >= 0 && number <= UINT32_MAX) || number != std::floor(number))
+        return std::nullopt;
+    return static_cast<uint32_t>(number);
 }
 
 uint32_t uidIn(GVariant *params)
@@ -463,9 +503,10 @@ bool World::findSubject(const char *factor, GVariant *params, uint32_t &uid) con
     uid = m_scenario.defaultUser;
     g_autoptr(GVariant) given = g_variant_lookup_value(params, "uid", nullptr);
     if (given) {
-        if (!g_variant_is_of_type(given, G_VARIANT_TYPE_UINT32))
+        const std::optional<uint32_t> number = userIdOf(given);
+        if (!number)
             return false;
-        uid = g_variant_get_uint32(given);
+        uid = *number;
     }
     return m_scenario.factors.count(factor) && m_scenario.users.count(uid);
 }
