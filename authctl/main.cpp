@@ -1,4 +1,5 @@
 #include "console.h"
+#include "doctor.h"
 #include "secret-input.h"
 #include "warnings.h"
 
@@ -44,6 +45,8 @@ int main(int argc, char *argv[])
 
     const bool watch = request->command == QLatin1String("watch");
     endOnSignals(watch ? Done : Interrupted);
+    if (request->command == QLatin1String("doctor"))
+        return examine(output, request->json);
     Console console(output);
     if (watch) {
         const int status = console.follow(*request);

@@ -29,6 +29,7 @@ Commands:
   watch [--user UID]                print everything the daemon tells until interrupted; with --user also what becomes
                                     of that user's settings
   session                           read commands from standard input, one a line, and keep the tokens between them
+  doctor                            tell what would end, hold up or deceive a screen on this machine, and what to do
 
 Settings (those marked * want --factor, or in a session --token):
   options get KEY                   print a global option of the daemon
@@ -69,11 +70,11 @@ Values: KEY=VALUE is a string; KEY:TYPE=VALUE has one of the D-Bus types b y n q
 digits), as (words separated by commas) or json (any JSON value without null; an object becomes a map).
 
 Exit status:
-  0  done; watch: interrupted; session: all read, and the last command was done
-  1  the daemon cannot be reached
+  0  done; watch: interrupted; session: all read, and the last command was done; doctor: nothing is wrong
+  1  the daemon cannot be reached; doctor: a screen would end with this status
   2  wrong usage
-  3  refused by the daemon, not authenticated, or not possible
-  4  no outcome in time
+  3  refused by the daemon, not authenticated, or not possible; doctor: a screen could be deceived or miss something
+  4  no outcome in time; doctor: a screen would freeze
   5  interrupted
   6  the output cannot be written
 A session ends with the status of its last command.)";
@@ -107,6 +108,7 @@ const Command Commands[] = {
     {"factor-method", 2, 1000, MayAuthenticate},
     {"watch", 0, 0, NotInSession | TakesUser},
     {"session", 0, 0, NotInSession},
+    {"doctor", 0, 0, NotInSession},
     {"drop", 0, 0, SessionOnly},
     {"quit", 0, 0, SessionOnly},
     {"options get", 1, 1, 0},

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <QtCore/QByteArray>
+#include <QtCore/QDeadlineTimer>
+#include <QtCore/QString>
+
+#include <sys/socket.h>
+
+/** What may come of a step of a conversation. */
+enum class Outcome {
+    Fine,
+    Unreachable, ///< BusLink::systemError() says why.
+    Full,        ///< Those that wait to be accepted are too many already.
+    Mute,
+    Closed,
+    Rejected,
+    Garbage,
+    ErrorReply,
+};
+
+/** A call, or a signal; it has one argument, a string, or none. */
+struct BusMessage
+{
+    QString destination; ///< empty on a daemon's own socket
+    QString path;
+    QString interface;
+    QString member;
+    QString argument = {}; ///< null: none
+};
+
+/** What was answered to a call. */
+struct BusReply
+{
+    QString text;       ///< the argument, if it is a string; the strings, a line each, if it is a list of them
+    quint32 number = 0; ///< the argument, if it is of type u
+    QString errorName;
+};
+
+/**
+ * A conversation with a bus, or with a daemon on its own socket, that keeps its deadlines whatever the other side does
+ * and believes nothing that it says about lengths.
+ *
+ * The toolkit's connections wait for 25 seconds, in places for ever, so they are of no use for a search after faults.
+ */
+class BusLink
+{
+public:
+    BusLink() = default;
+    ~BusLink();
+    Q_DISABLE_COPY(BusLink)
+
+    /** Connects to a socket; a name that begins with a zero byte is an abstract one. */
+    Outcome connectTo(const QByteArray &name, const QDeadlineTimer &deadline);
+    /** Shakes hands, with the mechanism EXTERNAL. */
+    Outcome authenticate(const QDeadlineTimer &deadline);
+    /** Calls a method, but starts no daemon with it. */
+    Outcome call(const BusMessage &message, BusReply &reply, const QDeadlineTimer &deadline);
+    Outcome sendSignal(const BusMessage &message, const QDeadlineTimer &deadline);
+
+    /** Makes call() look out for a signal that comes while it waits. */
+    void expectSignalFrom(const QString &sender);
+    bool hasSeenSignal() const;
+
+    int systemError() const;
+    /** What the other side said that was wrong. */
+    QString words() const;
+    /** The process that listens on the socket. */
+    ucred listener() const;
+
+private:
+    struct Header;
+
+    Outcome send(QByteArray data, const QDeadlineTimer &deadline);
+    Outcome receive(const QDeadlineTimer &deadline);
+    Outcome receiveMessage(Header &header, QByteArray &body, const QDeadlineTimer &deadline);
+    Outcome garbage(const QString &words);
+    QByteArray marshal(uchar type, uchar flags, const BusMessage &message);
+
+    int m_socket = -1;
+    int m_error = 0;
+    uid_t m_user = 0;
+    quint32 m_serial = 0;
+    QByteArray m_received;
+    QString m_words;
+    QString m_expectedSender;
+    bool m_signalSeen = false;
+};
