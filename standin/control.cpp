@@ -118,6 +118,7 @@ void Control::request(Client &client, const std::string &line)
         {"set-option", &Control::setOption},
         {"remove-option", &Control::removeOption},
         {"reset-options", &Control::resetOptions},
+        {"reset-secrets", &Control::resetSecrets},
         {"stop", &Control::stop},
         {"start", &Control::start},
         {"restart", &Control::restart},
@@ -382,6 +383,12 @@ void Control::resetOptions(JsonMembers &members, JsonObject *)
 {
     members.done();
     m_service.world().options().reset();
+}
+
+void Control::resetSecrets(JsonMembers &members, JsonObject *)
+{
+    members.done();
+    m_service.world().resetSecrets();
 }
 
 void Control::stop(JsonMembers &members, JsonObject *)

@@ -67,6 +67,7 @@ private:
     void setOption(JsonMembers &members, JsonObject *answer);
     void removeOption(JsonMembers &members, JsonObject *answer);
     void resetOptions(JsonMembers &members, JsonObject *answer);
+    void resetSecrets(JsonMembers &members, JsonObject *answer);
     void stop(JsonMembers &members, JsonObject *answer);
     void start(JsonMembers &members, JsonObject *answer);
     void restart(JsonMembers &members, JsonObject *answer);

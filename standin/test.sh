@@ -380,7 +380,7 @@ asked '^.ok:false,error:value: missing. .ok:false,error:value: expected true, .*
 'expected one D-Bus type.*error:announce: expected true.*error:there is no option \\x\\. .*error:uid: missing. .*error:x: unknown member. $' \
     '{"do":"set-option","key":"x"}' '{"do":"set-option","key":"x","value":7}' '{"do":"set-option","key":"x","value":[1]}' \
     '{"do":"set-option","key":"x","value":{"type":"mi","value":"nothing"}}' '{"do":"set-option","key":"x","value":true,"announce":1}' \
-    '{"do":"remove-option","key":"x"}' '{"do":"options","factor":"code"}' '{"do":"reset-options","x":1}'
+    '{"do":"remove-option","key":"x"}' '{"do":"options","factor":"code"}' '{"do":"reset-options","x":1}' '{"do":"reset-secrets","x":1}'
 asked '^(.ok:true. ){4}.options:.keypad:digits,new:@a.uv. ...,ok:true. .options:.*,later:true,.*$' \
     '{"do":"set-option","uid":1000,"factor":"code","name":"new","value":{"type":"a{uv}","value":"{}"}}' \
     '{"do":"remove-option","uid":1000,"factor":"code","name":"length"}' \
@@ -419,6 +419,11 @@ untold() # REQUEST: nobody is told before what comes next
 untold '{"do":"set-option","uid":1000,"key":"worker/show-last-login","value":false,"announce":false}'
 untold '{"do":"remove-option","uid":1000,"key":"worker/show-last-login"}'
 untold '{"do":"reset-options"}'
+change='"$C" "RequestChallenge ()" "ChangeAuthData (\"code\", {\"old\": <\"1234\">, \"new\": <\"5678\">, \"challenge\": <@ay %challenge>})" "<AuthDataChanged>" >&-;'
+played '{}' '^.true,. AuthenticationFailed.. $' "$change"'try 1234 code "<AuthenticationFailed>" | tr "\n" " "'
+played '{}' '^.true,. Authenticated $' "$change"'ctl "{\"do\":\"reset-secrets\"}" >&-; try 1234 code "<Authenticated>" | tr "\n" " "'
+played "$lockout" '^.1,.$' 'fails code >&-; ctl "{\"do\":\"reset-secrets\"}" >&-; fails code >&-; "$C" "GetState ()"'
+played "$lockout" '^.3,.$' 'fails code >&-; ctl "{\"do\":\"restart\"}" >&-; fails code "<StateChanged>" >&-; "$C" "GetState ()"'
 played '{}' '^.ok:true. .ok:true. .ok:true. \(<b>,\) $' 'ctl "{\"do\":\"stop\"}" "{\"do\":\"set-option\",\"key\":\"a\",\"value\":\"b\"}" \
     "{\"do\":\"start\"}" | flat; "$C" "GetOption (\"a\",)" | flat'
 

@@ -182,6 +182,7 @@ void announce(const OptionOwner &owner, const std::string &name, const Variant &
 
 World::World(const Scenario &scenario, std::function<void(const Signals &)> announce)
     : m_scenario(scenario)
+    , m_users(scenario.users)
     , m_announce(std::move(announce))
     , m_options(scenario)
 {
@@ -244,6 +245,12 @@ void World::forgetInstance(int instance)
 void World::forgetPeer(int peer)
 {
     m_challenges.erase(peer);
+}
+
+void World::resetSecrets()
+{
+    m_users = m_scenario.users;
+    m_failures = 0;
 }
 
 void World::announceOption(const OptionOwner &owner, const std::string &name)
@@ -486,7 +493,7 @@ Signals World::finishChangeAuthData(const Scenario::Factor &factor, uint32_t uid
 {
     if (factor.behaviour == Scenario::Factor::AlwaysFails || newSecret.empty() || !isSecret(factor, uid, oldSecret))
         return {{Signal::Caller, "ChangeAuthDataFailed", nothing()}};
-    m_scenario.users.at(uid).secrets[factor.secretOf] = newSecret;
+    m_users.at(uid).secrets[factor.secretOf] = newSecret;
     return {{Signal::Caller, "AuthDataChanged", nothing()}};
 }
 
@@ -513,7 +520,7 @@ bool World::findSubject(const char *factor, GVariant *params, uint32_t &uid) con
 
 bool World::isSecret(const Scenario::Factor &factor, uint32_t uid, const std::string &secret) const
 {
-    const auto &secrets = m_scenario.users.at(uid).secrets;
+    const auto &secrets = m_users.at(uid).secrets;
     const auto present = secrets.find(factor.secretOf);
     return present != secrets.end() && present->second == secret;
 }

@@ -66,6 +66,8 @@ public:
     int tokenCount(int instance) const;
     void forgetInstance(int instance);
     void forgetPeer(int peer);
+    /** All secrets are what they were at the start, and no wrong one has been counted. */
+    void resetSecrets();
 
     OptionStore &options()
     {
@@ -122,7 +124,8 @@ private:
     void wantUser(uint32_t uid) const;
     void wantToken(const Caller &caller, const std::string &token, uint32_t uid) const;
 
-    Scenario m_scenario;
+    const Scenario m_scenario;
+    std::map<uint32_t, Scenario::User> m_users; ///< their secrets change
     std::function<void(const Signals &)> m_announce;
     int m_lockState;
     int64_t m_failures = 0;
