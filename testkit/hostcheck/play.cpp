@@ -1,0 +1,449 @@
+#include "play.h"
+
+#include <QtCore/QJsonArray>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <iterator>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Within these times a claim has to be taken back, and a host has to end.
+const int Grace = 5000;
+const int Quiet = 1000;
+const int EntryPause = 2000;
+const int Tick = 20;
+
+enum LockState {
+    Unlocked = 0,
+    Locked = 1,
+};
+
+[[noreturn]] void find(const QString &what)
+{
+    throw Outcome{Outcome::Failed, what};
+}
+
+QString seconds(int milliseconds)
+{
+    return QStringLiteral("%1 s").arg(milliseconds / 1000);
+}
+
+QString endText(int status)
+{
+    if (WIFEXITED(status))
+        return QStringLiteral("ended with status %1").arg(WEXITSTATUS(status));
+    const int signal = WTERMSIG(status);
+    return QStringLiteral("was ended by signal %1 (%2)").arg(signal).arg(QString::fromLocal8Bit(strsignal(signal)));
+}
+
+/** Returns the process id, once the command has begun. */
+pid_t spawn(const QList<QByteArray> &command, int probe)
+{
+    std::vector<char *> argv;
+    for (const QByteArray &word : command)
+        argv.push_back(const_cast<char *>(word.constData()));
+    argv.push_back(nullptr);
+    qputenv("AUTHD_HOSTCHECK_FD", QByteArray::number(probe));
+    int failure[2];
+    if (pipe2(failure, O_CLOEXEC) != 0)
+        throw Outcome{Outcome::NotMade, QStringLiteral("no pipe: ") + QString::fromLocal8Bit(strerror(errno))};
+    const pid_t pid = fork();
+    if (pid == 0) {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        fcntl(probe, F_SETFD, 0);
+        dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+        // Standard output is the outcome's.
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        execvp(argv[0], argv.data());
+        const int error = errno;
+        const ssize_t written = write(failure[1], &error, sizeof error);
+        _exit(written > 0 ? 127 : 126);
+    }
+    close(failure[1]);
+    int error = pid < 0 ? errno : 0;
+    if (pid > 0 && read(failure[0], &error, sizeof error) <= 0)
+        error = 0;
+    close(failure[0]);
+    if (error) {
+        throw Outcome{Outcome::NotMade,
+                      QStringLiteral("the host cannot be started: ") + QString::fromLocal8Bit(strerror(error))};
+    }
+    return pid;
+}
+
+} // namespace
+
+Play::Play(const QList<QByteArray> &host, const QByteArray &code, const Patience &patience)
+    : m_host(host)
+    , m_code(code)
+    , m_patience(patience)
+{
+    m_clock.start();
+    // What the host leaves behind comes here.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    sigset_t children;
+    sigemptyset(&children);
+    sigaddset(&children, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &children, nullptr);
+    m_signals = signalfd(-1, &children, SFD_CLOEXEC | SFD_NONBLOCK);
+    observe();
+}
+
+Play::~Play()
+{
+    close(m_signals);
+    if (m_probe >= 0)
+        close(m_probe);
+}
+
+void Play::say(const QByteArray &text)
+{
+    fprintf(stderr, "[%7.3f] %s\n", double(m_clock.elapsed()) / 1000, text.constData());
+}
+
+QJsonObject Play::daemon(const QByteArray &json)
+{
+    observe();
+    say("daemon: " + json);
+    const QJsonObject answer = m_daemon.request(json);
+    observe();
+    return answer;
+}
+
+void Play::misbehave(const QByteArray &method, const QByteArray &how, const QByteArray &more)
+{
+    daemon(R"({"do":"misbehave","method":")" + method + R"(","how":")" + how + '"' + (more.isEmpty() ? "" : ",") + more
+           + '}');
+}
+
+void Play::answer(const QByteArray &method, const QByteArray &value)
+{
+    misbehave(method, "reply", "\"value\":" + quoted(value));
+}
+
+void Play::emitSignal(const QByteArray &name, const QByteArray &args, const QByteArray &more)
+{
+    daemon(R"({"do":"emit","signal":")" + name + R"(","args":)" + quoted(args) + (more.isEmpty() ? "" : ",") + more
+           + '}');
+}
+
+void Play::setLock(int state)
+{
+    daemon(R"({"do":"set-lock","state":)" + QByteArray::number(state) + '}');
+}
+
+void Play::killBus()
+{
+    say("the system bus is killed");
+    kill(qEnvironmentVariableIntValue("AUTHD_WORLD_BUS_PID"), SIGKILL);
+    if (!until([this] { return !m_hasOwner; }, Grace))
+        throw Outcome{Outcome::NotMade, QStringLiteral("the system bus does not die")};
+}
+
+void Play::mayEnd(std::function<bool()> where)
+{
+    m_mayEnd = std::move(where);
+}
+
+void Play::start()
+{
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        throw Outcome{Outcome::NotMade, QStringLiteral("no socket: ") + QString::fromLocal8Bit(strerror(errno))};
+    m_probe = ends[0];
+    m_pid = spawn(m_host, ends[1]);
+    close(ends[1]);
+    say("the host is started");
+    await([this] { return m_isUp; }, m_patience.up,
+          QStringLiteral("told no claim within %1 of its start").arg(seconds(m_patience.up)));
+    m_peersAtStart = m_peers;
+}
+
+void Play::enter(const QByteArray &code)
+{
+    say("enter " + code);
+    const QByteArray line = "enter " + code + '\n';
+    // That the host has ended is seen elsewhere.
+    const ssize_t sent = send(m_probe, line.constData(), size_t(line.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0 && sent != line.size())
+        find(QStringLiteral("did not read from the probe"));
+}
+
+QByteArray Play::wrongCode() const
+{
+    QByteArray code = m_code;
+    code[code.size() - 1] = code.endsWith('0') ? '1' : '0';
+    return code;
+}
+
+bool Play::enterUntil(const QByteArray &code, const std::function<bool()> &condition)
+{
+    return enterUntil(code, condition, m_patience.entry);
+}
+
+bool Play::enterUntil(const QByteArray &code, const std::function<bool()> &condition, int pause)
+{
+    const qint64 begin = m_clock.elapsed();
+    for (int entries = 1; m_clock.elapsed() - begin < m_patience.code; ++entries) {
+        enter(code);
+        if (until(condition, pause)) {
+            m_mostEntries = qMax(m_mostEntries, entries);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool Play::wasCalled(const QByteArray &method, int nth)
+{
+    return m_daemon.callCount(method) >= nth;
+}
+
+void Play::reach(const QByteArray &method, int nth)
+{
+    const auto reached = [&] { return wasCalled(method, nth); };
+    // What will hold the host up has not come yet.
+    if (!reached()
+        && !enterUntil(
+            m_code, [&] { return reached() || isUnlocked(); }, EntryPause))
+        find(QStringLiteral("the right code had no effect within %1").arg(seconds(m_patience.code)));
+    if (!reached())
+        throw Outcome{Outcome::NotReached, QStringLiteral("the host made no such call")};
+}
+
+bool Play::isUnlocked() const
+{
+    return m_claimsUnlocked && isDaemonUnlocked();
+}
+
+void Play::awaitLocked()
+{
+    // It is checkClaim() that loses its patience.
+    until([this] { return !m_claimsUnlocked; }, 2 * Grace);
+}
+
+void Play::quiet()
+{
+    until([] { return false; }, Quiet);
+    m_seen = m_truth.size() - 1;
+}
+
+void Play::unlock()
+{
+    if (!enterUntil(m_code, [this] { return isUnlocked(); }))
+        failToUnlock();
+}
+
+void Play::failToUnlock()
+{
+    find(isDaemonUnlocked()
+             ? QStringLiteral("did not tell within %1 that the right code had unlocked").arg(seconds(m_patience.code))
+             : QStringLiteral("the right code did not unlock within %1").arg(seconds(m_patience.code)));
+}
+
+void Play::lock()
+{
+    setLock(Locked);
+    awaitLocked();
+}
+
+void Play::usable()
+{
+    daemon(R"({"do":"behave"})");
+    daemon(R"({"do":"release"})");
+    awaitConnections();
+    lock();
+    // Until the code is on its way the daemon is Locked: what the host has left to say before is judged by that.
+    misbehave("Authenticate", "hold");
+    const int calls = m_daemon.callCount("Authenticate");
+    if (!enterUntil(m_code, [&] { return wasCalled("Authenticate", calls + 1); }))
+        failToUnlock();
+    until([] { return true; }, 0);
+    daemon(R"({"do":"behave"})");
+    daemon(R"({"do":"release"})");
+    if (!until([this] { return isUnlocked(); }, EntryPause))
+        unlock();
+}
+
+Outcome Play::finish()
+{
+    m_isEnding = true;
+    say("the host is asked to end");
+    kill(m_pid, SIGTERM);
+    await([this] { return m_hasEnded; }, Grace, QStringLiteral("did not end within %1 of SIGTERM").arg(seconds(Grace)));
+    const bool asAsked = WIFSIGNALED(m_status) ? WTERMSIG(m_status) == SIGTERM
+                                               : WEXITSTATUS(m_status) == 0 || WEXITSTATUS(m_status) == 128 + SIGTERM;
+    if (!asAsked)
+        find(endText(m_status) + QStringLiteral(" when asked to end"));
+    awaitNoChildren();
+    QString text = QStringLiteral("stayed up");
+    if (m_mostEntries > 1)
+        text += QStringLiteral("; a code had to be entered %1 times").arg(m_mostEntries);
+    return {Outcome::Passed, text};
+}
+
+Outcome Play::judgeEnd(const HostEnded &end)
+{
+    m_isEnding = true;
+    observe();
+    if (m_claimsUnlocked && !isDaemonUnlocked())
+        find(endText(end.status) + QStringLiteral(" while it claimed to be unlocked and the daemon was ")
+             + daemonState());
+    if (!WIFEXITED(end.status) || WEXITSTATUS(end.status) != 1 || !m_mayEnd())
+        find(endText(end.status) + (m_isUp ? QString() : QStringLiteral(" before it was up")));
+    awaitNoChildren();
+    return {Outcome::Passed, endText(end.status)};
+}
+
+void Play::observe()
+{
+    const QJsonObject state = m_daemon.request(R"({"do":"state"})");
+    m_lockState = state.value(QLatin1String("lock-state")).toInt();
+    m_hasOwner = !state.value(QLatin1String("owner")).toString().isEmpty();
+    m_peers = state.value(QLatin1String("peers")).toArray().size();
+    const bool isUnlocked = m_hasOwner && m_lockState == Unlocked;
+    if (m_truth.isEmpty() || isUnlocked != m_truth.last().isUnlocked)
+        m_truth.append({isUnlocked, m_clock.elapsed()});
+}
+
+QString Play::daemonState() const
+{
+    static const char *const names[] = {"Unlocked",  "Locked",    "in ManagerLockout", "in CodeEntryLockout",
+                                        "Undefined", "SecurityUi"};
+    if (!m_hasOwner)
+        return QStringLiteral("away");
+    if (m_lockState >= 0 && m_lockState < int(std::size(names)))
+        return QLatin1String(names[m_lockState]);
+    return QStringLiteral("in state %1").arg(m_lockState);
+}
+
+void Play::await(const std::function<bool()> &condition, int milliseconds, const QString &finding)
+{
+    if (!until(condition, milliseconds))
+        find(finding);
+}
+
+bool Play::until(const std::function<bool()> &condition, qint64 milliseconds)
+{
+    const qint64 end = m_clock.elapsed() + milliseconds;
+    for (;;) {
+        turn(Tick);
+        observe();
+        checkClaim();
+        if (condition())
+            return true;
+        if (m_clock.elapsed() >= end)
+            return false;
+    }
+}
+
+void Play::turn(int milliseconds)
+{
+    pollfd sources[] = {{m_probe, POLLIN, 0}, {m_signals, POLLIN, 0}, {STDIN_FILENO, 0, 0}};
+    poll(sources, std::size(sources), milliseconds);
+    // The other end is the check outside of this world.
+    if (sources[2].revents & (POLLHUP | POLLERR))
+        throw Outcome{Outcome::NotMade, QStringLiteral("the check was broken off")};
+    // Before what is read: a host has said everything when it has ended.
+    if (sources[1].revents)
+        reap();
+    if (m_probe >= 0)
+        readHost();
+    if (m_hasEnded && !m_isEnding)
+        throw HostEnded{m_status};
+}
+
+void Play::reap()
+{
+    signalfd_siginfo ignored;
+    while (read(m_signals, &ignored, sizeof ignored) > 0) { }
+    int status = 0;
+    for (pid_t pid = waitpid(-1, &status, WNOHANG); pid > 0; pid = waitpid(-1, &status, WNOHANG)) {
+        if (pid != m_pid)
+            continue;
+        m_hasEnded = true;
+        m_status = status;
+        say("the host " + endText(status).toLocal8Bit());
+    }
+}
+
+void Play::readHost()
+{
+    for (;;) {
+        char buffer[4096];
+        const ssize_t count = recv(m_probe, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (count < 0)
+            break;
+        if (count == 0) {
+            close(m_probe);
+            m_probe = -1;
+            break;
+        }
+        m_input.append(buffer, int(count));
+    }
+    for (int end = m_input.indexOf('\n'); end >= 0; end = m_input.indexOf('\n')) {
+        const QByteArray line = m_input.left(end);
+        m_input.remove(0, end + 1);
+        say("host: " + line);
+        hear(line);
+    }
+}
+
+void Play::hear(const QByteArray &line)
+{
+    observe();
+    m_isUp = true;
+    if (line == "locked") {
+        m_claimsUnlocked = false;
+        if (m_truth.at(m_seen).isUnlocked && m_seen + 1 < m_truth.size())
+            ++m_seen;
+        return;
+    }
+    if (line != "unlocked")
+        find(QStringLiteral("told neither locked nor unlocked, but \"%1\"").arg(QString::fromUtf8(line)));
+    m_claimsUnlocked = true;
+    // The host may be late. It speaks of the first time that the daemon was Unlocked, of those that it has not yet left
+    // behind and that have not ended too long ago.
+    for (int i = m_seen; i < m_truth.size(); ++i) {
+        const bool isOver = i + 1 < m_truth.size();
+        if (m_truth.at(i).isUnlocked && (!isOver || m_clock.elapsed() - m_truth.at(i + 1).since <= Grace)) {
+            m_seen = i;
+            return;
+        }
+    }
+    find(QStringLiteral("claimed to be unlocked while the daemon was ") + daemonState());
+}
+
+void Play::checkClaim()
+{
+    if (m_claimsUnlocked && !isDaemonUnlocked() && m_clock.elapsed() - m_truth.last().since > Grace) {
+        find(QStringLiteral("still claimed to be unlocked after the daemon had been %1 for %2")
+                 .arg(daemonState(), seconds(Grace)));
+    }
+}
+
+void Play::awaitConnections()
+{
+    // How many it needs is not known, and it may be one that tells nobody: what it can do is found out anyway.
+    until([this] { return m_peers >= m_peersAtStart; }, Grace);
+}
+
+void Play::awaitNoChildren()
+{
+    await([] { return waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD; }, Grace,
+          QStringLiteral("left processes behind"));
+}
