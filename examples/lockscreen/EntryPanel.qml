@@ -1,0 +1,210 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import "../style"
+import "../style/factors.js" as Factors
+
+// Where the user enters a code, on the keyboard or the keypad, or another factor's secret.
+ColumnLayout {
+    id: panel
+
+    property real unit: 1
+    property string factor
+    property bool busy: false
+    property bool overdue: false
+    property string message
+    readonly property bool takesCode: factor === "code"
+    readonly property alias shaking: shake.running
+    readonly property string secret: takesCode ? code.digits : field.text
+    signal submitted(string secret)
+    signal givenUp()
+    signal chooserWanted()
+
+    function enter(text) {
+        startOver();
+        if (busy || !visible)
+            return;
+        if (takesCode)
+            code.digits = text;
+        else
+            field.text = text;
+        submit();
+    }
+
+    // Who enters something anew does not wait for an answer any more.
+    function startOver() {
+        if (overdue)
+            givenUp();
+    }
+
+    // Whatever becomes of the secret, it stays in no field.
+    function submit() {
+        if (busy || !secret)
+            return;
+        const entered = secret;
+        clear();
+        submitted(entered);
+    }
+
+    function clear() {
+        code.digits = "";
+        field.text = "";
+        message = "";
+    }
+
+    function refuse(reason) {
+        message = reason;
+        if (reason)
+            shake.restart();
+        focusField();
+    }
+
+    function focusField() {
+        (takesCode ? code : field).forceActiveFocus(Qt.OtherFocusReason);
+    }
+
+    spacing: Theme.gap / 2 * unit
+    onSecretChanged: if (secret) message = ""
+    // Digits count wherever the focus is.
+    Keys.onPressed: {
+        if (!takesCode)
+            return;
+        if (/^[0-9]$/.test(event.text))
+            startOver();
+        if (!busy)
+            code.take(event);
+    }
+
+    Label {
+        id: prompt
+
+        objectName: "prompt"
+        text: {
+            switch (panel.factor) {
+            case "code":
+                return qsTr("Enter your code");
+            case "smartcard":
+                return qsTr("Enter the secret of your smart card");
+            case "sudis":
+                return qsTr("Enter your Sudis password");
+            }
+            return qsTr("Enter your secret for “%1”").arg(Factors.title(panel.factor));
+        }
+        font.pixelSize: 18 * panel.unit
+        horizontalAlignment: Text.AlignHCenter
+        wrapMode: Text.Wrap
+        Layout.fillWidth: true
+        Accessible.role: Accessible.Heading
+    }
+
+    Item {
+        implicitHeight: 52 * panel.unit
+        Layout.fillWidth: true
+        Layout.maximumWidth: 260 * panel.unit
+        Layout.alignment: Qt.AlignHCenter
+        transform: Translate { id: offset }
+
+        CodeField {
+            id: code
+
+            objectName: "code"
+            anchors.fill: parent
+            visible: panel.takesCode
+            enabled: !panel.busy
+            unit: panel.unit
+            onAccepted: panel.submit()
+        }
+        TextField {
+            id: field
+
+            objectName: "field"
+            anchors.fill: parent
+            visible: !panel.takesCode
+            enabled: !panel.busy
+            leftPadding: Theme.gap
+            rightPadding: Theme.gap
+            font.pixelSize: 18 * panel.unit
+            horizontalAlignment: Text.AlignHCenter
+            echoMode: TextInput.Password
+            inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText | Qt.ImhNoAutoUppercase
+            background: FieldFrame { focused: field.activeFocus }
+            Accessible.description: prompt.text
+            Accessible.passwordEdit: true
+            onAccepted: panel.submit()
+        }
+        BusyIndicator {
+            anchors.centerIn: parent
+            visible: panel.busy && !panel.overdue
+            implicitWidth: 40
+            implicitHeight: 40
+            palette.dark: Theme.accent
+            Accessible.ignored: true
+        }
+    }
+
+    Label {
+        objectName: "message"
+        text: panel.overdue ? qsTr("There is no answer yet.") : panel.busy ? qsTr("Checking…") : panel.message
+        color: panel.busy ? Theme.quiet : Theme.danger
+        font.pixelSize: 14 * panel.unit
+        horizontalAlignment: Text.AlignHCenter
+        verticalAlignment: Text.AlignVCenter
+        wrapMode: Text.Wrap
+        Layout.fillWidth: true
+        Layout.minimumHeight: 36 * panel.unit
+        Accessible.role: Accessible.AlertMessage
+        Accessible.name: text
+    }
+
+    Keypad {
+        objectName: "keypad"
+        visible: panel.takesCode
+        enabled: !panel.busy
+        unit: panel.unit
+        ready: panel.secret !== ""
+        Layout.alignment: Qt.AlignHCenter
+        onDigit: code.append(digit)
+        onErase: code.erase()
+        onAccepted: panel.submit()
+    }
+    PushButton {
+        objectName: "unlock"
+        visible: !panel.takesCode
+        enabled: !panel.busy && panel.secret !== ""
+        text: qsTr("Unlock")
+        highlighted: true
+        font.pixelSize: 16 * panel.unit
+        implicitHeight: Theme.touch * panel.unit
+        Layout.fillWidth: true
+        Layout.maximumWidth: 260 * panel.unit
+        Layout.alignment: Qt.AlignHCenter
+        onClicked: panel.submit()
+    }
+
+    Item { Layout.fillHeight: true }
+    PushButton {
+        objectName: "footer"
+        // Leaving an attempt that is under way would not end it: first it has to be given up.
+        enabled: !panel.busy || panel.overdue
+        text: panel.overdue ? qsTr("Try again") : qsTr("Other ways to unlock")
+        flat: !panel.overdue
+        highlighted: panel.overdue
+        font.pixelSize: 15 * panel.unit
+        palette.windowText: Theme.accent
+        palette.highlight: Theme.accent
+        palette.brightText: Theme.accentText
+        implicitHeight: Theme.touch * panel.unit
+        Layout.alignment: Qt.AlignHCenter
+        onEnabledChanged: if (panel.overdue) forceActiveFocus(Qt.TabFocusReason)
+        onClicked: panel.overdue ? panel.givenUp() : panel.chooserWanted()
+    }
+
+    SequentialAnimation {
+        id: shake
+
+        loops: 3
+        NumberAnimation { target: offset; property: "x"; to: -10 * panel.unit; duration: 40 }
+        NumberAnimation { target: offset; property: "x"; to: 10 * panel.unit; duration: 60 }
+        NumberAnimation { target: offset; property: "x"; to: 0; duration: 40 }
+    }
+}

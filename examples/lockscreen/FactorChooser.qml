@@ -1,0 +1,90 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import Vantora.Auth 1.0
+import "../style"
+import "../style/factors.js" as Factors
+
+// Lets the user choose among the factors that unlock for them.
+FocusScope {
+    id: chooser
+
+    property real unit: 1
+    property int user: 0
+    property string current
+    property var factors: []
+    signal chosen(string name)
+
+    // Waits for the daemon. Selecting a user reads the values; the one selected already would not be read again.
+    function read() {
+        AuthSettingsClient.uid = 0;
+        AuthSettingsClient.uid = user;
+        const names = AuthSettingsClient.unlockFactors;
+        factors = names.length ? names : ["code"];
+    }
+
+    focus: true
+    Keys.onEscapePressed: chosen(current)
+    Keys.onDownPressed: nextItemInFocusChain(true).forceActiveFocus(Qt.TabFocusReason)
+    Component.onCompleted: forceActiveFocus()
+
+    // What is shown meanwhile is drawn first.
+    Timer {
+        interval: 50
+        running: true
+        onTriggered: chooser.read()
+    }
+
+    ColumnLayout {
+        anchors.fill: parent
+        spacing: Theme.gap / 2 * chooser.unit
+
+        Label {
+            objectName: "chooserTitle"
+            text: chooser.factors.length ? qsTr("How do you want to unlock?") : qsTr("Looking up your ways to unlock…")
+            font.pixelSize: 18 * chooser.unit
+            horizontalAlignment: Text.AlignHCenter
+            wrapMode: Text.Wrap
+            Layout.fillWidth: true
+            Layout.bottomMargin: Theme.gap / 2
+            Accessible.role: Accessible.Heading
+        }
+        Repeater {
+            model: chooser.factors
+
+            PushButton {
+                id: choice
+
+                objectName: "factor-" + modelData
+                text: Factors.title(modelData)
+                highlighted: modelData === chooser.current
+                implicitHeight: Theme.touch * chooser.unit
+                font.pixelSize: 16 * chooser.unit
+                Layout.fillWidth: true
+                Layout.maximumWidth: 260 * chooser.unit
+                Layout.alignment: Qt.AlignHCenter
+                Accessible.role: Accessible.RadioButton
+                Accessible.checkable: true
+                Accessible.checked: highlighted
+                Keys.onUpPressed: nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
+                Keys.onDownPressed: nextItemInFocusChain(true).forceActiveFocus(Qt.TabFocusReason)
+                Component.onCompleted: if (highlighted) forceActiveFocus(Qt.TabFocusReason)
+                onClicked: chooser.chosen(modelData)
+            }
+        }
+        PushButton {
+            objectName: "leave"
+            text: qsTr("Back")
+            flat: true
+            palette.windowText: Theme.accent
+            palette.highlight: Theme.accent
+            font.pixelSize: 15 * chooser.unit
+            implicitHeight: Theme.touch * chooser.unit
+            Layout.alignment: Qt.AlignHCenter
+            Layout.topMargin: Theme.gap / 2
+            Keys.onUpPressed: nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
+            onClicked: chooser.chosen(chooser.current)
+        }
+        Item { Layout.fillHeight: true }
+    }
+}

@@ -1,0 +1,195 @@
+import QtQuick 2.15
+import Vantora.Auth 1.0
+
+// Follows the device lock, and unlocks it in attempts. It draws nothing.
+//
+// The device is unlocked when the daemon says so and at no other time: the outcome of a call, an error, or the time that
+// has passed is never taken for it. What the daemon may do late, or twice, or for somebody else is met with one rule:
+// an attempt has an AuthClient of its own, and so a connection of its own, which ends with the attempt and with every
+// change of the state. The answer to an attempt that has ended finds nobody any more.
+Item {
+    id: lock
+
+    enum Stage {
+        Idle,
+        Sending,
+        Asked,
+        Unlocking
+    }
+
+    // The user to unlock for; 0 leaves the choice to the daemon.
+    property int user: 0
+    // Milliseconds until an attempt that has no outcome may be given up.
+    property int patience: 10000
+    // Milliseconds until the state is asked for again while it is not known; doubled each time, to four times as much.
+    property int retryPause: 2000
+
+    readonly property int deviceState: devlock.item ? devlock.item.state : AuthDevlockClient.Undefined
+    readonly property bool unlocked: deviceState === AuthDevlockClient.Unlocked
+    readonly property bool busy: stage !== Lock.Idle
+    readonly property bool acceptsEntry: deviceState === AuthDevlockClient.Locked && !busy
+    // An attempt has had no outcome for so long that it may be given up.
+    property bool overdue: false
+    // The device should have been locked, and is not.
+    property bool lockingFailed: false
+
+    // Calls that wait for the daemon freeze the screen, for 25 seconds each when the daemon is mute: fetching the
+    // challenge, setLocked(), setting the state, and making a client. This many milliseconds before each, so that what
+    // the user is to see meanwhile is drawn: above all a locked device.
+    readonly property int frame: 50
+
+    property int stage: Lock.Idle
+    property var request: null
+    property int clients: 0
+
+    // An attempt has ended, and the device is still locked.
+    signal refused(string reason)
+
+    function attempt(factor, data) {
+        if (!acceptsEntry || !data)
+            return false;
+        request = { factor: factor, data: data };
+        if (user)
+            request.uid = user;
+        stage = Lock.Sending;
+        return true;
+    }
+
+    function giveUp() {
+        end();
+        refused("");
+    }
+
+    function lockNow() {
+        lockingFailed = false;
+        locking.start();
+    }
+
+    function end() {
+        stage = Lock.Idle;
+        request = null;
+        if (client.item)
+            client.item.dropAuthentication();
+        client.active = false;
+    }
+
+    function fail(reason) {
+        end();
+        refused(reason);
+    }
+
+    onDeviceStateChanged: {
+        locking.stop();
+        lockingCheck.stop();
+        lockingFailed = false;
+        end();
+    }
+    onStageChanged: if (stage === Lock.Idle) overdue = false
+
+    Loader {
+        id: devlock
+
+        sourceComponent: AuthDevlockClient {}
+    }
+
+    // A daemon that has come back need not announce the state, and then the client stays as it is: another one asks. No
+    // code can be entered before, as nobody knows whether it would count. The pause grows for the sake of a daemon that
+    // answers slowly, because a new client does not hear the answer to an old one. Should the system bus have gone, the
+    // new client ends the process, which starts again with another bus.
+    Timer {
+        property int count: 0
+
+        interval: lock.retryPause << Math.min(count, 2)
+        repeat: true
+        running: lock.deviceState === AuthDevlockClient.Undefined
+        onRunningChanged: count = 0
+        onTriggered: {
+            devlock.active = false;
+            devlock.active = true;
+            ++count;
+        }
+    }
+
+    Loader {
+        id: client
+
+        active: false
+        sourceComponent: AuthClient {
+            // A new client follows the device lock like ours, and says discredit() when it learns that the device is
+            // locked. Only after that it may ask: what it says then is about the request.
+            property bool ready: false
+
+            onDiscredit: {
+                ready = true;
+                if (lock.stage === Lock.Asked)
+                    lock.fail(qsTr("That was not accepted. Please try again."));
+            }
+            onAuthenticatedChanged: {
+                if (!authToken.byteLength)
+                    return;
+                if (lock.stage === Lock.Asked)
+                    lock.stage = Lock.Unlocking;
+                else if (lock.stage !== Lock.Unlocking)
+                    dropAuthentication(); // Nobody has asked for it.
+            }
+            Component.onCompleted: ++lock.clients
+            Component.onDestruction: --lock.clients
+        }
+    }
+
+    // While the former client is there, a new one would share its connection.
+    Timer {
+        interval: lock.frame
+        running: lock.deviceState === AuthDevlockClient.Locked && !client.active && !lock.clients
+        onTriggered: client.active = true
+    }
+
+    Timer {
+        interval: lock.frame
+        running: lock.stage === Lock.Sending && client.item !== null && client.item.ready
+        onTriggered: {
+            const request = lock.request;
+            lock.request = null;
+            lock.stage = Lock.Asked;
+            client.item.authenticate("unlock", request);
+            // The library sends nothing that D-Bus cannot carry.
+            if (!client.item.progress)
+                lock.fail(qsTr("That was not accepted. Please try again."));
+        }
+    }
+
+    // Whatever setLocked() returns, the device is unlocked when the daemon announces it. It returns false, too, when the
+    // token has been dropped meanwhile.
+    Timer {
+        interval: lock.frame
+        running: lock.stage === Lock.Unlocking
+        onTriggered: {
+            if (!client.item.setLocked(AuthDevlockClient.Unlocked))
+                lock.fail(qsTr("The device could not be unlocked. Please try again."));
+        }
+    }
+
+    Timer {
+        interval: lock.patience
+        running: lock.busy
+        onTriggered: lock.overdue = true
+    }
+
+    Timer {
+        id: locking
+
+        interval: lock.frame
+        onTriggered: {
+            devlock.item.state = AuthDevlockClient.Locked;
+            lockingCheck.start();
+        }
+    }
+
+    // A refusal is not reported: the state just stays as it is.
+    Timer {
+        id: lockingCheck
+
+        interval: 1000
+        onTriggered: lock.lockingFailed = true
+    }
+}

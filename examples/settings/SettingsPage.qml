@@ -1,0 +1,295 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import Vantora.Auth 1.0
+import "../style"
+import "../style/factors.js" as Factors
+
+Sheet {
+    id: page
+
+    // The host knows its users; the daemon has no list of them.
+    property var users: [{ uid: 1000, name: "Alex" }, { uid: 1001, name: "Robin" }]
+    // The user whose settings are shown; 0 while none is chosen.
+    property int user: 0
+    property alias patience: form.patience
+    property alias deviceInterval: device.interval
+    readonly property bool settled: device.isKnown && !form.asking
+    readonly property string name: nameOf(user)
+
+    readonly property bool isUnlocked: AuthSettingsClient.authenticated && device.isKnown
+    // What the daemon has told, as far as no property of AuthSettingsClient follows it.
+    property var rows: []
+    property var unlockFactors: []
+    readonly property var loginFactors: rows.filter(row => !row.isUnlock && row.enabled && !row.disabled)
+    // The daemon tells what is chosen for unlocking, but not what it offers: usually what it offers for login.
+    property var unlockNames: []
+
+    function nameOf(uid) {
+        const found = users.find(entry => entry.uid === uid);
+        return found ? found.name : "";
+    }
+
+    function titleOf(name) {
+        const found = rows.find(row => row.name === name);
+        return Factors.title(name, found ? found.title : "");
+    }
+
+    function read() {
+        if (!device.isKnown)
+            return;
+        // Selecting a user reads the values; the user who is selected already would not be read again.
+        AuthSettingsClient.uid = 0;
+        AuthSettingsClient.uid = user;
+        update();
+    }
+
+    function update() {
+        rows = Factors.rows(AuthSettingsClient.factors);
+        unlockFactors = AuthSettingsClient.unlockFactors;
+        const names = rows.map(row => row.name);
+        names.push(...unlockFactors.filter(name => !names.includes(name)));
+        // Another list makes other switches, which do not have the keyboard's focus.
+        if (names.join() !== unlockNames.join())
+            unlockNames = names;
+    }
+
+    padding: 0
+    // A token is one user's.
+    onUserChanged: {
+        AuthSettingsClient.dropAuthentication();
+        read();
+    }
+    Component.onCompleted: {
+        if (!name)
+            user = 0;
+    }
+
+    Device {
+        id: device
+
+        // The daemon is there, perhaps again and with other values.
+        onIsKnownChanged: if (isKnown) page.read()
+    }
+
+    Connections {
+        target: AuthSettingsClient
+        function onUnlockFactorsChanged() { page.update() }
+    }
+    Connections {
+        target: AuthSettingsClient.factors
+        function onDataChanged() { page.update() }
+        function onModelReset() { page.update() }
+    }
+
+    Scroller {
+        objectName: "scroller"
+        anchors.fill: parent
+        column: cards
+
+        GridLayout {
+            id: cards
+
+            columns: page.user && page.width > 2 * Theme.column ? 2 : 1
+            y: Theme.gap
+            width: Math.min(parent.width - 2 * Theme.gap, columns * 1.25 * Theme.column)
+            anchors.horizontalCenter: parent.horizontalCenter
+            columnSpacing: Theme.gap
+            rowSpacing: Theme.gap
+
+            RowLayout {
+                spacing: Theme.gap
+                Layout.columnSpan: cards.columns
+                Layout.fillWidth: true
+
+                Avatar {
+                    name: page.name
+                    visible: page.user
+                }
+                ColumnLayout {
+                    spacing: 2
+
+                    Label {
+                        objectName: "heading"
+                        text: page.user ? page.name : qsTr("Whose settings?")
+                        font.pixelSize: 22
+                        elide: Text.ElideRight
+                        Layout.fillWidth: true
+                        Accessible.role: Accessible.Heading
+                    }
+                    Label {
+                        text: qsTr("Sign-in and unlocking")
+                        color: Theme.quiet
+                        font.pixelSize: 14
+                        elide: Text.ElideRight
+                        Layout.fillWidth: true
+                    }
+                }
+            }
+
+            ColumnLayout {
+                spacing: Theme.gap
+                visible: page.user
+                Layout.fillWidth: true
+                Layout.preferredWidth: 1
+                Layout.alignment: Qt.AlignTop
+
+                Card {
+                    title: page.isUnlocked ? qsTr("Settings are unlocked") : qsTr("Settings are locked")
+
+                    Label {
+                        text: page.isUnlocked ? qsTr("Changes take effect at once.")
+                                              : qsTr("To change them, show that you are %1.").arg(page.name)
+                        color: Theme.quiet
+                        font.pixelSize: 14
+                        wrapMode: Text.Wrap
+                        Layout.fillWidth: true
+                    }
+                    SecretForm {
+                        id: form
+
+                        visible: page.user && !page.isUnlocked
+                        uid: page.user
+                        // For a token one login factor is enough.
+                        factor: page.loginFactors.length ? page.loginFactors[0].name : "code"
+                        label: page.titleOf(factor)
+                        action: qsTr("Unlock settings")
+                        obstacle: device.obstacle
+                        Layout.fillWidth: true
+                        // A daemon that has just answered can be read: changes must not start from values that are not
+                        // this user's.
+                        onPassed: page.read()
+                    }
+                    PushButton {
+                        objectName: "lock"
+                        text: qsTr("Lock settings")
+                        visible: page.isUnlocked
+                        Layout.fillWidth: true
+                        onClicked: AuthSettingsClient.dropAuthentication()
+                        onVisibleChanged: if (visible) forceActiveFocus(Qt.TabFocusReason)
+                    }
+                }
+
+                Card {
+                    visible: warning.text
+
+                    Label {
+                        id: warning
+
+                        objectName: "warning"
+                        text: AuthSettingsClient.userWarning !== "settings_users-la-user_has_token_hint"
+                              ? AuthSettingsClient.userWarning
+                              : qsTr("Keep your smart card at hand: you need it to sign in or to unlock the device.")
+                        font.pixelSize: 14
+                        wrapMode: Text.Wrap
+                        Layout.fillWidth: true
+                        Accessible.role: Accessible.AlertMessage
+                        Accessible.name: text
+                    }
+                }
+
+                Card {
+                    title: qsTr("Signing in")
+
+                    Label {
+                        objectName: "managed"
+                        text: page.loginFactors.length
+                              ? qsTr("How you sign in is managed for you.")
+                              : qsTr("How you sign in is managed for you, and not shown here.")
+                        visible: !AuthSettingsClient.isUserSettable
+                        color: Theme.quiet
+                        font.pixelSize: 14
+                        wrapMode: Text.Wrap
+                        Layout.fillWidth: true
+                    }
+                    Repeater {
+                        model: AuthSettingsClient.factors
+
+                        Toggle {
+                            // Whether a wish that the daemon has not followed waits in the client, perhaps made for
+                            // another user. It is written with the next choice.
+                            readonly property bool isPending:
+                                page.rows && AuthSettingsClient.hasChosenFactor(model.name) !== model.enabled
+
+                            objectName: "login-" + model.name
+                            text: Factors.title(model.name, model.title)
+                            note: isPending ? qsTr("Not accepted yet; asked for again with the next change")
+                                  : model.disabled ? qsTr("Disabled on this device") : ""
+                            on: model.enabled
+                            visible: !model.isUnlock && (model.enabled || AuthSettingsClient.isUserSettable)
+                            // Where only one may be chosen, another choice replaces it. (Unchoosing one of several
+                            // that are chosen all the same would leave none.)
+                            enabled: page.isUnlocked && AuthSettingsClient.isUserSettable && visible && page.rows
+                                     && index >= 0
+                                     && (AuthSettingsClient.isMultiFactorable || !model.enabled)
+                                     && AuthSettingsClient.canTriggerFactor(index)
+                            onWished: AuthSettingsClient.triggerFactor(index)
+                        }
+                    }
+                    Toggle {
+                        objectName: "multiFactor"
+                        text: qsTr("Several at once")
+                        note: qsTr("Signing in asks for all that are chosen")
+                        on: AuthSettingsClient.isMultiFactorable
+                        visible: AuthSettingsClient.isUserSettable
+                        enabled: page.isUnlocked
+                        onWished: AuthSettingsClient.isMultiFactorable = !on
+                    }
+                }
+            }
+
+            ColumnLayout {
+                spacing: Theme.gap
+                Layout.fillWidth: true
+                Layout.preferredWidth: 1
+                Layout.alignment: Qt.AlignTop
+
+                Card {
+                    title: qsTr("Unlocking")
+                    visible: page.user
+
+                    Repeater {
+                        model: page.unlockNames
+
+                        Toggle {
+                            objectName: "unlock-" + modelData
+                            text: page.titleOf(modelData)
+                            note: modelData === "sudis" ? qsTr("Replaces all others") : ""
+                            on: page.unlockFactors.includes(modelData)
+                            enabled: page.isUnlocked && AuthSettingsClient.isUserSettable
+                            onWished: AuthSettingsClient.triggerUnlockFactor(modelData)
+                        }
+                    }
+                    Toggle {
+                        objectName: "notifications"
+                        text: qsTr("Notifications on the locked screen")
+                        on: AuthSettingsClient.showNotifications
+                        enabled: page.isUnlocked
+                        onWished: AuthSettingsClient.showNotifications = !on
+                    }
+                }
+
+                Card {
+                    objectName: "users"
+                    title: page.user ? qsTr("Other users") : ""
+                    visible: others.count && (!page.user || AuthSettingsClient.canSwitchToUser)
+
+                    Repeater {
+                        id: others
+
+                        model: page.users.filter(entry => entry.uid !== page.user)
+
+                        Choice {
+                            objectName: "user" + modelData.uid
+                            text: modelData.name
+                            leftPadding: 0
+                            rightPadding: 0
+                            enabled: !form.asking
+                            onClicked: page.user = modelData.uid
+                        }
+                    }
+                }
+            }
+        }
+    }
+}

@@ -1,0 +1,158 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import Vantora.Auth 1.0
+
+// Asks for a user's secret and has the daemon judge it.
+ColumnLayout {
+    id: form
+
+    property int uid: 0
+    property string factor
+    property string label
+    property string action
+    // Why nobody can authenticate now; empty when one can.
+    property string obstacle
+    property string message
+    // How long to wait for the daemon before offering to try again.
+    property int patience: 10000
+    property bool asking: false
+    property bool isStuck: false
+    property string asked
+    signal passed()
+
+    function ask() {
+        if (asking || obstacle || !secret.text)
+            return;
+        message = "";
+        asked = label;
+        asking = true;
+        const data = secret.text;
+        secret.clear();
+        AuthSettingsClient.authenticate("login", { factor: factor, data: data, uid: uid });
+    }
+
+    function giveUp() {
+        asking = false;
+        AuthSettingsClient.dropAuthentication();
+        focusSecret();
+    }
+
+    function focusSecret() {
+        if (visible && !obstacle)
+            secret.forceActiveFocus(Qt.OtherFocusReason);
+    }
+
+    spacing: Theme.gap / 2
+    onAskingChanged: isStuck = false
+    // An answer that is still to come is about something else then.
+    onFactorChanged: {
+        asking = false;
+        secret.clear();
+    }
+    onUidChanged: {
+        asking = false;
+        secret.clear();
+        message = "";
+    }
+    onObstacleChanged: {
+        message = "";
+        Qt.callLater(focusSecret);
+    }
+    onVisibleChanged: Qt.callLater(focusSecret)
+
+    Connections {
+        target: AuthSettingsClient
+        function onAuthenticatedChanged() {
+            if (!AuthSettingsClient.authenticated)
+                return;
+            if (form.asking) {
+                form.asking = false;
+                form.passed();
+            } else {
+                // The late answer to a request that was given up, perhaps another user's.
+                AuthSettingsClient.dropAuthentication();
+            }
+        }
+        function onDiscredit() {
+            if (!form.asking)
+                return;
+            form.asking = false;
+            form.message = qsTr("%1 was not accepted. Please try again.").arg(form.asked);
+            form.focusSecret();
+        }
+    }
+
+    Timer {
+        interval: form.patience
+        running: form.asking
+        onTriggered: form.isStuck = true
+    }
+
+    Label {
+        text: form.label
+        color: Theme.quiet
+        font.pixelSize: 14
+        Accessible.ignored: true
+    }
+    TextField {
+        id: secret
+
+        objectName: "secret"
+        implicitHeight: Theme.touch
+        leftPadding: 12
+        font.pixelSize: 18
+        enabled: !form.obstacle
+        opacity: enabled ? 1 : 0.5
+        readOnly: form.asking
+        echoMode: TextInput.Password
+        inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText | Qt.ImhNoAutoUppercase
+                          | (form.factor === "code" ? Qt.ImhPreferNumbers : Qt.ImhNone)
+        background: Rectangle {
+            radius: 10
+            color: Theme.surface
+            border.color: secret.activeFocus ? Theme.accent : Theme.line
+            border.width: secret.activeFocus ? 2 : 1
+        }
+        Layout.fillWidth: true
+        Accessible.name: form.label
+        Accessible.description: note.text
+        onAccepted: form.ask()
+        onTextEdited: form.message = ""
+    }
+    RowLayout {
+        spacing: Theme.gap / 2
+        Layout.fillWidth: true
+        Layout.minimumHeight: 40
+
+        BusyIndicator {
+            visible: form.asking && !form.isStuck
+            running: visible
+            implicitWidth: 32
+            implicitHeight: 32
+            palette.dark: Theme.accent
+            Accessible.ignored: true
+        }
+        Label {
+            id: note
+
+            objectName: "note"
+            text: form.obstacle ? form.obstacle : form.isStuck ? qsTr("There is no answer yet.")
+                  : form.asking ? qsTr("Checking…") : form.message
+            color: form.message && !form.obstacle ? Theme.danger : Theme.quiet
+            font.pixelSize: 14
+            wrapMode: Text.Wrap
+            Layout.fillWidth: true
+            Accessible.role: Accessible.AlertMessage
+            Accessible.name: text
+        }
+    }
+    PushButton {
+        objectName: "submit"
+        text: form.isStuck ? qsTr("Try again") : form.action
+        highlighted: true
+        enabled: form.isStuck || !form.asking && !form.obstacle && secret.text
+        Layout.fillWidth: true
+        onClicked: form.isStuck ? form.giveUp() : form.ask()
+    }
+}
