@@ -1,5 +1,7 @@
 #include "control.h"
 
+#include "objects.h"
+
 #include <algorithm>
 
 namespace {
@@ -31,6 +33,15 @@ void addCalls(JsonObject *answer, const CallLog &log, int64_t since, const std::
     }
     json_object_set_array_member(answer, "calls", array);
     json_object_set_int_member(answer, "next", log.next);
+}
+
+/** A misspelt name would wait for ever, or find that nobody has called. */
+std::optional<std::string> readMethod(JsonMembers &members)
+{
+    const std::optional<std::string> method = members.text("method");
+    if (method && !objectWithMethod(*method))
+        failJson(members.pathOf("method"), "the daemon has no method \"" + *method + "\"");
+    return method;
 }
 
 int64_t readSince(JsonMembers &members)
@@ -168,7 +179,7 @@ void Control::answerError(Client &client, const std::string &message)
 void Control::startWaiting(Client &client, JsonMembers &members)
 {
     Wait wait = {};
-    wait.method = members.required("method", members.text("method"));
+    wait.method = members.required("method", readMethod(members));
     wait.count = members.required("count", members.integer("count", 1, INT32_MAX));
     wait.since = readSince(members);
     const int64_t timeout = members.integer("timeout", 0, INT32_MAX).value_or(10000);
@@ -239,8 +250,9 @@ void Control::state(JsonMembers &members, JsonObject *answer)
 void Control::calls(JsonMembers &members, JsonObject *answer)
 {
     const int64_t since = readSince(members);
+    const std::string method = readMethod(members).value_or("");
     members.done();
-    addCalls(answer, m_service.calls(), since);
+    addCalls(answer, m_service.calls(), since, method);
 }
 
 void Control::standardCalls(JsonMembers &members, JsonObject *answer)

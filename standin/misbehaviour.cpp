@@ -1,5 +1,7 @@
 #include "misbehaviour.h"
 
+#include "objects.h"
+
 #include <algorithm>
 
 void MisbehaviourRules::add(JsonMembers &members)
@@ -10,8 +12,8 @@ void MisbehaviourRules::add(JsonMembers &members)
                                                   "drop",  "crash",      "restart"};
     Rule rule = {};
     rule.method = members.required("method", members.text("method"));
-    if (rule.method != "*" && !g_dbus_is_member_name(rule.method.c_str()))
-        failJson(members.pathOf("method"), "expected a method's name or \"*\"");
+    if (rule.method != "*" && rule.method != "Introspect" && !objectWithMethod(rule.method))
+        failJson(members.pathOf("method"), "expected the name of one of the daemon's methods, \"Introspect\" or \"*\"");
     rule.times = members.integer("times", 1, INT64_MAX);
 
     Misbehaviour &misbehaviour = rule.misbehaviour;

@@ -56,6 +56,13 @@ const Object *objectWithSignal(const std::string &signal)
     });
 }
 
+const Object *objectWithMethod(const std::string &method)
+{
+    return find([&](const Object &object) {
+        return g_dbus_interface_info_lookup_method(object.interface.get(), method.c_str()) != nullptr;
+    });
+}
+
 std::string introspect(Bus bus, const std::string &path)
 {
     if (const Object *object = objectAt(bus, path))

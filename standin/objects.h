@@ -28,6 +28,7 @@ const std::vector<Object> &objects();
 const Object *objectAt(Bus bus, const std::string &path);
 const Object *objectOfInterface(const std::string &interface);
 const Object *objectWithSignal(const std::string &signal);
+const Object *objectWithMethod(const std::string &method);
 
 /** The introspection data of an object or of one of their parents; empty for any other path. */
 std::string introspect(Bus bus, const std::string &path);

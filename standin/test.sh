@@ -171,7 +171,7 @@ played '{}' 'another member' 'ctl "{\"do\":\"ping\",\"do\":\"quit\"}"; [ $? = 1 
 played '{}' 'no more than 100 levels' 'ctl - <"$dir/deep.json"; ctl "{\"do\":\"ping\"}"'
 played '{}' '^."ok":true.closed$' 'printf "{\"do\":\"ping\"}" | "$C" last-bytes $CONTROL | tr -d "\n"'
 played '{}' 'not come in time.*closed$' \
-    'printf "{\"do\":\"wait-calls\",\"method\":\"X\",\"count\":1,\"timeout\":1}\n" | "$C" last-bytes $CONTROL'
+    'printf "{\"do\":\"wait-calls\",\"method\":\"GetState\",\"count\":1,\"timeout\":1}\n" | "$C" last-bytes $CONTROL'
 played '{}' '^$' 'ctl "{\"do\":\"ping\"}" >/dev/full 2>&-; [ $? = 1 ]'
 played '{}' 'no stand-in answers' 'ctl --control /nowhere "{\"do\":\"ping\"}"; [ $? = 1 ]'
 # shellcheck disable=SC2089,SC2090
@@ -426,6 +426,12 @@ played "$lockout" '^.1,.$' 'fails code >&-; ctl "{\"do\":\"reset-secrets\"}" >&-
 played "$lockout" '^.3,.$' 'fails code >&-; ctl "{\"do\":\"restart\"}" >&-; fails code "<StateChanged>" >&-; "$C" "GetState ()"'
 played '{}' '^.ok:true. .ok:true. .ok:true. \(<b>,\) $' 'ctl "{\"do\":\"stop\"}" "{\"do\":\"set-option\",\"key\":\"a\",\"value\":\"b\"}" \
     "{\"do\":\"start\"}" | flat; "$C" "GetOption (\"a\",)" | flat'
+
+# Misspelt names are refused.
+asked '^(.ok:false,error:method: the daemon has no method .Authentcate.. ){2}.ok:false,error:method: expected the name of one of ' \
+    '{"do":"calls","method":"Authentcate"}' '{"do":"wait-calls","method":"Authentcate","count":1}' \
+    '{"do":"misbehave","method":"Authentcate","how":"mute"}'
+played '{}' '^.calls:\[.n:1,[^}]*.\],next:2,ok:true. $' '"$C" "RequestChallenge ()" "GetOption (\"a\",)" >&-; ctl "{\"do\":\"calls\",\"method\":\"GetOption\"}" | flat'
 
 # Misbehaviours of calls that change options
 rule() { printf '{"misbehave": [{"method": "%s", "how": "%s"%s}]}' "$1" "$2" "${3:-}"; }

@@ -215,13 +215,8 @@ void StandIn::emitSignal(const QString &name, const QString &arguments, const QJ
 
 QJsonArray StandIn::calls(const QString &method)
 {
-    const QJsonArray all = request(doing("calls")).value(QLatin1String("calls")).toArray();
-    QJsonArray result;
-    for (const QJsonValue &call : all) {
-        if (method.isEmpty() || call.toObject().value(QLatin1String("method")).toString() == method)
-            result.append(call);
-    }
-    return result;
+    const QJsonObject which = method.isEmpty() ? QJsonObject() : QJsonObject{{QStringLiteral("method"), method}};
+    return request(doing("calls", which)).value(QLatin1String("calls")).toArray();
 }
 
 QJsonArray StandIn::waitForCalls(const QString &method, double count, double timeout)

@@ -10,8 +10,8 @@ class QJSEngine;
  * Scripts the stand-in daemon of this world, for tests written in QML.
  *
  * Every function is one request to the stand-in's control socket, or a few. It returns when the daemon has sent what
- * follows from it, and blocks until then: the screen under test sees the effects afterwards, from its event loop, in the
- * order in which the functions were called. waitForCalls() alone turns the event loop while it waits.
+ * follows from it, and blocks until then: the screen under test sees the effects afterwards, from its event loop, in
+ * the order in which the functions were called. waitForCalls() alone turns the event loop while it waits.
  *
  * What fails is thrown as a JavaScript error with the stand-in's reason and the request: a request that the stand-in
  * refuses, a world without a stand-in, an answer that does not come within 10 seconds.
@@ -37,8 +37,8 @@ public:
      * A new, well-behaved daemon: no rules, no held calls, no tokens, no wrong code counted, new connections accepted,
      * the scenario's options and secrets, and no calls in the log. The device is Locked.
      *
-     * To be called in init(), when the last test's clients are gone: one that is there sees the daemon restart and calls
-     * the new one.
+     * To be called in init(), when the last test's clients are gone: one that is there sees the daemon restart and
+     * calls the new one.
      */
     Q_INVOKABLE void reset();
 
@@ -105,7 +105,8 @@ public:
                                 const QJsonObject &more = QJsonObject());
 
     /**
-     * The calls of @p method since reset() or clearCalls(), or of all methods, the oldest first.
+     * The calls of @p method since reset() or clearCalls(), or of all methods, the oldest first. A name that no method
+     * of the daemon has is refused.
      *
      * @return objects with n, instance, bus ("peer" or "system"), peer, path, interface, method, signature (the D-Bus
      *         types of the arguments) and args (the arguments in GVariant notation)
