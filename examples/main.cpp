@@ -10,7 +10,10 @@
 #include <QtQuick/QQuickItemGrabResult>
 #include <QtQuick/QQuickWindow>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -27,6 +30,8 @@ public:
         , m_screen(screen)
         , m_notifier(descriptor, QSocketNotifier::Read)
     {
+        // Whoever listens may go first, and must not take the screen along.
+        signal(SIGPIPE, SIG_IGN);
         connect(&m_notifier, &QSocketNotifier::activated, this, &Probe::read);
         QQmlProperty(screen, QStringLiteral("unlocked")).connectNotifySignal(this, SLOT(tell()));
         tell();
@@ -44,10 +49,11 @@ private Q_SLOTS:
     {
         char buffer[256];
         const ssize_t count = ::read(m_descriptor, buffer, sizeof buffer);
-        if (count <= 0)
-            m_notifier.setEnabled(false);
-        else
-            m_input.append(buffer, int(count));
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            return;
+        if (count <= 0 || m_input.size() > 4096)
+            return m_notifier.setEnabled(false);
+        m_input.append(buffer, int(count));
         for (int end = m_input.indexOf('\n'); end >= 0; end = m_input.indexOf('\n')) {
             const QByteArray line = m_input.left(end);
             m_input.remove(0, end + 1);
@@ -90,6 +96,11 @@ void drawInto(const QString &file, QQuickWindow *screen)
 
 int main(int argc, char **argv)
 {
+    // Looked at before anything is opened here: what is no descriptor yet may become one of the toolkit's.
+    bool isProbed = false;
+    const int descriptor = qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD", &isProbed);
+    isProbed = isProbed && fcntl(descriptor, F_SETFD, FD_CLOEXEC) == 0;
+
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
     QGuiApplication application(argc, argv);
     application.setApplicationName(QStringLiteral("auth-" SCREEN));
@@ -126,12 +137,11 @@ int main(int argc, char **argv)
         {QStringLiteral("height"), wanted.height()},
     });
     engine.load(QUrl(QStringLiteral("qrc:/" SCREEN "/Main.qml")));
-    auto *screen = engine.rootObjects().isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(engine.rootObjects().first());
+    auto *screen =
+        engine.rootObjects().isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(engine.rootObjects().first());
     if (!screen)
         return 2;
 
-    bool isProbed = false;
-    const int descriptor = qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD", &isProbed);
     if (isProbed)
         new Probe(descriptor, screen);
     if (parser.isSet(file))

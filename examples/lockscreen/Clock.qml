@@ -8,6 +8,7 @@ Item {
 
     property real unit: 1
     property date now: new Date()
+    readonly property string timeFormat: Qt.locale().timeFormat(Locale.ShortFormat).replace(":ss", "")
 
     implicitHeight: column.implicitHeight
     Accessible.role: Accessible.StaticText
@@ -31,7 +32,7 @@ Item {
 
             objectName: "time"
             width: parent.width
-            text: clock.now.toLocaleTimeString(Qt.locale(), Qt.locale().timeFormat(Locale.ShortFormat).replace(":ss", ""))
+            text: clock.now.toLocaleTimeString(Qt.locale(), clock.timeFormat)
             font.pixelSize: 68 * clock.unit
             font.weight: Font.ExtraLight
             horizontalAlignment: Text.AlignHCenter

@@ -2,8 +2,8 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import "../style"
 
-// Shows a code as dots. It is no text field: those call the platform's keyboard, remember what was typed for undoing it,
-// and let it be copied.
+// Shows a code as dots. It is no text field: those call the platform's keyboard, remember what was typed for undoing
+// it, and let it be copied.
 Item {
     id: field
 
@@ -45,7 +45,8 @@ Item {
         focused: field.activeFocus
     }
     Row {
-        readonly property real dot: Math.min(14 * field.unit, (field.width - 2 * Theme.gap) / (1.7 * field.digits.length))
+        readonly property real room: field.width - 2 * Theme.gap
+        readonly property real dot: Math.min(14 * field.unit, room / (1.7 * field.digits.length))
 
         anchors.centerIn: parent
         spacing: dot * 0.7

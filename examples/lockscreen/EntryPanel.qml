@@ -9,10 +9,13 @@ ColumnLayout {
     id: panel
 
     property real unit: 1
+    property bool low: false
     property string factor
     property bool busy: false
     property bool overdue: false
     property string message
+    // Milliseconds until what was entered last, and not submitted, is forgotten.
+    property int memory: 30000
     readonly property bool takesCode: factor === "code"
     readonly property alias shaking: shake.running
     readonly property string secret: takesCode ? code.digits : field.text
@@ -64,7 +67,12 @@ ColumnLayout {
     }
 
     spacing: Theme.gap / 2 * unit
-    onSecretChanged: if (secret) message = ""
+    onSecretChanged: {
+        if (!secret)
+            return forgetting.stop();
+        message = "";
+        forgetting.restart();
+    }
     // Digits count wherever the focus is.
     Keys.onPressed: {
         if (!takesCode)
@@ -75,7 +83,7 @@ ColumnLayout {
             code.take(event);
     }
 
-    Label {
+    Text {
         id: prompt
 
         objectName: "prompt"
@@ -90,15 +98,19 @@ ColumnLayout {
             }
             return qsTr("Enter your secret for “%1”").arg(Factors.title(panel.factor));
         }
+        // A factor's name is no markup.
+        textFormat: Text.PlainText
+        color: Theme.text
         font.pixelSize: 18 * panel.unit
         horizontalAlignment: Text.AlignHCenter
         wrapMode: Text.Wrap
         Layout.fillWidth: true
         Accessible.role: Accessible.Heading
+        Accessible.name: text
     }
 
     Item {
-        implicitHeight: 52 * panel.unit
+        implicitHeight: Math.max(Theme.leastTouch, 52 * panel.unit)
         Layout.fillWidth: true
         Layout.maximumWidth: 260 * panel.unit
         Layout.alignment: Qt.AlignHCenter
@@ -142,7 +154,7 @@ ColumnLayout {
         }
     }
 
-    Label {
+    Text {
         objectName: "message"
         text: panel.overdue ? qsTr("There is no answer yet.") : panel.busy ? qsTr("Checking…") : panel.message
         color: panel.busy ? Theme.quiet : Theme.danger
@@ -161,6 +173,7 @@ ColumnLayout {
         visible: panel.takesCode
         enabled: !panel.busy
         unit: panel.unit
+        low: panel.low
         ready: panel.secret !== ""
         Layout.alignment: Qt.AlignHCenter
         onDigit: code.append(digit)
@@ -174,7 +187,7 @@ ColumnLayout {
         text: qsTr("Unlock")
         highlighted: true
         font.pixelSize: 16 * panel.unit
-        implicitHeight: Theme.touch * panel.unit
+        implicitHeight: Math.max(Theme.leastTouch, Theme.touch * panel.unit)
         Layout.fillWidth: true
         Layout.maximumWidth: 260 * panel.unit
         Layout.alignment: Qt.AlignHCenter
@@ -193,10 +206,20 @@ ColumnLayout {
         palette.windowText: Theme.accent
         palette.highlight: Theme.accent
         palette.brightText: Theme.accentText
-        implicitHeight: Theme.touch * panel.unit
+        implicitHeight: Math.max(Theme.leastTouch, Theme.touch * panel.unit)
+        Layout.fillWidth: true
+        Layout.maximumWidth: implicitWidth
         Layout.alignment: Qt.AlignHCenter
         onEnabledChanged: if (panel.overdue) forceActiveFocus(Qt.TabFocusReason)
         onClicked: panel.overdue ? panel.givenUp() : panel.chooserWanted()
+    }
+
+    // Who has begun to enter a secret may have gone.
+    Timer {
+        id: forgetting
+
+        interval: panel.memory
+        onTriggered: panel.clear()
     }
 
     SequentialAnimation {

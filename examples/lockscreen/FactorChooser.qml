@@ -35,56 +35,65 @@ FocusScope {
         onTriggered: chooser.read()
     }
 
-    ColumnLayout {
+    Scroller {
+        objectName: "choices"
         anchors.fill: parent
-        spacing: Theme.gap / 2 * chooser.unit
+        column: choices
+        clip: contentHeight > height
 
-        Label {
-            objectName: "chooserTitle"
-            text: chooser.factors.length ? qsTr("How do you want to unlock?") : qsTr("Looking up your ways to unlock…")
-            font.pixelSize: 18 * chooser.unit
-            horizontalAlignment: Text.AlignHCenter
-            wrapMode: Text.Wrap
-            Layout.fillWidth: true
-            Layout.bottomMargin: Theme.gap / 2
-            Accessible.role: Accessible.Heading
-        }
-        Repeater {
-            model: chooser.factors
+        ColumnLayout {
+            id: choices
 
-            PushButton {
-                id: choice
+            width: parent.width
+            spacing: Theme.gap / 2 * chooser.unit
 
-                objectName: "factor-" + modelData
-                text: Factors.title(modelData)
-                highlighted: modelData === chooser.current
-                implicitHeight: Theme.touch * chooser.unit
-                font.pixelSize: 16 * chooser.unit
+            Text {
+                objectName: "chooserTitle"
+                text: chooser.factors.length ? qsTr("How do you want to unlock?")
+                                             : qsTr("Looking up your ways to unlock…")
+                color: Theme.text
+                font.pixelSize: 18 * chooser.unit
+                horizontalAlignment: Text.AlignHCenter
+                wrapMode: Text.Wrap
                 Layout.fillWidth: true
-                Layout.maximumWidth: 260 * chooser.unit
+                Layout.bottomMargin: Theme.gap / 2
+                Accessible.role: Accessible.Heading
+                Accessible.name: text
+            }
+            Repeater {
+                model: chooser.factors
+
+                PushButton {
+                    id: choice
+
+                    objectName: "factor-" + modelData
+                    text: Factors.title(modelData)
+                    highlighted: modelData === chooser.current
+                    implicitHeight: Math.max(Theme.leastTouch, Theme.touch * chooser.unit)
+                    font.pixelSize: 16 * chooser.unit
+                    Layout.fillWidth: true
+                    Layout.maximumWidth: 260 * chooser.unit
+                    Layout.alignment: Qt.AlignHCenter
+                    Accessible.description: highlighted ? qsTr("In use now") : ""
+                    Keys.onUpPressed: nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
+                    Keys.onDownPressed: nextItemInFocusChain(true).forceActiveFocus(Qt.TabFocusReason)
+                    Component.onCompleted: if (highlighted) forceActiveFocus(Qt.TabFocusReason)
+                    onClicked: chooser.chosen(modelData)
+                }
+            }
+            PushButton {
+                objectName: "leave"
+                text: qsTr("Back")
+                flat: true
+                palette.windowText: Theme.accent
+                palette.highlight: Theme.accent
+                font.pixelSize: 15 * chooser.unit
+                implicitHeight: Math.max(Theme.leastTouch, Theme.touch * chooser.unit)
                 Layout.alignment: Qt.AlignHCenter
-                Accessible.role: Accessible.RadioButton
-                Accessible.checkable: true
-                Accessible.checked: highlighted
+                Layout.topMargin: Theme.gap / 2
                 Keys.onUpPressed: nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
-                Keys.onDownPressed: nextItemInFocusChain(true).forceActiveFocus(Qt.TabFocusReason)
-                Component.onCompleted: if (highlighted) forceActiveFocus(Qt.TabFocusReason)
-                onClicked: chooser.chosen(modelData)
+                onClicked: chooser.chosen(chooser.current)
             }
         }
-        PushButton {
-            objectName: "leave"
-            text: qsTr("Back")
-            flat: true
-            palette.windowText: Theme.accent
-            palette.highlight: Theme.accent
-            font.pixelSize: 15 * chooser.unit
-            implicitHeight: Theme.touch * chooser.unit
-            Layout.alignment: Qt.AlignHCenter
-            Layout.topMargin: Theme.gap / 2
-            Keys.onUpPressed: nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
-            onClicked: chooser.chosen(chooser.current)
-        }
-        Item { Layout.fillHeight: true }
     }
 }

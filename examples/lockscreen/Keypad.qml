@@ -8,17 +8,20 @@ Grid {
     id: keypad
 
     property real unit: 1
+    // Whether there is little height.
+    property bool low: false
     property bool ready: false
     signal digit(string digit)
     signal erase()
     signal accepted()
 
-    columns: 3
+    columns: low ? 4 : 3
     rowSpacing: 8 * unit
-    columnSpacing: 22 * unit
+    columnSpacing: (low ? 16 : 22) * unit
 
     Repeater {
-        model: ["1", "2", "3", "4", "5", "6", "7", "8", "9", "erase", "0", "accept"]
+        model: keypad.low ? ["1", "2", "3", "erase", "4", "5", "6", "0", "7", "8", "9", "accept"]
+                          : ["1", "2", "3", "4", "5", "6", "7", "8", "9", "erase", "0", "accept"]
 
         AbstractButton {
             id: key
@@ -37,7 +40,8 @@ Grid {
             background: Rectangle {
                 radius: width / 2
                 color: key.accepts ? Theme.accent : key.erases ? "transparent" : Theme.surface
-                border.color: key.accepts || key.erases ? "transparent" : Qt.rgba(Theme.line.r, Theme.line.g, Theme.line.b, 0.4)
+                border.color: key.accepts || key.erases ? "transparent"
+                                                        : Qt.rgba(Theme.line.r, Theme.line.g, Theme.line.b, 0.4)
 
                 Rectangle {
                     anchors.fill: parent

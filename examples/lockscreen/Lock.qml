@@ -3,10 +3,12 @@ import Vantora.Auth 1.0
 
 // Follows the device lock, and unlocks it in attempts. It draws nothing.
 //
-// The device is unlocked when the daemon says so and at no other time: the outcome of a call, an error, or the time that
-// has passed is never taken for it. What the daemon may do late, or twice, or for somebody else is met with one rule:
-// an attempt has an AuthClient of its own, and so a connection of its own, which ends with the attempt and with every
-// change of the state. The answer to an attempt that has ended finds nobody any more.
+// The device is unlocked when the daemon says so and at no other time: the outcome of a call, an error, or the time
+// that has passed is never taken for it. What the daemon may do late, or twice, or for somebody else is met with one
+// rule: an attempt has an AuthClient of its own, and so a connection of its own, which ends with the attempt and with
+// every change of the state. The answer to an attempt that has ended finds nobody any more. So there must be no other
+// AuthClient in the process: clients that are there at the same time share a connection, and hear of each other's
+// tokens.
 Item {
     id: lock
 
@@ -21,7 +23,10 @@ Item {
     property int user: 0
     // Milliseconds until an attempt that has no outcome may be given up.
     property int patience: 10000
-    // Milliseconds until the state is asked for again while it is not known; doubled each time, to four times as much.
+    // Milliseconds until it ends by itself: who has entered the code may have gone, and what is late must not unlock
+    // then.
+    property int longestAttempt: 60000
+    // Milliseconds until the state is asked for again while it is not known; doubled four times, and then this again.
     property int retryPause: 2000
 
     readonly property int deviceState: devlock.item ? devlock.item.state : AuthDevlockClient.Undefined
@@ -40,7 +45,8 @@ Item {
 
     property int stage: Lock.Idle
     property var request: null
-    property int clients: 0
+    // The client that there is, until it is really gone: Component.onDestruction comes before that.
+    property QtObject existing: null
 
     // An attempt has ended, and the device is still locked.
     signal refused(string reason)
@@ -93,13 +99,14 @@ Item {
     }
 
     // A daemon that has come back need not announce the state, and then the client stays as it is: another one asks. No
-    // code can be entered before, as nobody knows whether it would count. The pause grows for the sake of a daemon that
-    // answers slowly, because a new client does not hear the answer to an old one. Should the system bus have gone, the
-    // new client ends the process, which starts again with another bus.
+    // code can be entered before, as nobody knows whether it would count. The pause grows, to more than D-Bus waits for
+    // an answer, for the sake of a daemon that answers slowly: a new client does not hear the answer to an old one.
+    // Then it begins anew, as nobody wants to wait so long for a daemon that is there again. Should the system bus have
+    // gone, the new client ends the process, which starts again with another bus.
     Timer {
         property int count: 0
 
-        interval: lock.retryPause << Math.min(count, 2)
+        interval: lock.retryPause << count % 5
         repeat: true
         running: lock.deviceState === AuthDevlockClient.Undefined
         onRunningChanged: count = 0
@@ -132,21 +139,20 @@ Item {
                 else if (lock.stage !== Lock.Unlocking)
                     dropAuthentication(); // Nobody has asked for it.
             }
-            Component.onCompleted: ++lock.clients
-            Component.onDestruction: --lock.clients
+            Component.onCompleted: lock.existing = this
         }
     }
 
     // While the former client is there, a new one would share its connection.
     Timer {
         interval: lock.frame
-        running: lock.deviceState === AuthDevlockClient.Locked && !client.active && !lock.clients
+        running: lock.deviceState === AuthDevlockClient.Locked && !client.active && !lock.existing
         onTriggered: client.active = true
     }
 
     Timer {
         interval: lock.frame
-        running: lock.stage === Lock.Sending && client.item !== null && client.item.ready
+        running: lock.stage === Lock.Sending && lock.request !== null && client.item !== null && client.item.ready
         onTriggered: {
             const request = lock.request;
             lock.request = null;
@@ -158,8 +164,8 @@ Item {
         }
     }
 
-    // Whatever setLocked() returns, the device is unlocked when the daemon announces it. It returns false, too, when the
-    // token has been dropped meanwhile.
+    // Whatever setLocked() returns, the device is unlocked when the daemon announces it. It returns false, too, when
+    // the token has been dropped meanwhile.
     Timer {
         interval: lock.frame
         running: lock.stage === Lock.Unlocking
@@ -169,10 +175,20 @@ Item {
         }
     }
 
+    // What has not been sent by then is not sent any more.
     Timer {
         interval: lock.patience
         running: lock.busy
-        onTriggered: lock.overdue = true
+        onTriggered: {
+            lock.overdue = true;
+            lock.request = null;
+        }
+    }
+
+    Timer {
+        interval: lock.longestAttempt
+        running: lock.busy
+        onTriggered: lock.fail(qsTr("There was no answer. Please try again."))
     }
 
     Timer {

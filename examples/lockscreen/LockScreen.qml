@@ -18,7 +18,8 @@ Sheet {
     property bool choosing: false
     readonly property bool offersEntry: lock.deviceState === AuthDevlockClient.Locked
     readonly property bool wide: width > height
-    readonly property real unit: Math.max(1, Math.min(width / (wide ? 720 : 360), height / 640, 1.4))
+    readonly property bool low: wide && height < 490
+    readonly property real unit: Math.max(0.7, Math.min(width / (wide ? 640 : 360), height / (wide ? 490 : 640), 1.4))
 
     // A code from elsewhere than the keyboard and the keypad, with which it goes the same way.
     function enter(code) { entry.enter(code) }
@@ -88,6 +89,7 @@ Sheet {
                 visible: screen.offersEntry && !screen.choosing
                 enabled: visible
                 unit: screen.unit
+                low: screen.low
                 factor: screen.factor
                 busy: lock.busy
                 overdue: lock.overdue

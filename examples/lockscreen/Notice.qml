@@ -47,14 +47,16 @@ ColumnLayout {
             Accessible.ignored: true
         }
     }
-    Label {
+    Text {
         objectName: "title"
         text: notice.title
+        color: Theme.text
         font.pixelSize: 24 * notice.unit
         horizontalAlignment: Text.AlignHCenter
         wrapMode: Text.Wrap
         Layout.fillWidth: true
         Accessible.role: Accessible.Heading
+        Accessible.name: text
     }
     Label {
         objectName: "text"
@@ -77,7 +79,7 @@ ColumnLayout {
         text: notice.action
         highlighted: true
         font.pixelSize: 16 * notice.unit
-        implicitHeight: Theme.touch * notice.unit
+        implicitHeight: Math.max(Theme.leastTouch, Theme.touch * notice.unit)
         implicitWidth: 200 * notice.unit
         Layout.alignment: Qt.AlignHCenter
         Layout.topMargin: Theme.gap

@@ -48,6 +48,13 @@ Sheet {
         updateChosen();
     }
 
+    // All that has been granted, and is under way, is no more.
+    function startOver() {
+        attempt.end();
+        signedIn = false;
+        step = 0;
+    }
+
     function updateChosen() {
         let rows = Factors.rows(AuthSettingsClient.factors)
                    .filter(row => !row.isUnlock && row.enabled && !row.disabled);
@@ -70,8 +77,30 @@ Sheet {
             user = 0;
     }
     onUserChanged: {
-        AuthSettingsClient.dropAuthentication();
+        startOver();
         read();
+    }
+
+    Attempt {
+        id: attempt
+
+        objectName: "attempt"
+        deviceState: device.state
+        onPassed: {
+            form.accept();
+            if (login.step + 1 < login.chosen.length)
+                ++login.step;
+            else
+                login.signedIn = true;
+        }
+        onRefused: {
+            form.refuse();
+            login.startOver();
+        }
+        onLost: {
+            form.giveUp();
+            login.startOver();
+        }
     }
 
     Device {
@@ -81,13 +110,6 @@ Sheet {
         onIsKnownChanged: if (isKnown && !login.signedIn) login.read()
     }
 
-    Connections {
-        target: AuthSettingsClient
-        function onDiscredit() {
-            login.step = 0;
-            login.signedIn = false;
-        }
-    }
     Connections {
         target: AuthSettingsClient.factors
         function onDataChanged() { login.updateChosen() }
@@ -113,8 +135,10 @@ Sheet {
                 implicitWidth: 88
                 Layout.alignment: Qt.AlignHCenter
             }
-            Label {
+            Text {
                 objectName: "heading"
+                textFormat: Text.PlainText
+                color: Theme.text
                 text: login.signedIn ? qsTr("Signed in as %1").arg(login.name)
                       : login.user ? login.name : qsTr("Who is signing in?")
                 font.pixelSize: 26
@@ -122,9 +146,11 @@ Sheet {
                 wrapMode: Text.Wrap
                 Layout.fillWidth: true
                 Accessible.role: Accessible.Heading
+                Accessible.name: text
             }
             Label {
                 objectName: "lastLogin"
+                textFormat: Text.PlainText
                 text: qsTr("Last sign-in: %1").arg(login.lastLogin)
                 visible: login.lastLogin
                 color: Theme.quiet
@@ -145,6 +171,7 @@ Sheet {
 
             Label {
                 objectName: "steps"
+                textFormat: Text.PlainText
                 text: qsTr("Step %1 of %2: %3").arg(login.step + 1).arg(login.chosen.length)
                       .arg(login.chosen.map(row => Factors.title(row.name, row.title)).join(", "))
                 visible: form.visible && login.chosen.length > 1
@@ -166,15 +193,12 @@ Sheet {
                 obstacle: device.obstacle
                 Layout.topMargin: Theme.gap
                 Layout.fillWidth: true
-                onPassed: {
-                    if (login.step + 1 < login.chosen.length)
-                        ++login.step;
-                    else
-                        login.signedIn = true;
-                }
+                onSubmitted: attempt.ask({ factor: factor, data: secret, uid: uid })
+                onGivenUp: login.startOver()
             }
             Label {
                 objectName: "noFactor"
+                textFormat: Text.PlainText
                 text: device.isKnown ? qsTr("There is no way for %1 to sign in on this device.").arg(login.name)
                                      : device.obstacle
                 visible: login.user && !form.row
@@ -200,7 +224,6 @@ Sheet {
                 text: login.signedIn ? qsTr("Sign out") : qsTr("Someone else")
                 flat: !login.signedIn
                 visible: login.user
-                // The answer to a request does not say whom it is about.
                 enabled: !form.asking
                 Layout.fillWidth: true
                 onClicked: login.user = 0

@@ -25,6 +25,12 @@ Sheet {
     // The daemon tells what is chosen for unlocking, but not what it offers: usually what it offers for login.
     property var unlockNames: []
 
+    // Whom a request was about whose outcome nobody awaits any more; 0 if there is none. A token that comes of it while
+    // somebody else's is awaited would be taken for that, because the daemon does not say whose it is; it would refuse
+    // the changes only. Changes need the token of this very client, whose connection lasts as long as the daemon. So
+    // nobody else can unlock their settings until the daemon has gone.
+    property int unheard: 0
+
     function nameOf(uid) {
         const found = users.find(entry => entry.uid === uid);
         return found ? found.name : "";
@@ -57,6 +63,7 @@ Sheet {
     padding: 0
     // A token is one user's.
     onUserChanged: {
+        form.giveUp();
         AuthSettingsClient.dropAuthentication();
         read();
     }
@@ -69,12 +76,33 @@ Sheet {
         id: device
 
         // The daemon is there, perhaps again and with other values.
-        onIsKnownChanged: if (isKnown) page.read()
+        onIsKnownChanged: {
+            if (isKnown)
+                page.read();
+            else
+                page.unheard = 0;
+        }
+        // This ends what is under way, and the daemon may answer it all the same.
+        onStateChanged: if (state === AuthDevlockClient.Locked) form.giveUp()
     }
 
     Connections {
         target: AuthSettingsClient
         function onUnlockFactorsChanged() { page.update() }
+        function onAuthenticatedChanged() {
+            if (!AuthSettingsClient.authenticated)
+                return;
+            if (!form.asking) {
+                // The late answer to a request that was given up, perhaps another user's.
+                AuthSettingsClient.dropAuthentication();
+                return;
+            }
+            form.accept();
+            // A daemon that has just answered can be read: changes must not start from values that are not this
+            // user's.
+            page.read();
+        }
+        function onDiscredit() { form.refuse() }
     }
     Connections {
         target: AuthSettingsClient.factors
@@ -109,13 +137,16 @@ Sheet {
                 ColumnLayout {
                     spacing: 2
 
-                    Label {
+                    Text {
                         objectName: "heading"
+                        textFormat: Text.PlainText
+                        color: Theme.text
                         text: page.user ? page.name : qsTr("Whose settings?")
                         font.pixelSize: 22
                         elide: Text.ElideRight
                         Layout.fillWidth: true
                         Accessible.role: Accessible.Heading
+                        Accessible.name: text
                     }
                     Label {
                         text: qsTr("Sign-in and unlocking")
@@ -154,11 +185,19 @@ Sheet {
                         factor: page.loginFactors.length ? page.loginFactors[0].name : "code"
                         label: page.titleOf(factor)
                         action: qsTr("Unlock settings")
-                        obstacle: device.obstacle
+                        obstacle: device.obstacle ? device.obstacle
+                                  : page.unheard && page.unheard !== page.user
+                                    ? qsTr("A request about %1 is still open. "
+                                           + "Please close the settings and open them again.")
+                                      .arg(page.nameOf(page.unheard))
+                                    : ""
                         Layout.fillWidth: true
-                        // A daemon that has just answered can be read: changes must not start from values that are not
-                        // this user's.
-                        onPassed: page.read()
+                        onSubmitted: AuthSettingsClient.authenticate("login",
+                                                                     { factor: factor, data: secret, uid: uid })
+                        onGivenUp: {
+                            page.unheard = askedUid;
+                            AuthSettingsClient.dropAuthentication();
+                        }
                     }
                     PushButton {
                         objectName: "lock"
@@ -173,10 +212,12 @@ Sheet {
                 Card {
                     visible: warning.text
 
-                    Label {
+                    Text {
                         id: warning
 
                         objectName: "warning"
+                        textFormat: Text.PlainText
+                        color: Theme.text
                         text: AuthSettingsClient.userWarning !== "settings_users-la-user_has_token_hint"
                               ? AuthSettingsClient.userWarning
                               : qsTr("Keep your smart card at hand: you need it to sign in or to unlock the device.")

@@ -12,6 +12,7 @@ Rectangle {
 
     Label {
         anchors.centerIn: parent
+        textFormat: Text.PlainText
         text: parent.name.charAt(0).toUpperCase()
         color: Theme.accentText
         font.pixelSize: parent.width * 0.45

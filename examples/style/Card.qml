@@ -21,13 +21,16 @@ Pane {
 
         spacing: Theme.gap / 2
 
-        Label {
+        Text {
             text: title
             visible: text
+            color: Theme.text
+            font.pixelSize: 16
             font.bold: true
             wrapMode: Text.Wrap
             Layout.fillWidth: true
             Accessible.role: Accessible.Heading
+            Accessible.name: text
         }
     }
 }

@@ -19,6 +19,7 @@ ItemDelegate {
             implicitWidth: 40
         }
         Label {
+            textFormat: Text.PlainText
             text: choice.text
             elide: Text.ElideRight
             Layout.fillWidth: true

@@ -24,6 +24,17 @@ Button {
         }
         FocusRing { shown: button.visualFocus }
     }
+    contentItem: Text {
+        text: button.text
+        textFormat: Text.PlainText
+        font: button.font
+        color: button.highlighted ? button.palette.brightText
+               : button.flat ? button.palette.windowText : button.palette.buttonText
+        elide: Text.ElideRight
+        horizontalAlignment: Text.AlignHCenter
+        verticalAlignment: Text.AlignVCenter
+        Accessible.ignored: true
+    }
     Accessible.name: text
     Accessible.role: Accessible.Button
     Accessible.onPressAction: if (enabled) clicked()

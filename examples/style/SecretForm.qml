@@ -1,9 +1,8 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
-import Vantora.Auth 1.0
 
-// Asks for a user's secret and has the daemon judge it.
+// Asks for a user's secret. Who uses it has the daemon judge the secret, and tells the form the outcome.
 ColumnLayout {
     id: form
 
@@ -19,22 +18,40 @@ ColumnLayout {
     property bool asking: false
     property bool isStuck: false
     property string asked
-    signal passed()
+    property int askedUid: 0
+    signal submitted(string secret)
+    // Nobody waits for the outcome any more, which may come all the same; it is about askedUid.
+    signal givenUp()
 
     function ask() {
         if (asking || obstacle || !secret.text)
             return;
         message = "";
         asked = label;
+        askedUid = uid;
         asking = true;
         const data = secret.text;
         secret.clear();
-        AuthSettingsClient.authenticate("login", { factor: factor, data: data, uid: uid });
+        submitted(data);
     }
 
     function giveUp() {
+        if (!asking)
+            return;
         asking = false;
-        AuthSettingsClient.dropAuthentication();
+        givenUp();
+        focusSecret();
+    }
+
+    function accept() {
+        asking = false;
+    }
+
+    function refuse() {
+        if (!asking)
+            return;
+        asking = false;
+        message = qsTr("%1 was not accepted. Please try again.").arg(asked);
         focusSecret();
     }
 
@@ -47,11 +64,11 @@ ColumnLayout {
     onAskingChanged: isStuck = false
     // An answer that is still to come is about something else then.
     onFactorChanged: {
-        asking = false;
+        giveUp();
         secret.clear();
     }
     onUidChanged: {
-        asking = false;
+        giveUp();
         secret.clear();
         message = "";
     }
@@ -61,28 +78,6 @@ ColumnLayout {
     }
     onVisibleChanged: Qt.callLater(focusSecret)
 
-    Connections {
-        target: AuthSettingsClient
-        function onAuthenticatedChanged() {
-            if (!AuthSettingsClient.authenticated)
-                return;
-            if (form.asking) {
-                form.asking = false;
-                form.passed();
-            } else {
-                // The late answer to a request that was given up, perhaps another user's.
-                AuthSettingsClient.dropAuthentication();
-            }
-        }
-        function onDiscredit() {
-            if (!form.asking)
-                return;
-            form.asking = false;
-            form.message = qsTr("%1 was not accepted. Please try again.").arg(form.asked);
-            form.focusSecret();
-        }
-    }
-
     Timer {
         interval: form.patience
         running: form.asking
@@ -90,6 +85,7 @@ ColumnLayout {
     }
 
     Label {
+        textFormat: Text.PlainText
         text: form.label
         color: Theme.quiet
         font.pixelSize: 14
@@ -133,7 +129,7 @@ ColumnLayout {
             palette.dark: Theme.accent
             Accessible.ignored: true
         }
-        Label {
+        Text {
             id: note
 
             objectName: "note"

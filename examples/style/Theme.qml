@@ -16,6 +16,8 @@ QtObject {
     readonly property color good: dark ? "#7fd99a" : "#1b6e37"
 
     readonly property int touch: 48
+    // On a phone that is held sideways.
+    readonly property int leastTouch: 40
     readonly property int gap: 16
     readonly property int column: 400
 }

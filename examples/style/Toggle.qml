@@ -3,7 +3,7 @@ import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 
 // A switch that shows what the daemon last said, never what was wished for.
-SwitchDelegate {
+CheckDelegate {
     id: toggle
 
     property bool on: false
@@ -50,6 +50,7 @@ SwitchDelegate {
         spacing: 2
 
         Label {
+            textFormat: Text.PlainText
             text: toggle.text
             wrapMode: Text.Wrap
             rightPadding: toggle.indicator.width + Theme.gap
@@ -59,6 +60,7 @@ SwitchDelegate {
         Label {
             id: caption
 
+            textFormat: Text.PlainText
             text: toggle.refused ? qsTr("Not accepted") : toggle.note
             visible: text
             color: toggle.refused ? Theme.danger : Theme.quiet
@@ -81,7 +83,7 @@ SwitchDelegate {
         border.width: 2
 
         Rectangle {
-            x: 4 + toggle.visualPosition * (parent.width - width - 8)
+            x: 4 + (toggle.checked ? 1 : 0) * (parent.width - width - 8)
             anchors.verticalCenter: parent.verticalCenter
             width: 20
             height: 20

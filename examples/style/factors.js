@@ -1,8 +1,9 @@
 .pragma library
 
-// What a factor is called on the screen. Its title is the id of a translation where the host has installed none.
+// What a factor is called on the screen. Its title is the id of a translation where the host has installed none, with
+// question marks for letters that are not Latin.
 function title(name, title) {
-    if (title && title !== "authd-factor-" + name)
+    if (title && !title.startsWith("authd-factor-"))
         return title;
     switch (name) {
     case "code":
