@@ -35,6 +35,8 @@ const char FreezesForEver[] = "A host freezes when it starts, for as long as thi
 
 // What to do about it.
 const char StartDaemon[] = "Start the daemon: systemctl start authd";
+// It may run, and have lost its socket.
+const char StartAfresh[] = "Start the daemon, or start it again: systemctl restart authd";
 const char RestartDaemon[] = "See what it does, and restart it: journalctl -u authd; systemctl restart authd";
 const char StartBus[] = "Start the system bus: systemctl start dbus.socket";
 const char RestartBus[] = "See what it does: journalctl -u dbus. Should it stay so, restart the machine";
@@ -419,7 +421,7 @@ void Doctor::examineSocket()
         return;
     }
     if (outcome != Outcome::Fine) {
-        const Explanation why = explain(path, link.systemError(), latin(StartDaemon));
+        const Explanation why = explain(path, link.systemError(), latin(StartAfresh));
         tell(Fault, "socket", why.finding, Ends, why.remedy);
         return;
     }
@@ -610,8 +612,8 @@ void Doctor::examinePolicy(BusLink &bus)
     }
 
     // The bus judges a signal by the process that would receive it, with or without a destination, so one that goes to
-    // authctl alone tells what others could be sent, unless the policy has rules for broadcasts (send_broadcast). It has
-    // no argument: a host would not take it, should it ever get there.
+    // authctl alone tells what others could be sent, unless the policy has rules for broadcasts (send_broadcast). It
+    // has no argument: a host would not take it, should it ever get there.
     bus.expectSignalFrom(name.text);
     outcome = stranger.sendSignal(
         {m_busName, latin(devlockInterface().path), latin(devlockInterface().name), QStringLiteral("StateChanged")},
@@ -626,7 +628,7 @@ void Doctor::examinePolicy(BusLink &bus)
              QStringLiteral("user %1 may send device-lock signals: the bus delivered one that it directed at authctl")
                  .arg(user),
              "A host can be deceived: it believes the device-lock state whoever announces it.",
-             QStringLiteral("Have the bus forbid them: cp /usr/share/doc/libauth-client/examples/%1.conf "
+             QStringLiteral("Have the bus forbid them: cp " EXAMPLES_DIR "/%1.conf "
                             "/usr/share/dbus-1/system.d/ && systemctl reload dbus")
                  .arg(latin(Service)));
     } else if (outcome == Outcome::Fine) {

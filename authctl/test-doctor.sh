@@ -20,8 +20,8 @@ me=$(id -u)
 open=3 right='Nothing is wrong$'
 [ "$me" -eq 0 ] || open=0 right='see the notices$'
 
-# found STATUS PATTERN WORLD SCRIPT: in a world of its own SCRIPT ends with STATUS and prints what matches. The cases run
-# side by side: some do nothing but wait.
+# found STATUS PATTERN WORLD SCRIPT: in a world of its own SCRIPT ends with STATUS and prints what matches. The cases
+# run side by side: some do nothing but wait.
 found()
 {
     count=$((count + 1))
@@ -120,10 +120,10 @@ found 0 '^Locked SecurityUi $' --standin '
     awk "\$2 == \"state\" { printf \"%s \", \$3 }" /run/out'
 
 # The socket
-found 1 'fault  *socket  *there is no socket /var/run/authd/authd.socket, though its directory is there.*A host ends with status 1.*systemctl start authd' \
+found 1 'fault  *socket  *there is no socket /var/run/authd/authd.socket, though its directory is there.*A host ends with status 1.*systemctl restart authd' \
     --standin 'ctl "{\"do\":\"stop\"}"; both'
 found 1 'its directory /var/run/authd is missing' '' both
-found 1 '"check":"socket","consequence":"A host ends with status 1.","event":"check","finding":"[^"]*is missing","level":"fault","remedy":"Start the daemon: systemctl start authd","status":1.*"command":"doctor","error":"a host would end with status 1 here","ok":false,"status":1' \
+found 1 '"check":"socket","consequence":"A host ends with status 1.","event":"check","finding":"[^"]*is missing","level":"fault","remedy":"Start the daemon, or start it again: systemctl restart authd","status":1.*"command":"doctor","error":"a host would end with status 1 here","ok":false,"status":1' \
     '' 'doctor --json'
 found 1 'is a symbolic link to nothing' '' 'mkdir /run/authd; ln -s /nowhere $SOCKET; both'
 found 1 '/var/run/authd is no directory' '' 'touch /run/authd; both'

@@ -7,8 +7,8 @@ dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 failures=0
 count=0
-# The toolkit readies the system bus in a thread of its own, and leaves objects behind in a process that ends before that.
-# What authctl itself leaves is found by memcheck.
+# The toolkit readies the system bus in a thread of its own, and leaves objects behind in a process that ends before
+# that. What authctl itself leaves is found by memcheck.
 export ASAN_OPTIONS=${ASAN_OPTIONS-}:detect_leaks=0
 
 # status STATUS PATTERN COMMAND…: COMMAND ends with STATUS and prints what matches PATTERN and no secret.
@@ -109,7 +109,8 @@ until_told() # TEXT
     done
 }
 
-# Unlike authctl's own waiting, a call that the library waits for takes its full time. It goes on beside the other tests.
+# Unlike authctl's own waiting, a call that the library waits for takes its full time. It goes on beside the other
+# tests.
 ctl '{"do":"misbehave","method":"SetUserOption","how":"mute","times":1}' '{"do":"clear-calls"}'
 changes user 1000 set show-notifications off --timeout 1 >"$dir/mute" 2>&1 &
 mute=$!

@@ -41,9 +41,10 @@ Action goesAt(const QByteArray &method, int nth, const QByteArray &how)
 {
     return [=](Play &play) {
         misbehaveAt(play, method, nth, how);
-        // A client that is being made ends the process when the socket goes. Only then it asks to be introspected.
+        // A client that is being made ends the process when the socket goes. Only then it asks for the state, and to be
+        // introspected; a host may claim something before.
         play.mayEnd(
-            [&play, method, nth] { return (!play.isUp() || method == "Introspect") && play.wasCalled(method, nth); });
+            [&play, method, nth] { return (!play.isUp() || !isPeerCall(method)) && play.wasCalled(method, nth); });
         play.start();
         play.reach(method, nth);
         if (how == "crash")
@@ -93,7 +94,7 @@ Action answersAt(
 Action idles(const Action &happening)
 {
     return [=](Play &play) {
-        play.start();
+        play.startIdle();
         happening(play);
         play.quiet();
         play.usable();
@@ -200,7 +201,7 @@ void wrongCodesLockOut(Play &play)
 Action lockedOut(const QByteArray &kind)
 {
     return [=](Play &play) {
-        play.start();
+        play.startIdle();
         play.daemon(R"({"do":"lockout","kind":")" + kind + R"("})");
         play.enter(play.rightCode());
         play.quiet();
@@ -255,7 +256,7 @@ void otherPlaces(Play &play)
 
 void busDies(Play &play)
 {
-    play.start();
+    play.startIdle();
     // It cannot reach the bus again: what supervises it may have to.
     play.mayEnd();
     play.killBus();
@@ -426,7 +427,7 @@ std::vector<Day> makeDays()
         }));
 
     add("returns-without-socket", "returns to the bus without its socket", [](Play &play) {
-        play.start();
+        play.startIdle();
         returns("socket")(play);
         play.usable();
     });
@@ -437,7 +438,7 @@ std::vector<Day> makeDays()
         play.usable();
     });
     add("returns-closing", "returns with a socket that closes every connection", [](Play &play) {
-        play.start();
+        play.startIdle();
         returns("close")(play);
         play.usable();
     });

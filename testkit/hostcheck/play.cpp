@@ -173,6 +173,15 @@ void Play::start()
     m_peersAtStart = m_peers;
 }
 
+void Play::startIdle()
+{
+    start();
+    // Some hosts connect only when there is something to ask.
+    until([this] { return m_peers > 0; }, Grace);
+    quiet();
+    m_peersAtStart = m_peers;
+}
+
 void Play::enter(const QByteArray &code)
 {
     say("enter " + code);

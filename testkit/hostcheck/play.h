@@ -43,6 +43,8 @@ public:
 
     /** Starts the host and waits until it is up. */
     void start();
+    /** The same, and waits until it has connected: it may claim something before. */
+    void startIdle();
     /** Status 1 is what the library documents from now on, while @p where is true. */
     void mayEnd(std::function<bool()> where = [] { return true; });
     bool isUp() const
