@@ -3,7 +3,9 @@
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkgconf qtbase5-dev)
 STANDIN_PACKAGES=(libglib2.0-dev libjson-glib-dev dbus-daemon util-linux mount)
-TEST_PACKAGES=(qtdeclarative5-dev)
+SCREEN_PACKAGES=(qtdeclarative5-dev qml-module-qtqml-models2 qml-module-qtquick2 qml-module-qtquick-window2
+    qml-module-qtquick-layouts qml-module-qtquick-controls2 fonts-dejavu-core)
+TEST_PACKAGES=("${SCREEN_PACKAGES[@]}" qml-module-qttest qtdeclarative5-dev-tools)
 VALGRIND_PACKAGES=(valgrind)
 
 # Installs what is missing of the packages named; where that takes rights that one has not, says what to do.

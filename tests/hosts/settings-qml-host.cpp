@@ -20,8 +20,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-void qml_register_types_QtQml_Models();
-
 namespace {
 const char source[] = R"(
 import QtQml 2.15
@@ -154,7 +152,6 @@ int main(int argc, char **argv)
     const QByteArray order(argv[2]);
     const bool flight = QByteArray(argv[3]) == "flight";
     static QCoreApplication application(argc, argv);
-    qml_register_types_QtQml_Models();
     if (order == "after") {
         static Screen screen;
         return live(screen, exposure, flight, argv[4]);

@@ -1,16 +1,11 @@
-// Loads one QML file, with the library's classes registered as the README says.
+// Loads one QML file, as any QML runtime would.
 
-#include <AuthClient>
-
-#include <QtCore/QCoreApplication>
+#include <QtGui/QGuiApplication>
 #include <QtQml/QQmlApplicationEngine>
-#include <QtQml/QtQml>
 
 int main(int argc, char **argv)
 {
-    QCoreApplication application(argc, argv);
-    qmlRegisterType<AuthClient>("Vantora.Auth", 1, 0, "AuthClient");
-
+    QGuiApplication application(argc, argv);
     QQmlApplicationEngine engine;
     engine.load(QString::fromLocal8Bit(argv[1]));
     return engine.rootObjects().isEmpty() ? 2 : QCoreApplication::exec();

@@ -1,0 +1,1032 @@
+import QtQuick 2.15
+import QtTest 1.15
+import Vantora.Auth 1.0
+
+LockScreenCase {
+    id: test
+
+    name: "lockscreen"
+
+    Component {
+        id: otherClient
+
+        AuthClient {}
+    }
+
+    function lastCall(method) {
+        const calls = daemon.calls(method);
+        return calls[calls.length - 1];
+    }
+
+    function waitForRefusal() {
+        tryVerify(() => !find("lock").busy && text("message") !== "");
+        compare(screen.unlocked, false);
+    }
+
+    function unlockWithCode() {
+        waitForEntry();
+        typeCode("1234");
+        verifyUnlocks();
+    }
+
+    // The good days.
+
+    function test_startsLockedAndSettlesWhenTheDaemonHasTold() {
+        daemon.hold("GetState");
+        start();
+        compare(screen.unlocked, false);
+        compare(screen.settled, false);
+        verify(isShown("notice"));
+        verify(!isShown("prompt"));
+        daemon.behave();
+        daemon.release();
+        tryCompare(screen, "settled", true);
+        verify(isShown("prompt"));
+        verify(!isShown("notice"));
+        compare(screen.unlocked, false);
+    }
+
+    function test_theFirstDiscreditOfAClientIsNoFailure() {
+        startLocked();
+        // The screen's own question, and its client's.
+        waitForCalls("GetState", 2);
+        settle();
+        compare(text("message"), "");
+        typeCode("1234");
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 1);
+    }
+
+    function test_aDiscreditThatComesLateIsNoFailureEither() {
+        startLocked();
+        daemon.hold("GetState");
+        waitForCalls("GetState", 2);
+        typeCode("1234");
+        settle();
+        compare(daemon.calls("Authenticate").length, 0);
+        daemon.release();
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 1);
+    }
+
+    function test_rightCodeUnlocksWithOneAttempt() {
+        startLocked();
+        typeCode("1234");
+        verifyUnlocks();
+        const asked = daemon.calls("Authenticate");
+        compare(asked.length, 1);
+        compare(asked[0].signature, "sa{sv}");
+        verify(/^\('unlock', \{.*'factor': <'code'>/.test(asked[0].args), "factor");
+        verify(/'data': <'1234'>/.test(asked[0].args), "data");
+        verify(/'uid': <(uint32 )?1000>/.test(asked[0].args), "uid");
+        verify(/'challenge': <.*byte 0x/.test(asked[0].args), "challenge");
+        const set = daemon.calls("SetDevlockState");
+        compare(set.length, 1);
+        compare(set[0].signature, "ayi");
+        verify(/^\(\[byte 0x.*\], 0\)$/.test(set[0].args), "token and state");
+        compare(daemon.calls("SetState").length, 0);
+        verify(isShown("unlockedPage"));
+        verify(!isShown("prompt"));
+    }
+
+    function test_theDaemonsDefaultUserUnlocksWhenNoneIsGiven() {
+        user = 0;
+        startLocked();
+        typeCode("1234");
+        verifyUnlocks();
+        verify(!/'uid'/.test(lastCall("Authenticate").args));
+    }
+
+    function test_anotherUserUnlocks() {
+        user = 1001;
+        startLocked();
+        typeCode("1234");
+        waitForRefusal();
+        typeCode("9876");
+        verifyUnlocks();
+        verify(/'uid': <(uint32 )?1001>/.test(lastCall("Authenticate").args));
+    }
+
+    function test_keypadUnlocksByMouse() {
+        startLocked();
+        for (const key of ["1", "2", "3", "4"])
+            press("key-" + key);
+        press("key-accept");
+        verifyUnlocks();
+    }
+
+    function test_keypadUnlocksByTouch() {
+        startLocked();
+        for (const key of ["1", "2", "3", "4"])
+            tap("key-" + key);
+        tap("key-accept");
+        verifyUnlocks();
+    }
+
+    function test_everyKeyOfTheKeypadGivesItsDigit() {
+        startLocked();
+        for (const key of "1234567890")
+            press("key-" + key);
+        compare(find("code").digits, "1234567890");
+    }
+
+    function test_aCodeFromElsewhereGoesTheSameWay() {
+        startLocked();
+        screen.enter("1234");
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 1);
+    }
+
+    function test_digitsAreShownAsDotsAndCanBeErased() {
+        startLocked();
+        type("123");
+        compare(find("code").digits, "123");
+        compare(find("code").Accessible.description, "Code, 3 digit(s) entered");
+        keyClick(Qt.Key_Backspace);
+        compare(find("code").digits, "12");
+        press("key-erase");
+        compare(find("code").digits, "1");
+        keyClick("x");
+        keyClick(" ");
+        compare(find("code").digits, "1");
+        press("key-erase");
+        verify(!find("key-erase").enabled);
+        verify(!find("key-accept").enabled);
+        type("1".repeat(40));
+        compare(find("code").digits.length, 32);
+        // Nothing that was there comes back.
+        keySequence(StandardKey.Undo);
+        compare(find("code").digits.length, 32);
+    }
+
+    function test_wrongCodeIsRefusedAndTheRightOneUnlocksAfterwards() {
+        startLocked();
+        typeCode("9999");
+        compare(find("code").digits, "");
+        waitForRefusal();
+        compare(text("message"), "That was not accepted. Please try again.");
+        compare(find("code").digits, "");
+        compare(daemon.calls("SetDevlockState").length, 0);
+        type("1");
+        compare(text("message"), "");
+        type("234");
+        keyClick(Qt.Key_Return);
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 2);
+    }
+
+    function test_aRefusalShakesTheFieldAndItComesToRest() {
+        startLocked();
+        const place = find("code").parent;
+        const rest = place.mapToItem(screen, 0, 0).x;
+        let moved = false;
+        typeCode("9999");
+        tryVerify(() => {
+            moved = moved || place.mapToItem(screen, 0, 0).x !== rest;
+            return moved;
+        });
+        tryVerify(() => !find("lock").busy && place.mapToItem(screen, 0, 0).x === rest);
+    }
+
+    function test_aCodeOfZerosIsSentLikeAnyOther() {
+        startLocked();
+        press("key-0");
+        press("key-accept");
+        waitForRefusal();
+        verify(/'data': <'0'>/.test(lastCall("Authenticate").args));
+    }
+
+    function test_anEmptyCodeIsNotSent() {
+        startLocked();
+        keyClick(Qt.Key_Return);
+        screen.enter("");
+        settle();
+        compare(find("lock").busy, false);
+        compare(daemon.calls("Authenticate").length, 0);
+    }
+
+    function test_aCodeIsSentOnceHoweverOftenItIsConfirmed() {
+        daemon.hold("Authenticate");
+        startLocked();
+        const accept = find("key-accept");
+        type("1234");
+        keyClick(Qt.Key_Return);
+        keyClick(Qt.Key_Enter);
+        mouseClick(accept);
+        screen.enter("1234");
+        type("1234");
+        keyClick(Qt.Key_Return);
+        waitForCalls("Authenticate", 1);
+        typeCode("1234");
+        screen.enter("1234");
+        compare(find("lock").attempt("code", "1234"), false);
+        settle();
+        compare(daemon.calls("Authenticate").length, 1);
+        daemon.behave();
+        daemon.release();
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 1);
+        compare(daemon.calls("SetDevlockState").length, 1);
+    }
+
+    function test_progressIsShownAndEntryWaits() {
+        daemon.hold("Authenticate");
+        startLocked();
+        typeCode("1234");
+        compare(text("message"), "Checking…");
+        waitForCalls("Authenticate", 1);
+        compare(text("message"), "Checking…");
+        verify(!find("keypad").enabled);
+        verify(!find("footer").enabled);
+        daemon.release();
+        verifyUnlocks();
+    }
+
+    // No object of the screen holds the code once it is sent.
+    function test_theCodeIsKeptNowhere() {
+        daemon.hold("Authenticate");
+        startLocked();
+        typeCode("73519");
+        waitForCalls("Authenticate", 1);
+        const holders = [];
+        for (const item of items(screen)) {
+            for (const name in item) {
+                const value = item[name];
+                if (typeof value === "string" && value.indexOf("73519") >= 0
+                        || value && name === "request" && JSON.stringify(value).indexOf("73519") >= 0)
+                    holders.push(item + "." + name);
+            }
+        }
+        compare(holders, []);
+        compare(find("lock").request, null);
+    }
+
+    function test_lockNowLocks_data() {
+        return [{ tag: "mouse", how: () => press("action") }, { tag: "touch", how: () => tap("action") },
+                { tag: "keyboard", how: () => keyClick(Qt.Key_Return) },
+                { tag: "space", how: () => keyClick(Qt.Key_Space) }];
+    }
+
+    function test_lockNowLocks(data) {
+        startLocked();
+        typeCode("1234");
+        verifyUnlocks();
+        data.how();
+        waitForEntry();
+        compare(screen.unlocked, false);
+        compare(daemon.lockState(), AuthDevlockClient.Locked);
+        compare(daemon.calls("SetState").length, 1);
+        compare(daemon.calls("SetState")[0].args, "(1,)");
+        // As new.
+        compare(text("message"), "");
+        compare(find("code").digits, "");
+        verify(find("code").activeFocus);
+        typeCode("1234");
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 2);
+    }
+
+    function test_aRefusedLockNowIsTold() {
+        daemon.fail("SetState");
+        startUnlocked();
+        press("action");
+        tryVerify(() => find("unlockedPage").text === "The device could not be locked. Please try again.");
+        compare(screen.unlocked, true);
+        daemon.behave();
+        press("action");
+        tryCompare(screen, "unlocked", false);
+    }
+
+    // The states.
+
+    function test_entryIsClosedInEveryStateButLocked_data() {
+        return [
+            { tag: "CodeEntryLockout", state: 3, title: "Too many wrong codes" },
+            { tag: "ManagerLockout", state: 2, title: "This device is locked", text: /manager/ },
+            { tag: "SecurityUi", state: 5, title: "This device is locked", text: /security/ },
+            { tag: "Undefined", state: 4, title: "One moment", text: /Waiting/ },
+            { tag: "another number", state: 7, title: "This device is locked", text: /not possible/ },
+            { tag: "a negative number", state: -1, title: "This device is locked", text: /not possible/ },
+            { tag: "a large number", state: 2147483647, title: "This device is locked", text: /not possible/ },
+            { tag: "256", state: 256, title: "This device is locked", text: /not possible/ },
+        ];
+    }
+
+    function test_entryIsClosedInEveryStateButLocked(data) {
+        startLocked();
+        type("12");
+        daemon.setLockState(data.state);
+        tryVerify(() => isShown("notice"));
+        compare(screen.unlocked, false);
+        const notice = find("notice");
+        compare(notice.title, data.title);
+        if (data.text)
+            verify(data.text.test(notice.text), notice.text);
+        verify(!isShown("prompt"));
+        verify(!isShown("unlockedPage"));
+        compare(find("code").digits, "");
+        type("12");
+        compare(find("code").digits, "");
+        typeCode("1234");
+        screen.enter("1234");
+        settle();
+        compare(daemon.calls("Authenticate").length, 0);
+        compare(screen.unlocked, false);
+        daemon.lock();
+        waitForEntry();
+        compare(find("code").digits, "");
+        unlockWithCode();
+    }
+
+    function test_startsInEachState_data() {
+        return [{ tag: "Unlocked", state: 0, shown: "unlockedPage" }, { tag: "ManagerLockout", state: 2, shown: "notice" },
+                { tag: "CodeEntryLockout", state: 3, shown: "notice" }, { tag: "SecurityUi", state: 5, shown: "notice" },
+                { tag: "another number", state: 9, shown: "notice" }];
+    }
+
+    function test_startsInEachState(data) {
+        daemon.setLockState(data.state);
+        start();
+        tryCompare(screen, "settled", true);
+        verify(isShown(data.shown));
+        verify(!isShown("prompt"));
+        compare(screen.unlocked, data.state === 0);
+        // Nothing to enter, nobody to ask.
+        settle();
+        compare(daemon.calls("GetState").length, 1);
+    }
+
+    function test_threeWrongCodesLockTheEntryOut() {
+        startLocked();
+        for (let i = 1; i < 3; ++i) {
+            typeCode("0000");
+            waitForRefusal();
+        }
+        typeCode("0000");
+        tryVerify(() => isShown("notice"));
+        compare(find("notice").title, "Too many wrong codes");
+        compare(daemon.lockState(), AuthDevlockClient.CodeEntryLockout);
+        daemon.lockout("none");
+        waitForEntry();
+        compare(text("message"), "");
+        unlockWithCode();
+    }
+
+    function test_unlockedElsewhereWhileACodeIsBeingChecked() {
+        daemon.hold("Authenticate");
+        startLocked();
+        typeCode("9999");
+        waitForCalls("Authenticate", 1);
+        daemon.unlock();
+        verifyUnlocks();
+        daemon.release();
+        daemon.lock();
+        tryCompare(screen, "unlocked", false);
+        settle();
+        compare(screen.unlocked, false);
+        compare(text("message"), "");
+    }
+
+    // The choice of a factor.
+
+    function openChooser() {
+        press("footer");
+        tryVerify(() => isShown("factor-code"));
+    }
+
+    function test_theFactorsAreNotAskedForBeforeTheyAreWanted() {
+        startLocked();
+        settle();
+        for (const method of ["GetOption", "GetUserOption", "GetUserOptions"])
+            compare(daemon.calls(method).length, 0);
+    }
+
+    function test_theChooserOffersTheUsersFactorsByName() {
+        daemon.setOption("worker/service-factors/unlock", ["code", "smartcard", "sudis", "slow"], 1000);
+        startLocked();
+        openChooser();
+        compare(find("factor-code").text, "Code");
+        compare(find("factor-smartcard").text, "Smart card");
+        compare(find("factor-sudis").text, "Sudis");
+        compare(find("factor-slow").text, "slow");
+        verify(!isShown("factor-broken"));
+        verify(!isShown("prompt"));
+        verify(find("factor-code").activeFocus);
+        compare(find("factor-code").Accessible.description, "In use now");
+        compare(find("factor-sudis").Accessible.description, "");
+    }
+
+    function test_theChooserReadsAnewEachTime() {
+        startLocked();
+        openChooser();
+        verify(!isShown("factor-sudis"));
+        keyClick(Qt.Key_Escape);
+        daemon.request({ do: "set-option", uid: 1000, key: "worker/service-factors/unlock", value: ["code", "sudis"],
+                         announce: false });
+        openChooser();
+        verify(isShown("factor-sudis"));
+        verify(!isShown("factor-smartcard"));
+    }
+
+    function test_theChooserOffersTheCodeWhenItKnowsNoFactor() {
+        daemon.setOption("worker/service-factors/unlock", [], 1000);
+        startLocked();
+        openChooser();
+        compare(items(screen).filter(item => /^factor-/.test(item.objectName)).length, 1);
+    }
+
+    function test_anotherFactorUnlocks_data() {
+        return [{ tag: "smartcard", secret: "card-1000", prompt: "Enter the secret of your smart card" },
+                { tag: "sudis", secret: "correct horse", prompt: "Enter your Sudis password" },
+                { tag: "slow", secret: "1234", prompt: "Enter your secret for “slow”" }];
+    }
+
+    function test_anotherFactorUnlocks(data) {
+        daemon.setOption("worker/service-factors/unlock", ["code", data.tag], 1000);
+        startLocked();
+        openChooser();
+        press("factor-" + data.tag);
+        tryVerify(() => isShown("field"));
+        compare(text("prompt"), data.prompt);
+        verify(!isShown("keypad"));
+        verify(!isShown("code"));
+        verify(find("field").activeFocus);
+        compare(find("field").echoMode, TextInput.Password);
+        type(data.secret);
+        keyClick(Qt.Key_Return);
+        compare(find("field").text, "");
+        verifyUnlocks();
+        verify(lastCall("Authenticate").args.indexOf("'factor': <'" + data.tag + "'>") > 0);
+        verify(lastCall("Authenticate").args.indexOf("'data': <'" + data.secret + "'>") > 0);
+        daemon.lock();
+        waitForEntry();
+        verify(isShown("keypad"));
+    }
+
+    function test_aWrongSecretOfAnotherFactorIsRefusedAndNotToBeHadBack() {
+        daemon.setOption("worker/service-factors/unlock", ["code", "sudis"], 1000);
+        startLocked();
+        openChooser();
+        press("factor-sudis");
+        type("battery staple");
+        press("unlock");
+        waitForRefusal();
+        compare(find("field").text, "");
+        verify(find("field").activeFocus);
+        keySequence(StandardKey.Undo);
+        compare(find("field").text, "");
+    }
+
+    function test_aFactorsNameIsNoMarkup() {
+        daemon.setOption("worker/service-factors/unlock", ["code", "<b>x</b>"], 1000);
+        startLocked();
+        openChooser();
+        press("factor-<b>x</b>");
+        tryVerify(() => isShown("field"));
+        const prompt = find("prompt");
+        const width = prompt.contentWidth;
+        prompt.textFormat = Text.PlainText;
+        compare(prompt.contentWidth, width);
+    }
+
+    function test_theChooserIsOperatedByKeys() {
+        startLocked();
+        keyClick(Qt.Key_Tab);
+        verify(find("footer").activeFocus);
+        verify(find("footer").visualFocus);
+        keyClick(Qt.Key_Return);
+        tryVerify(() => isShown("factor-code"));
+        verify(find("factor-code").activeFocus);
+        keyClick(Qt.Key_Down);
+        verify(find("factor-smartcard").activeFocus);
+        verify(find("factor-smartcard").visualFocus);
+        keyClick(Qt.Key_Down);
+        verify(find("leave").activeFocus);
+        keyClick(Qt.Key_Up);
+        verify(find("factor-smartcard").activeFocus);
+        keyClick(Qt.Key_Up);
+        verify(find("factor-code").activeFocus);
+        keyClick(Qt.Key_Tab);
+        verify(find("factor-smartcard").activeFocus);
+        keyClick(Qt.Key_Return);
+        verify(isShown("field"));
+        verify(find("field").activeFocus);
+    }
+
+    function test_escapeLeavesTheChooser() {
+        startLocked();
+        openChooser();
+        keyClick(Qt.Key_Escape);
+        verify(!isShown("factor-code"));
+        verify(isShown("keypad"));
+        verify(find("code").activeFocus);
+        openChooser();
+        press("leave");
+        verify(isShown("keypad"));
+        unlockWithCode();
+    }
+
+    function test_aLockoutClosesTheChooser() {
+        startLocked();
+        openChooser();
+        daemon.lockout("manager");
+        tryVerify(() => isShown("notice"));
+        verify(!isShown("factor-code"));
+        daemon.lockout("none");
+        waitForEntry();
+        unlockWithCode();
+    }
+
+    function test_openingTheChooserForgetsTheDigits() {
+        startLocked();
+        type("12");
+        openChooser();
+        keyClick(Qt.Key_Escape);
+        compare(find("code").digits, "");
+    }
+
+    // The keyboard alone.
+
+    function test_theTabKeyVisitsWhatCanBeDoneAndTheFocusShows() {
+        startLocked();
+        verify(find("code").activeFocus);
+        type("12");
+        keyClick(Qt.Key_Tab);
+        verify(find("key-accept").visualFocus);
+        keyClick(Qt.Key_Tab);
+        verify(find("footer").visualFocus);
+        keyClick(Qt.Key_Tab);
+        verify(find("code").activeFocus);
+        keyClick(Qt.Key_Backtab);
+        verify(find("footer").visualFocus);
+        // Digits count wherever the focus is.
+        type("3");
+        compare(find("code").digits, "123");
+        keyClick(Qt.Key_Backtab);
+        type("4");
+        keyClick(Qt.Key_Return);
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 1);
+    }
+
+    // The bad days.
+
+    // Only what is under way has so little time: an attempt that is to succeed has enough of it on a slow machine, too.
+    function makeOverdue() {
+        patience = 100;
+        tryVerify(() => find("lock").overdue);
+        patience = 10000;
+    }
+
+    function giveUp() {
+        makeOverdue();
+        compare(text("message"), "There is no answer yet.");
+        compare(text("footer"), "Try again");
+        press("footer");
+        compare(find("lock").busy, false);
+        compare(text("message"), "");
+        compare(text("footer"), "Other ways to unlock");
+        verify(find("code").activeFocus);
+    }
+
+    function test_anErrorLeavesAnAttemptThatCanBeGivenUp() {
+        daemon.fail("Authenticate", "", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        giveUp();
+        compare(screen.unlocked, false);
+        compare(daemon.calls("SetDevlockState").length, 0);
+        unlockWithCode();
+    }
+
+    function test_aMuteDaemonsAttemptCanBeGivenUpByKeys() {
+        daemon.mute("Authenticate", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        makeOverdue();
+        verify(find("footer").visualFocus);
+        keyClick(Qt.Key_Return);
+        compare(find("lock").busy, false);
+        unlockWithCode();
+    }
+
+    function test_enteringAnewGivesUpAnAttemptWithoutAnAnswer_data() {
+        return [{ tag: "keys", how: () => typeCode("1234") }, { tag: "elsewhere", how: () => screen.enter("1234") }];
+    }
+
+    function test_enteringAnewGivesUpAnAttemptWithoutAnAnswer(data) {
+        daemon.mute("Authenticate", 1);
+        startLocked();
+        typeCode("9999");
+        waitForCalls("Authenticate", 1);
+        makeOverdue();
+        data.how();
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 2);
+    }
+
+    function test_anAnswerIsAwaitedEvenAfterTheOfferToTryAgain() {
+        daemon.hold("Authenticate");
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        makeOverdue();
+        daemon.release();
+        verifyUnlocks();
+    }
+
+    function test_aLostReplyDoesNotMatter() {
+        daemon.misbehave("Authenticate", "lose-reply");
+        startLocked();
+        typeCode("1234");
+        verifyUnlocks();
+    }
+
+    function test_aSignalBeforeTheReplyDoesNotMatter() {
+        daemon.misbehave("Authenticate", "signal-first");
+        daemon.misbehave("SetDevlockState", "signal-first");
+        startLocked();
+        typeCode("1234");
+        verifyUnlocks();
+        compare(daemon.calls("SetDevlockState").length, 1);
+    }
+
+    function test_lostSignalsLeaveAnAttemptThatCanBeGivenUp() {
+        daemon.misbehave("Authenticate", "lose-signals", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        giveUp();
+        compare(daemon.calls("SetDevlockState").length, 0);
+        unlockWithCode();
+    }
+
+    function test_anAnswerThatIsTurnedDownIsARefusal() {
+        daemon.answer("Authenticate", "(false,)", 1);
+        startLocked();
+        typeCode("1234");
+        waitForRefusal();
+        unlockWithCode();
+    }
+
+    function test_aTokenAfterARefusalIsNotUsed() {
+        daemon.hold("Authenticate");
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        daemon.emitSignal("AuthenticationFailed", "()");
+        waitForRefusal();
+        daemon.behave();
+        daemon.release();
+        settle();
+        compare(screen.unlocked, false);
+        compare(daemon.calls("SetDevlockState").length, 0);
+        unlockWithCode();
+    }
+
+    function test_aLateSuccessDoesNotUnlock() {
+        daemon.hold("Authenticate", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        giveUp();
+        daemon.release();
+        settle();
+        compare(screen.unlocked, false);
+        compare(text("message"), "");
+        compare(daemon.calls("SetDevlockState").length, 0);
+    }
+
+    function test_aLateSuccessIsNotTakenForTheNextAttempts() {
+        daemon.hold("Authenticate", 2);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        giveUp();
+        typeCode("9999");
+        waitForCalls("Authenticate", 2);
+        daemon.release();
+        waitForRefusal();
+        compare(daemon.calls("SetDevlockState").length, 0);
+        compare(daemon.lockState(), AuthDevlockClient.Locked);
+    }
+
+    function test_aLateFailureIsNotTakenForTheNextAttempts() {
+        daemon.hold("Authenticate", 2);
+        startLocked();
+        typeCode("9999");
+        waitForCalls("Authenticate", 1);
+        giveUp();
+        typeCode("1234");
+        waitForCalls("Authenticate", 2);
+        daemon.release();
+        verifyUnlocks();
+    }
+
+    function test_aLateSuccessAfterALockingDoesNotUnlock_data() {
+        return [{ tag: "ManagerLockout", state: 2 }, { tag: "SecurityUi", state: 5 }, { tag: "Unlocked", state: 0 }];
+    }
+
+    function test_aLateSuccessAfterALockingDoesNotUnlock(data) {
+        daemon.hold("Authenticate", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        daemon.setLockState(data.state);
+        tryVerify(() => !isShown("prompt"));
+        daemon.lock();
+        waitForEntry();
+        daemon.release();
+        settle();
+        compare(screen.unlocked, false);
+        compare(daemon.calls("SetDevlockState").length, 0);
+        unlockWithCode();
+    }
+
+    function test_aLockingBetweenTheTokenAndTheUnlockingEndsTheAttempt() {
+        startLocked();
+        const lock = find("lock");
+        const locking = () => {
+            if (lock.stage === 3)
+                daemon.lockout("manager");
+        };
+        lock.stageChanged.connect(locking);
+        typeCode("1234");
+        tryVerify(() => isShown("notice"));
+        lock.stageChanged.disconnect(locking);
+        settle();
+        compare(screen.unlocked, false);
+        compare(daemon.calls("SetDevlockState").length, 0);
+        daemon.lockout("none");
+        waitForEntry();
+        unlockWithCode();
+    }
+
+    function test_aTokenThatIsDroppedBeforeTheUnlockingUnlocksNothing() {
+        startLocked();
+        const lock = find("lock");
+        const dropping = () => {
+            if (lock.stage === 3)
+                daemon.emitSignal("AuthenticationFailed", "()");
+        };
+        lock.stageChanged.connect(dropping);
+        typeCode("1234");
+        waitForRefusal();
+        lock.stageChanged.disconnect(dropping);
+        compare(text("message"), "The device could not be unlocked. Please try again.");
+        compare(daemon.calls("SetDevlockState").length, 0);
+        unlockWithCode();
+    }
+
+    function test_aRefusedUnlockingIsToldAndTheScreenStaysLocked_data() {
+        return [{ tag: "false", how: () => daemon.answer("SetDevlockState", "(false,)", 1) },
+                { tag: "error", how: () => daemon.fail("SetDevlockState", "", 1) },
+                { tag: "another type", how: () => daemon.answer("SetDevlockState", "('true',)", 1) }];
+    }
+
+    function test_aRefusedUnlockingIsToldAndTheScreenStaysLocked(data) {
+        data.how();
+        startLocked();
+        typeCode("1234");
+        waitForRefusal();
+        compare(text("message"), "The device could not be unlocked. Please try again.");
+        compare(daemon.calls("SetDevlockState").length, 1);
+        compare(find("code").digits, "");
+        unlockWithCode();
+        compare(daemon.calls("Authenticate").length, 2);
+    }
+
+    function test_anUnlockingThatIsAnsweredButNotDoneStaysLocked() {
+        daemon.answer("SetDevlockState", "(true,)", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("SetDevlockState", 1);
+        giveUp();
+        compare(screen.unlocked, false);
+        compare(daemon.lockState(), AuthDevlockClient.Locked);
+        unlockWithCode();
+    }
+
+    function test_anUnlockingThatIsNotAnnouncedStaysLocked() {
+        daemon.misbehave("SetDevlockState", "lose-signals", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("SetDevlockState", 1);
+        giveUp();
+        compare(screen.unlocked, false);
+    }
+
+    function test_aTokenThatNobodyAskedForIsNotUsed() {
+        startLocked();
+        waitForCalls("GetState", 2);
+        settle();
+        daemon.emitSignal("Authenticated", "([byte 0x01, 0x02],)");
+        settle();
+        compare(daemon.calls("SetDevlockState").length, 0);
+        compare(screen.unlocked, false);
+        compare(text("message"), "");
+        unlockWithCode();
+    }
+
+    function test_anEmptyTokenIsNone() {
+        daemon.answer("Authenticate", "(true,)", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        daemon.emitSignal("Authenticated", "(@ay [],)");
+        giveUp();
+        compare(daemon.calls("SetDevlockState").length, 0);
+    }
+
+    function test_theAnswerToAnotherClientOfTheProcessIsNotUsed() {
+        startLocked();
+        waitForCalls("GetState", 2);
+        settle();
+        const other = createTemporaryObject(otherClient, test);
+        waitForCalls("GetState", 3);
+        settle();
+        other.authenticate("login", { factor: "code", data: "1234" });
+        tryCompare(other, "authenticated", true);
+        settle();
+        compare(screen.unlocked, false);
+        compare(daemon.calls("SetDevlockState").length, 0);
+        compare(text("message"), "");
+        other.authenticate("login", { factor: "code", data: "0000" });
+        tryCompare(other, "authenticated", false);
+        settle();
+        compare(text("message"), "");
+        unlockWithCode();
+    }
+
+    function test_whatCannotBeSentIsARefusal() {
+        startLocked();
+        screen.enter("\ud800");
+        waitForRefusal();
+        compare(daemon.calls("Authenticate").length, 0);
+        unlockWithCode();
+    }
+
+    function test_aCodeThatCouldNotBeSentInTimeIsNeverSent() {
+        startLocked();
+        daemon.fail("GetState", "", 1);
+        waitForCalls("GetState", 2);
+        typeCode("1234");
+        makeOverdue();
+        compare(find("lock").request, null);
+        // Now the attempt's client learns that the device is locked, and could ask.
+        daemon.lock();
+        settle();
+        compare(daemon.calls("Authenticate").length, 0);
+        compare(screen.unlocked, false);
+        giveUp();
+        unlockWithCode();
+    }
+
+    function test_anAttemptWithoutAnOutcomeEndsByItself() {
+        daemon.hold("Authenticate", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        const longest = find("lock").longestAttempt;
+        find("lock").longestAttempt = 100;
+        waitForRefusal();
+        find("lock").longestAttempt = longest;
+        compare(text("message"), "There was no answer. Please try again.");
+        daemon.release();
+        settle();
+        compare(screen.unlocked, false);
+        compare(daemon.calls("SetDevlockState").length, 0);
+        unlockWithCode();
+    }
+
+    // The daemon is away.
+
+    function test_aDaemonThatIsAwayAtTheStartIsAwaited() {
+        daemon.stop();
+        start();
+        settle();
+        verify(isShown("notice"));
+        compare(find("notice").title, "One moment");
+        compare(screen.unlocked, false);
+        compare(screen.settled, false);
+        daemon.start();
+        tryCompare(screen, "settled", true);
+        unlockWithCode();
+    }
+
+    function test_aDaemonThatLeavesAndReturnsIsFollowed() {
+        startLocked();
+        type("12");
+        daemon.stop();
+        tryVerify(() => isShown("notice"));
+        compare(find("notice").title, "One moment");
+        typeCode("1234");
+        screen.enter("1234");
+        daemon.start();
+        waitForEntry();
+        compare(find("code").digits, "");
+        compare(daemon.calls("Authenticate").length, 0);
+        unlockWithCode();
+    }
+
+    function test_aDaemonThatLeavesWhenUnlockedLeavesALockedScreen() {
+        startUnlocked();
+        daemon.stop();
+        tryCompare(screen, "unlocked", false);
+        verify(isShown("notice"));
+        daemon.setLockState(1);
+        daemon.start();
+        waitForEntry();
+        compare(screen.unlocked, false);
+        unlockWithCode();
+    }
+
+    function test_aDaemonThatDiesOverACodeLeavesALockedScreen_data() {
+        return [{ tag: "Authenticate, crash", method: "Authenticate", how: "crash" },
+                { tag: "Authenticate, restart", method: "Authenticate", how: "restart" },
+                { tag: "SetDevlockState, crash", method: "SetDevlockState", how: "crash" },
+                { tag: "SetDevlockState, restart", method: "SetDevlockState", how: "restart" },
+                { tag: "RequestChallenge, crash", method: "RequestChallenge", how: "crash" },
+                { tag: "RequestChallenge, restart", method: "RequestChallenge", how: "restart" }];
+    }
+
+    function test_aDaemonThatDiesOverACodeLeavesALockedScreen(data) {
+        startLocked();
+        waitForCalls("GetState", 2);
+        daemon.misbehave(data.method, data.how, 1);
+        typeCode("1234");
+        if (data.how === "crash") {
+            tryVerify(() => isShown("notice"));
+            compare(screen.unlocked, false);
+            daemon.start();
+        }
+        tryVerify(() => daemon.calls(data.method).length > 0);
+        // The screen has noticed when its new clients have asked the new daemon.
+        const instance = daemon.state().instance;
+        tryVerify(() => daemon.calls("GetState").filter(call => call.instance === instance).length >= 2, 20000);
+        waitForEntry();
+        compare(screen.unlocked, false);
+        compare(daemon.lockState(), AuthDevlockClient.Locked);
+        unlockWithCode();
+    }
+
+    function test_aHalfEnteredCodeIsForgotten() {
+        startLocked();
+        find("entry").memory = 300;
+        type("12");
+        compare(find("code").digits, "12");
+        tryCompare(find("code"), "digits", "");
+        daemon.clearCalls();
+        keyClick(Qt.Key_Return);
+        settle();
+        compare(daemon.calls("Authenticate"), []);
+        find("entry").memory = 30000;
+        unlockWithCode();
+    }
+
+    function test_aDroppedConnectionCanBeGivenUp() {
+        daemon.misbehave("Authenticate", "drop", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        giveUp();
+        unlockWithCode();
+    }
+
+    function test_aHandoverEndsInAnAttemptThatCanBeGivenUp() {
+        daemon.mute("Authenticate", 1);
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        daemon.handover();
+        giveUp();
+        unlockWithCode();
+    }
+
+    function test_aSlowAnswerAboutTheStateIsAwaited() {
+        // Longer than the first pauses.
+        daemon.delay("GetState", 700);
+        start();
+        tryCompare(screen, "settled", true, 10000);
+        verify(isShown("prompt"));
+    }
+
+    function test_aStateThatCannotBeHadIsAskedForAgain() {
+        daemon.fail("GetState", "", 2);
+        start();
+        tryCompare(screen, "settled", true);
+        unlockWithCode();
+    }
+
+    function test_aClientThatDoesNotLearnTheStateCanBeGivenUp() {
+        startLocked();
+        daemon.fail("GetState", "", 1);
+        waitForCalls("GetState", 2);
+        typeCode("1234");
+        giveUp();
+        compare(daemon.calls("Authenticate").length, 0);
+        unlockWithCode();
+    }
+}

@@ -1,0 +1,151 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Templates 2.15 as T
+import QtTest 1.15
+import Vantora.Tests 1.0
+import "../../../examples/style"
+
+// What the tests of pages have in common: fingers, keys and eyes.
+TestCase {
+    property Item page
+
+    when: windowShown
+
+    function item(name) {
+        const found = findChild(page, name);
+        verify(found, "there is " + name);
+        return found;
+    }
+
+    // All visible items of the page for which isWanted(item) is true.
+    function items(isWanted) {
+        const found = [];
+        const visit = parent => {
+            for (let index = 0; index < parent.children.length; ++index) {
+                const child = parent.children[index];
+                if (!child.visible)
+                    continue;
+                if (isWanted(child))
+                    found.push(child);
+                visit(child);
+            }
+        };
+        visit(page);
+        return found;
+    }
+
+    // Scrolls to an item, as a finger would, once it is where it belongs.
+    function reveal(it) {
+        for (let at = it; at; at = at.parent)
+            verify(waitForItemPolished(at));
+        const scroller = item("scroller");
+        const y = it.mapToItem(scroller.contentItem, 0, 0).y;
+        scroller.contentY = Math.max(0, Math.min(y - 8, scroller.contentHeight - scroller.height));
+        return it;
+    }
+
+    function click(name) {
+        mouseClick(reveal(item(name)));
+    }
+
+    function tap(name) {
+        const it = reveal(item(name));
+        touchEvent(it).press(0, it).commit();
+        touchEvent(it).release(0, it).commit();
+    }
+
+    function type(text) {
+        for (const key of text)
+            keyClick(key);
+    }
+
+    // Presses Tab until the item has the focus.
+    function tabTo(name) {
+        for (let presses = 0; presses < 40; ++presses) {
+            keyClick(Qt.Key_Tab);
+            if (item(name).activeFocus)
+                return;
+        }
+        fail("Tab does not reach " + name);
+    }
+
+    function isText(it) {
+        return it instanceof Text && it.text;
+    }
+
+    function isField(it) {
+        return it instanceof TextField;
+    }
+
+    function isControl(it) {
+        return it instanceof T.AbstractButton || isField(it);
+    }
+
+    function luminance(color) {
+        const linear = value => value <= 0.03928 ? value / 12.92 : Math.pow((value + 0.055) / 1.055, 2.4);
+        return 0.2126 * linear(color.r) + 0.7152 * linear(color.g) + 0.0722 * linear(color.b);
+    }
+
+    function contrast(one, other) {
+        const bright = Math.max(luminance(one), luminance(other));
+        const dim = Math.min(luminance(one), luminance(other));
+        return (bright + 0.05) / (dim + 0.05);
+    }
+
+    // The colour that an item lies on.
+    function ground(it) {
+        for (let below = it.parent; below; below = below.parent) {
+            const candidate = below.background || below;
+            if (candidate instanceof Rectangle && candidate.visible && candidate.color.a === 1)
+                return candidate.color;
+        }
+        fail("nothing lies under the item");
+    }
+
+    function isEnabled(it) {
+        for (let at = it; at; at = at.parent) {
+            if (!at.enabled)
+                return false;
+        }
+        return true;
+    }
+
+    // That all of the page is drawn, readable, and reachable; and that the texts given are among what is.
+    function look(texts) {
+        const seen = items(isText);
+        for (const text of texts)
+            verify(seen.some(it => it.text === text), "shows '" + text + "' among " + seen.map(it => it.text));
+        for (const it of seen) {
+            reveal(it);
+            verify(Pictures.isInside(page, it), "'" + it.text + "' is inside");
+            verify(!it.truncated && it.contentWidth <= it.width + 0.5, "'" + it.text + "' has room");
+            if (!isEnabled(it))
+                continue;
+            verify(contrast(it.color, ground(it)) >= 4.5, "'" + it.text + "' stands out");
+            if (texts.includes(it.text))
+                verify(Pictures.ink(page, it, it.color) > 0, "'" + it.text + "' is drawn");
+        }
+        for (const it of items(isControl)) {
+            verify(it.width >= 48 && it.height >= 48, it + " can be hit: " + it.width + "x" + it.height);
+            verify(it.Accessible.name, it + " has a name");
+            verify(it.Accessible.role !== Accessible.NoRole || isField(it), it + " has a role");
+        }
+    }
+
+    function sizes() {
+        const rows = [];
+        for (const dark of [false, true]) {
+            for (const [width, height] of [[360, 640], [800, 1280], [1280, 800]]) {
+                const tag = width + "x" + height + (dark ? "-dark" : "-light");
+                rows.push({ tag: tag, dark: dark, width: width, height: height });
+            }
+        }
+        return rows;
+    }
+
+    // Keeps a picture where there is a directory for it.
+    function keep(name) {
+        item("scroller").contentY = 0;
+        Pictures.save(page, "pictures/" + name + ".png");
+    }
+}

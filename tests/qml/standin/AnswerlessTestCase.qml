@@ -1,0 +1,33 @@
+import QtQuick 2.15
+import QtTest 1.15
+import Vantora.Auth.Testing 1.0
+
+// What the functions do where no stand-in answers: they throw.
+TestCase {
+    property string reason
+
+    property StandIn daemon: StandIn {}
+
+    function errorOf(action) {
+        try {
+            action();
+        } catch (error) {
+            return error.message;
+        }
+        return "no error";
+    }
+
+    function test_errors_data() {
+        return [
+            { tag: "request", action: () => daemon.lockState(), request: '{"do":"state"}' },
+            // The first of its requests.
+            { tag: "reset", action: () => daemon.reset(), request: '{"do":"stop"}' },
+            { tag: "waiting", action: () => daemon.waitForCalls("GetState", 1, 1),
+              request: '{"count":1,"do":"wait-calls","method":"GetState","timeout":1}' },
+        ];
+    }
+
+    function test_errors(data) {
+        compare(errorOf(data.action), "StandIn: " + reason + " (" + data.request + ")");
+    }
+}

@@ -1,0 +1,4 @@
+AnswerlessTestCase {
+    name: "frozenstandin"
+    reason: "the stand-in daemon does not answer"
+}
