@@ -1,6 +1,7 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
+import QtQuick.Templates 2.15 as T
 import "../style"
 import "../style/factors.js" as Factors
 
@@ -126,7 +127,7 @@ ColumnLayout {
             unit: panel.unit
             onAccepted: panel.submit()
         }
-        TextField {
+        T.TextField {
             id: field
 
             objectName: "field"
@@ -136,12 +137,16 @@ ColumnLayout {
             leftPadding: Theme.gap
             rightPadding: Theme.gap
             font.pixelSize: 18 * panel.unit
+            color: Theme.text
+            selectionColor: Theme.accent
+            selectedTextColor: Theme.accentText
+            verticalAlignment: TextInput.AlignVCenter
             horizontalAlignment: Text.AlignHCenter
             echoMode: TextInput.Password
+            // All that the toolkit tells of a field for passwords. It is not drawn: who can see reads the prompt.
+            placeholderText: prompt.text
             inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText | Qt.ImhNoAutoUppercase
             background: FieldFrame { focused: field.activeFocus }
-            Accessible.description: prompt.text
-            Accessible.passwordEdit: true
             onAccepted: panel.submit()
         }
         BusyIndicator {
@@ -186,7 +191,7 @@ ColumnLayout {
         enabled: !panel.busy && panel.secret !== ""
         text: qsTr("Unlock")
         highlighted: true
-        font.pixelSize: 16 * panel.unit
+        font.pixelSize: Math.max(14, 16 * panel.unit)
         implicitHeight: Math.max(Theme.leastTouch, Theme.touch * panel.unit)
         Layout.fillWidth: true
         Layout.maximumWidth: 260 * panel.unit

@@ -36,6 +36,8 @@ FocusScope {
     }
 
     Scroller {
+        id: scroller
+
         objectName: "choices"
         anchors.fill: parent
         column: choices
@@ -70,7 +72,7 @@ FocusScope {
                     text: Factors.title(modelData)
                     highlighted: modelData === chooser.current
                     implicitHeight: Math.max(Theme.leastTouch, Theme.touch * chooser.unit)
-                    font.pixelSize: 16 * chooser.unit
+                    font.pixelSize: Math.max(14, 16 * chooser.unit)
                     Layout.fillWidth: true
                     Layout.maximumWidth: 260 * chooser.unit
                     Layout.alignment: Qt.AlignHCenter
@@ -78,6 +80,8 @@ FocusScope {
                     Keys.onUpPressed: nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)
                     Keys.onDownPressed: nextItemInFocusChain(true).forceActiveFocus(Qt.TabFocusReason)
                     Component.onCompleted: if (highlighted) forceActiveFocus(Qt.TabFocusReason)
+                    // It has the focus before it has a place.
+                    onYChanged: if (activeFocus) scroller.follow()
                     onClicked: chooser.chosen(modelData)
                 }
             }

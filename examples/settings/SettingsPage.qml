@@ -169,6 +169,7 @@ Sheet {
                     title: page.isUnlocked ? qsTr("Settings are unlocked") : qsTr("Settings are locked")
 
                     Label {
+                        textFormat: Text.PlainText
                         text: page.isUnlocked ? qsTr("Changes take effect at once.")
                                               : qsTr("To change them, show that you are %1.").arg(page.name)
                         color: Theme.quiet

@@ -3,7 +3,7 @@ import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 
 // A user to choose.
-ItemDelegate {
+Button {
     id: choice
 
     implicitHeight: Theme.touch + Theme.gap
@@ -40,7 +40,6 @@ ItemDelegate {
         FocusRing { shown: choice.visualFocus }
     }
     Accessible.name: text
-    Accessible.role: Accessible.Button
     Accessible.onPressAction: if (enabled) clicked()
     Keys.onReturnPressed: if (!event.isAutoRepeat) clicked()
     Keys.onEnterPressed: if (!event.isAutoRepeat) clicked()

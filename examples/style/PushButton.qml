@@ -36,7 +36,6 @@ Button {
         Accessible.ignored: true
     }
     Accessible.name: text
-    Accessible.role: Accessible.Button
     Accessible.onPressAction: if (enabled) clicked()
     Keys.onReturnPressed: if (!event.isAutoRepeat) clicked()
     Keys.onEnterPressed: if (!event.isAutoRepeat) clicked()

@@ -9,12 +9,7 @@ Flickable {
     property Item column
     readonly property Item focused: Window.activeFocusItem
 
-    contentWidth: width
-    contentHeight: Math.max(height, column.height + 2 * Theme.gap)
-    boundsBehavior: Flickable.StopAtBounds
-    ScrollBar.vertical: ScrollBar {}
-
-    onFocusedChanged: {
+    function follow() {
         for (let item = focused; item !== contentItem; item = item.parent) {
             if (!item)
                 return;
@@ -22,4 +17,10 @@ Flickable {
         const y = focused.mapToItem(contentItem, 0, 0).y;
         contentY = Math.max(0, Math.min(y - Theme.gap, Math.max(contentY, y + focused.height + Theme.gap - height)));
     }
+
+    contentWidth: width
+    contentHeight: Math.max(height, column.height + 2 * Theme.gap)
+    boundsBehavior: Flickable.StopAtBounds
+    ScrollBar.vertical: ScrollBar {}
+    onFocusedChanged: follow()
 }

@@ -1,6 +1,7 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
+import QtQuick.Templates 2.15 as T
 
 // Asks for a user's secret. Who uses it has the daemon judge the secret, and tells the form the outcome.
 ColumnLayout {
@@ -91,17 +92,24 @@ ColumnLayout {
         font.pixelSize: 14
         Accessible.ignored: true
     }
-    TextField {
+    T.TextField {
         id: secret
 
         objectName: "secret"
         implicitHeight: Theme.touch
+        color: Theme.text
+        selectionColor: Theme.accent
+        selectedTextColor: Theme.accentText
+        verticalAlignment: TextInput.AlignVCenter
         leftPadding: 12
+        rightPadding: 12
         font.pixelSize: 18
         enabled: !form.obstacle
         opacity: enabled ? 1 : 0.5
         readOnly: form.asking
         echoMode: TextInput.Password
+        // All that the toolkit tells of a field for passwords. It is not drawn: who can see reads the label.
+        placeholderText: form.label
         inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText | Qt.ImhNoAutoUppercase
                           | (form.factor === "code" ? Qt.ImhPreferNumbers : Qt.ImhNone)
         background: Rectangle {
@@ -111,8 +119,6 @@ ColumnLayout {
             border.width: secret.activeFocus ? 2 : 1
         }
         Layout.fillWidth: true
-        Accessible.name: form.label
-        Accessible.description: note.text
         onAccepted: form.ask()
         onTextEdited: form.message = ""
     }
@@ -133,6 +139,7 @@ ColumnLayout {
             id: note
 
             objectName: "note"
+            textFormat: Text.PlainText
             text: form.obstacle ? form.obstacle : form.isStuck ? qsTr("There is no answer yet.")
                   : form.asking ? qsTr("Checking…") : form.message
             color: form.message && !form.obstacle ? Theme.danger : Theme.quiet

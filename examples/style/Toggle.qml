@@ -40,9 +40,6 @@ CheckDelegate {
     Keys.onEnterPressed: if (!event.isAutoRepeat) wish()
     Accessible.name: text
     Accessible.description: caption.text
-    Accessible.role: Accessible.CheckBox
-    Accessible.checkable: true
-    Accessible.checked: on
     Accessible.onPressAction: wish()
     Accessible.onToggleAction: wish()
 

@@ -51,8 +51,8 @@ public:
     Q_INVOKABLE bool isPlain(QQuickItem *text)
     {
         const QFontMetricsF metrics(text->property("font").value<QFont>());
-        const qreal room = text->implicitWidth() - text->property("leftPadding").toReal()
-            - text->property("rightPadding").toReal();
+        const qreal room =
+            text->implicitWidth() - text->property("leftPadding").toReal() - text->property("rightPadding").toReal();
         return qAbs(room - metrics.horizontalAdvance(text->property("text").toString())) < 2;
     }
 

@@ -1,5 +1,6 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
+import QtQuick.Templates 2.15 as T
 import QtQuick.Window 2.15
 import Vantora.Tests 1.0
 import "../../../examples/lockscreen"
@@ -14,11 +15,11 @@ LockScreenCase {
     }
 
     function isText(item) {
-        return (item instanceof Text || item instanceof Label) && item.text !== "";
+        return item instanceof Text && item.text !== "";
     }
 
     function isField(item) {
-        return item instanceof TextField || item instanceof CodeField;
+        return item instanceof T.TextField || item instanceof CodeField;
     }
 
     function isControl(item) {
@@ -241,7 +242,8 @@ LockScreenCase {
         verify(/manager/.test(Pictures.accessibleDescription(find("notice"))));
     }
 
-    // What comes from elsewhere
+    // What comes from elsewhere. These run after the scene without a daemon, in the order of their names: the client
+    // that the chooser asks ends the process when there is none.
 
     function openChooser(factors) {
         daemon.setOption("worker/service-factors/unlock", factors, 1000);
@@ -250,11 +252,11 @@ LockScreenCase {
         tryVerify(() => isShown("factor-" + factors[factors.length - 1]));
     }
 
-    function test_aFactorsNameIsNoMarkup_data() {
+    function test_theNameOfAFactorIsNoMarkup_data() {
         return [{ tag: "<b>x</b>&y" }, { tag: "<img src='file:///nothing'>" }, { tag: "R&D" }];
     }
 
-    function test_aFactorsNameIsNoMarkup(data) {
+    function test_theNameOfAFactorIsNoMarkup(data) {
         openChooser(["code", data.tag]);
         const choice = find("factor-" + data.tag);
         compare(Pictures.accessibleName(choice), data.tag);
@@ -264,15 +266,14 @@ LockScreenCase {
         mouseClick(choice);
         compare(text("prompt"), "Enter your secret for “" + data.tag + "”");
         verify(Pictures.isPlain(find("prompt")));
-        console.log("P", Pictures.role(find("field")), Pictures.accessibleName(find("field")), "D", Pictures.accessibleDescription(find("field")), "A", find("field").Accessible.description);
         compare(Pictures.accessibleDescription(find("field")), text("prompt"));
     }
 
-    function test_longTextsPushNothingOut_data() {
+    function test_theLongestTextsPushNothingOut_data() {
         return extents.map(size => ({ tag: size.width + "x" + size.height, size: size }));
     }
 
-    function test_longTextsPushNothingOut(data) {
+    function test_theLongestTextsPushNothingOut(data) {
         const name = "Zweifaktorauthentifizierungsgerätebeauftragtenzuständigkeiten";
         verify(name.length >= 60);
         extent = data.size;
@@ -307,7 +308,7 @@ LockScreenCase {
         waitForRendering(screen);
     }
 
-    function test_eachOfManyFactorsIsReachedByKey() {
+    function test_theManyFactorsAreReachedByKey() {
         openManyFactors();
         const all = manyFactors.map(name => find("factor-" + name)).concat(find("leave"));
         verify(!isInView(find("leave")));
@@ -323,7 +324,7 @@ LockScreenCase {
         }
     }
 
-    function test_eachOfManyFactorsIsReachedByScrolling() {
+    function test_theManyFactorsAreReachedByScrolling() {
         openManyFactors();
         const choices = find("choices");
         const all = manyFactors.map(name => find("factor-" + name)).concat(find("leave"));

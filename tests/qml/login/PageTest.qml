@@ -74,7 +74,7 @@ TestCase {
     }
 
     function isField(it) {
-        return it instanceof TextField;
+        return it instanceof T.TextField;
     }
 
     function isControl(it) {
@@ -127,9 +127,26 @@ TestCase {
         }
         for (const it of items(isControl)) {
             verify(it.width >= 48 && it.height >= 48, it + " can be hit: " + it.width + "x" + it.height);
-            verify(it.Accessible.name, it + " has a name");
-            verify(it.Accessible.role !== Accessible.NoRole || isField(it), it + " has a role");
+            // The toolkit tells no name of a field for passwords.
+            verify(isField(it) ? Pictures.accessibleDescription(it) : Pictures.accessibleName(it), it + " has a name");
+            compare(Pictures.role(it), isField(it) ? "EditableText" : it instanceof Toggle ? "CheckBox" : "Button");
+            if (it instanceof Toggle)
+                compare(Pictures.isToldChecked(it), it.on, it.text);
         }
+    }
+
+    // That the text of this name is told as one of this role.
+    function listen(name, role) {
+        compare(Pictures.role(item(name)), role, name);
+        compare(Pictures.accessibleName(item(name)), item(name).text);
+    }
+
+    // That this text is shown as it stands, wherever it occurs on the page; gives where it does.
+    function showsPlain(text) {
+        const shown = items(it => isText(it) && it.text.includes(text));
+        for (const it of shown)
+            verify(Pictures.isPlain(it), it.text);
+        return shown.map(it => it.text);
     }
 
     function sizes() {

@@ -2,6 +2,7 @@ import QtQuick 2.15
 import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
+import Vantora.Tests 1.0
 import "../../../examples/login"
 import "../../../examples/style"
 import "../../../examples/style/factors.js" as Factors
@@ -58,7 +59,7 @@ Item {
         // That the form asks for this factor, and can be used.
         function tryForm(label) {
             const secret = item("secret");
-            tryVerify(() => secret.visible && secret.enabled && secret.Accessible.name === label, 5000, label);
+            tryVerify(() => secret.visible && secret.enabled && secret.placeholderText === label, 5000, label);
         }
 
         function enter(secret) {
@@ -489,7 +490,7 @@ Item {
             show(1000);
             tryForm("Code");
             daemon.setOption("worker/service-factors/login", ["sudis"], 1000);
-            tryVerify(() => item("secret").Accessible.name === "Sudis");
+            tryVerify(() => item("secret").placeholderText === "Sudis");
         }
 
         function test_severalFactorsAreAskedForOneAfterTheOther() {
@@ -687,7 +688,7 @@ Item {
             daemon.request({ do: "set-option", key: "worker/service-factors/login", value: ["sudis"], uid: 1000,
                              announce: false });
             daemon.restart();
-            tryVerify(() => item("secret").Accessible.name === "Sudis");
+            tryVerify(() => item("secret").placeholderText === "Sudis");
         }
 
         function test_theLossOfTheDaemonSignsOut() {
@@ -774,6 +775,58 @@ Item {
         }
 
         // The looks
+
+        function test_whatComesFromElsewhereIsNoMarkup() {
+            const markup = "<b>x</b>&y";
+            daemon.setOption("worker/last-login-date", markup, 1000);
+            daemon.setOption("devlock/show-last-login", true, 1000);
+            page = createTemporaryObject(screen, scene, { users: [{ uid: 1000, name: markup }] });
+            tryCompare(page, "settled", true);
+            compare(showsPlain(markup), [markup]);
+            compare(Pictures.accessibleName(item("user1000")), markup);
+            click("user1000");
+            tryForm("Code");
+            compare(showsPlain(markup), [markup, "Last sign-in: " + markup]);
+            compare(Pictures.accessibleName(item("heading")), markup);
+            page.chosen = [{ name: markup, title: "" }, { name: "code", title: "" }];
+            compare(item("steps").text, "Step 1 of 2: " + markup + ", Code");
+            compare(showsPlain(markup).length, 4);
+            compare(Pictures.accessibleDescription(item("secret")), markup);
+            enter("1");
+            tryVerify(() => note() === markup + " was not accepted. Please try again.");
+            verify(Pictures.isPlain(item("note")));
+            page.chosen = [];
+            compare(showsPlain(markup).length, 3);
+        }
+
+        function test_aLongNamePushesNothingOut_data() { return sizes() }
+
+        function test_aLongNamePushesNothingOut(data) {
+            scene.width = data.width;
+            scene.height = data.height;
+            const name = "Wolfeschlegelsteinhausenbergerdorffwelchevoralternwarengewissenhaft";
+            page = createTemporaryObject(screen, scene, { users: [{ uid: 1000, name: name }] });
+            tryCompare(page, "settled", true);
+            for (const step of ["user1000", "heading", "secret", "submit", "back"]) {
+                verify(Pictures.isInside(page, reveal(item(step))), step);
+                if (step === "user1000") {
+                    click(step);
+                    tryForm("Code");
+                }
+            }
+        }
+
+        function test_assistiveTechnologyIsTold() {
+            show(1000);
+            tryForm("Code");
+            listen("heading", "Heading");
+            compare(Pictures.accessibleDescription(item("secret")), "Code");
+            enter("4321");
+            tryCompare(page, "settled", true);
+            listen("note", "AlertMessage");
+            compare(Pictures.accessibleName(item("note")), "Code was not accepted. Please try again.");
+            listen("submit", "Button");
+        }
 
         function test_looks_data() { return sizes() }
 

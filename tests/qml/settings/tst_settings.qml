@@ -2,6 +2,7 @@ import QtQuick 2.15
 import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
+import Vantora.Tests 1.0
 import "../../../examples/settings"
 import "../../../examples/style"
 import "../login"
@@ -128,7 +129,7 @@ Item {
         function test_theFactorChosenForLoginIsAskedFor() {
             daemon.setOption("worker/service-factors/login", ["sudis"], 1000);
             show(1000);
-            compare(item("secret").Accessible.name, "Sudis");
+            compare(item("secret").placeholderText, "Sudis");
             unlock("correct horse");
         }
 
@@ -326,10 +327,10 @@ Item {
 
         function test_assistiveTechnologyChangesSettings() {
             showUnlocked(1000);
-            compare(item("notifications").Accessible.checked, true);
-            compare(item("notifications").Accessible.role, Accessible.CheckBox);
+            compare(Pictures.role(item("notifications")), "CheckBox");
+            compare(Pictures.isToldChecked(item("notifications")), true);
             item("notifications").Accessible.toggleAction();
-            tryVerify(() => !item("notifications").Accessible.checked);
+            tryVerify(() => !Pictures.isToldChecked(item("notifications")));
             click("lock");
             daemon.clearCalls();
             item("notifications").Accessible.toggleAction();
@@ -351,7 +352,7 @@ Item {
             compare(switches.filter(isOn), before);
             verify(writes().length > 0);
             tryVerify(() => item(data.tag).refused);
-            compare(item(data.tag).Accessible.description, "Not accepted");
+            compare(Pictures.accessibleDescription(item(data.tag)), "Not accepted");
             compare(switches.filter(isOn), before);
             // It can be wished for again.
             daemon.behave();
@@ -614,6 +615,54 @@ Item {
         }
 
         // The looks
+
+        function test_whatComesFromElsewhereIsNoMarkup() {
+            const markup = "<b>x</b>&y";
+            daemon.setOption("worker/service-factors/unlock", ["code", markup], 1000);
+            page = createTemporaryObject(screen, scene, { users: [{ uid: 1000, name: markup },
+                                                                  { uid: 1001, name: markup + "!" }], user: 1000 });
+            tryCompare(page, "settled", true);
+            tryVerify(() => findChild(page, "unlock-" + markup));
+            compare(showsPlain(markup),
+                    [markup, "To change them, show that you are " + markup + ".", markup, markup + "!"]);
+            compare(Pictures.accessibleName(item("heading")), markup);
+            compare(Pictures.accessibleName(item("unlock-" + markup)), markup);
+            compare(Pictures.accessibleName(item("user1001")), markup + "!");
+        }
+
+        function test_aLongNamePushesNothingOut_data() { return sizes() }
+
+        function test_aLongNamePushesNothingOut(data) {
+            scene.width = data.width;
+            scene.height = data.height;
+            const name = "Wolfeschlegelsteinhausenbergerdorffwelchevoralternwarengewissenhaft";
+            daemon.setOption("worker/service-factors/unlock", ["code", name], 1000);
+            page = createTemporaryObject(screen, scene, { users: [{ uid: 1000, name: name }, { uid: 1001, name: name }],
+                                                          user: 1000 });
+            tryCompare(page, "settled", true);
+            tryVerify(() => findChild(page, "unlock-" + name));
+            for (const it of items(it => isText(it) || isControl(it)))
+                verify(Pictures.isInside(page, reveal(it)), it + it.text);
+        }
+
+        function test_assistiveTechnologyIsTold() {
+            show(1000);
+            listen("heading", "Heading");
+            for (const title of ["Settings are locked", "Signing in", "Unlocking", "Other users"]) {
+                const found = items(it => isText(it) && it.text === title);
+                compare(found.map(Pictures.role), ["Heading"], title);
+                compare(Pictures.accessibleName(found[0]), title);
+            }
+            compare(Pictures.accessibleDescription(item("secret")), "Code");
+            enter("4321");
+            tryCompare(page, "settled", true);
+            listen("note", "AlertMessage");
+            listen("warning", "AlertMessage");
+            for (const name of switches) {
+                listen(name, "CheckBox");
+                compare(Pictures.isToldChecked(item(name)), isOn(name), name);
+            }
+        }
 
         function test_looks_data() { return sizes() }
 
