@@ -15,7 +15,8 @@ FocusScope {
     property var factors: []
     signal chosen(string name)
 
-    // Waits for the daemon. Selecting a user reads the values; the one selected already would not be read again.
+    // Waits for the daemon, with several calls: when it is mute to all of them, the locked screen is frozen for minutes.
+    // Selecting a user reads the values; the one selected already would not be read again.
     function read() {
         AuthSettingsClient.uid = 0;
         AuthSettingsClient.uid = user;
