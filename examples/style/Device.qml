@@ -1,4 +1,5 @@
-import QtQml 2.15
+import QtQuick 2.15
+import QtQml.Models 2.15
 import Vantora.Auth 1.0
 
 // The device's state. AuthDevlockClient asks for it when it is made and is told of changes afterwards; a daemon that
