@@ -8,15 +8,6 @@
 
 namespace {
 
-enum LockState {
-    Unlocked = 0,
-    Locked = 1,
-    ManagerLockout = 2,
-    CodeEntryLockout = 3,
-    Undefined = 4,
-    SecurityUi = 5,
-};
-
 using Action = std::function<void(Play &play)>;
 
 // A token that the daemon has not given out.

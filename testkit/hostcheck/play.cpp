@@ -25,11 +25,6 @@ const int Quiet = 1000;
 const int EntryPause = 2000;
 const int Tick = 20;
 
-enum LockState {
-    Unlocked = 0,
-    Locked = 1,
-};
-
 [[noreturn]] void find(const QString &what)
 {
     throw Outcome{Outcome::Failed, what};

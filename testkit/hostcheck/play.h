@@ -9,6 +9,16 @@
 #include <functional>
 #include <sys/types.h>
 
+/** The device-lock states, by the numbers on the bus. */
+enum LockState {
+    Unlocked = 0,
+    Locked = 1,
+    ManagerLockout = 2,
+    CodeEntryLockout = 3,
+    Undefined = 4,
+    SecurityUi = 5,
+};
+
 /** How long a host is waited for. */
 struct Patience
 {
