@@ -172,8 +172,7 @@ void ordinary(Play &play)
     play.enterUntil(play.wrongCode(), [&play] { return play.wasCalled("Authenticate"); });
     play.quiet();
     play.unlock();
-    play.lock();
-    play.unlock();
+    play.usable();
 }
 
 void wrongCodesLockOut(Play &play)
