@@ -1,6 +1,7 @@
 #include "test-case.h"
 
 #include <AuthSettings>
+#include <FactorSettingsBase>
 
 #include <QtCore/QPointer>
 
@@ -404,8 +405,11 @@ void TestAuthSettings::objectBelongsToItsParent()
     auto parent = std::make_unique<QObject>();
     const QPointer<AuthSettings> settings = new AuthSettings(parent.get());
     QCOMPARE(settings->parent(), parent.get());
+    const QPointer<QObject> method = settings->findChild<FactorSettingsBase *>(QString(), Qt::FindDirectChildrenOnly);
+    QVERIFY(method);
     parent.reset();
     QVERIFY(!settings);
+    QVERIFY(!method);
 }
 
 void TestAuthSettings::deletedObjectHearsNothing()

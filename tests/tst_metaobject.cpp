@@ -10,6 +10,8 @@
 #include <QtCore/QProcess>
 #include <QtTest/QtTest>
 
+#include <cstddef>
+#include <cstring>
 #include <type_traits>
 
 /** What interfaces bind to: the meta-objects of the public classes, and what the library exports. */
@@ -27,6 +29,7 @@ private Q_SLOTS:
     void authSettings();
     void inheritance();
     void classesHoldOnePointer();
+    void oneVirtualFollowsTheObjectsOwn();
     void libraryExportsThePublicClassesAlone();
     void libraryHasItsName();
     void libraryNeedsTheToolkitAlone();
@@ -71,11 +74,11 @@ class ExtendedSettings : public FactorSettingsBase
 public:
     using FactorSettingsBase::FactorSettingsBase;
 
-protected:
     void handleOptionChanged(uint uid, const QString &name, const QVariant &value) override
     {
         FactorSettingsBase::handleOptionChanged(uid, name, value);
     }
+    using FactorSettingsBase::disconnectNotify;
 };
 
 static_assert(std::is_constructible<ExtendedSettings, QObject *, QString>::value, "can be extended");
@@ -86,11 +89,20 @@ static_assert(!std::is_default_constructible<AuthSettingsClient>::value, "a pare
 static_assert(!std::is_convertible<QObject *, AuthSettingsClient>::value, "a parent is no client");
 static_assert(std::is_default_constructible<AuthSettings>::value, "QML makes it without a parent");
 
+// Where the compiled code of hosts looks up a virtual function, as the C++ ABI lays out a pointer to one.
+template <typename Function> std::ptrdiff_t slotOffset(Function function)
+{
+    std::ptrdiff_t offset;
+    static_assert(sizeof function == 2 * sizeof offset, "the offset and an adjustment");
+    memcpy(&offset, &function, sizeof offset);
+    return offset - 1;
+}
+
 QString output(const QString &program, const QStringList &arguments)
 {
     QProcess process;
     process.start(program, arguments);
-    if (!process.waitForFinished() || process.exitCode() != 0)
+    if (!process.waitForFinished(180000) || process.exitCode() != 0)
         qFatal("%s: %s", qPrintable(program), process.readAllStandardError().constData());
     return QString::fromLocal8Bit(process.readAllStandardOutput());
 }
@@ -223,6 +235,12 @@ void TestMetaObject::classesHoldOnePointer()
     QCOMPARE(sizeof(FactorSettingsBase), expected);
     QCOMPARE(sizeof(AuthSettings), expected);
     QCOMPARE(sizeof(FactorListModel), sizeof(QAbstractListModel));
+}
+
+void TestMetaObject::oneVirtualFollowsTheObjectsOwn()
+{
+    QCOMPARE(slotOffset(&ExtendedSettings::handleOptionChanged),
+             slotOffset(&ExtendedSettings::disconnectNotify) + std::ptrdiff_t(sizeof(void *)));
 }
 
 void TestMetaObject::libraryExportsThePublicClassesAlone()

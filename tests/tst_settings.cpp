@@ -2,6 +2,8 @@
 
 #include <QtCore/QMetaType>
 
+#include <thread>
+
 namespace {
 struct Flag
 {
@@ -38,6 +40,7 @@ private Q_SLOTS:
     void constructionAsksForTheFactorsOfEachService();
     void constructionLogsItsConnections();
     void constructionLogsBeforeItReadsTheFactors();
+    void announcementsAreHeardWhileTheFactorsAreRead();
     void destructionLogsTheDisconnection();
     void newClientHasItsInitialValues();
     void modelIsNeverNullAndAlwaysTheSame();
@@ -307,6 +310,26 @@ void TestSettings::constructionLogsBeforeItReadsTheFactors()
              }));
 }
 
+void TestSettings::announcementsAreHeardWhileTheFactorsAreRead()
+{
+    daemon.misbehave("GetOption", "hold", R"("times":1)");
+    answerOnce("<true>");
+    answerOnce("<['login']>");
+    std::thread announcer([] {
+        StandIn other;
+        other.waitCalls("GetOption", 3);
+        other.emitSignal("OptionChanged", "('worker/can-switch-to-user', <false>)");
+        other.request(R"({"do":"release"})");
+    });
+    const auto client = std::make_unique<AuthSettingsClient>(nullptr);
+    announcer.join();
+    QVERIFY(client->canSwitchToUser());
+    SignalRecorder heard(client.get());
+    drain(client.get());
+    QCOMPARE(heard.list().count("canSwitchToUserChanged()"_s), 1);
+    QVERIFY(!client->canSwitchToUser());
+}
+
 void TestSettings::destructionLogsTheDisconnection()
 {
     auto client = newSettingsClient();
@@ -494,6 +517,7 @@ void TestSettings::clientComesUpThoughItsPeerIsLost()
     QVERIFY(log->contains(R"(debug AuthSettingsClientPrivate Connected to "unix:path=/var/run/authd/authd.socket")"_s));
     const QStringList complaints = log->takeComplaints();
     QCOMPARE(complaints.filter("warning getOption failed: \""_s).size(), 2);
+    QCOMPARE(complaints.size(), 2);
     QVERIFY(!client.canSwitchToUser());
     QVERIFY(client.isUserSettable());
     QCOMPARE(client.factors()->rowCount(), 0);

@@ -3,6 +3,8 @@
 #include <QtDBus/QDBusConnection>
 #include <QtDBus/QDBusMessage>
 
+#include <thread>
+
 /** The daemon dies, restarts and hands its name over while a settings client shows a user. */
 class TestSettingsRestart : public SettingsTestCase
 {
@@ -26,6 +28,7 @@ private Q_SLOTS:
     void announcementsOfTheNewDaemonArriveOnce();
     void signalsOfTheBaseArriveOnce_data();
     void signalsOfTheBaseArriveOnce();
+    void announcementsAreHeardWhileTheChallengeIsFetchedAnew();
     void nothingIsHeardOnceTheDaemonIsGone();
     void writesGoToTheNewDaemon_data();
     void writesGoToTheNewDaemon();
@@ -281,6 +284,30 @@ void TestSettingsRestart::signalsOfTheBaseArriveOnce()
     QCOMPARE(heard.list(), emittedByAll());
     grant(client.get(), token);
     QCOMPARE(heard.list().filter("authenticatedChanged("_s + QLatin1String(token.toHex())).size(), 1);
+}
+
+void TestSettingsRestart::announcementsAreHeardWhileTheChallengeIsFetchedAnew()
+{
+    const auto client = newClientOf(1000);
+    // Who has had a challenge gets another.
+    client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 0}}, "code"_s);
+    daemon.request(R"({"do":"stop"})");
+    QVERIFY(
+        waitFor([this] { return log->contains(R"(debug authd reset "" captured "authd_p2p_settings_client")"_s); }));
+    daemon.clearCalls();
+    SignalRecorder heard(client.get());
+    daemon.misbehave("RequestChallenge", "hold");
+    daemon.request(R"({"do":"start"})");
+    std::thread announcer([] {
+        StandIn other;
+        other.waitCalls("RequestChallenge");
+        other.emitSignal("OptionChanged", "('worker/can-switch-to-user', <false>)");
+        other.request(R"({"do":"release"})");
+    });
+    awaitReturn();
+    announcer.join();
+    drain(client.get());
+    QCOMPARE(heard.list(), QStringList{"canSwitchToUserChanged()"_s});
 }
 
 void TestSettingsRestart::nothingIsHeardOnceTheDaemonIsGone()

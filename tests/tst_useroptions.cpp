@@ -37,6 +37,8 @@ private Q_SLOTS:
     void emptyBatchKeepsAll();
     void unaskedKeysOfTheBatchAreIgnored();
     void failedBatchKeepsAllAndReadsShowNotifications();
+    void switchMarksTheFactorsWhateverIsRead_data();
+    void switchMarksTheFactorsWhateverIsRead();
     void missingShowNotificationsIsFalse();
     void failedReadOfShowNotificationsIsFalse();
     void readOfShowNotificationsWantsAVariant_data();
@@ -628,6 +630,38 @@ void TestUserOptions::unaskedKeysOfTheBatchAreIgnored()
     daemon.answer("GetUserOption", "(<true>,)");
     client->setUid(1001);
     QCOMPARE(shown(client.get()), before);
+}
+
+void TestUserOptions::switchMarksTheFactorsWhateverIsRead_data()
+{
+    QTest::addColumn<uint>("uid");
+    QTest::addColumn<bool>("fails");
+    QTest::newRow("nobody") << 0U << false;
+    QTest::newRow("nobody, highest") << 4294967295U << false;
+    QTest::newRow("failed") << 1001U << true;
+    QTest::newRow("empty") << 1001U << false;
+}
+
+void TestUserOptions::switchMarksTheFactorsWhateverIsRead()
+{
+    QFETCH(uint, uid);
+    QFETCH(bool, fails);
+    daemon.arrangeOption("worker/service-factors/unlock", R"(["code"])", 1000);
+    const auto client = newClientOf(1000);
+    if (fails)
+        daemon.misbehave("GetUserOptions", "error");
+    else
+        daemon.answer("GetUserOptions", "(@a{sv} {},)");
+    bool marked = false;
+    // The list is the announced one by then, and the marks are still the old ones.
+    connect(client.get(), &AuthSettingsClient::unlockFactorsChanged, this, [&] {
+        client->setUid(uid);
+        marked = client->hasEnabledFactor("smartcard"_s);
+    });
+    announce(1000, "worker/service-factors/unlock", "['smartcard']");
+    drain(client.get());
+    log->takeComplaints();
+    QVERIFY(marked);
 }
 
 void TestUserOptions::failedBatchKeepsAllAndReadsShowNotifications()
