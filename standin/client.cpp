@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int patience = 10000; // milliseconds
+constexpr int patience = 120000; // milliseconds
 const char socketAddress[] = "unix:path=/var/run/authd/authd.socket";
 const char serviceName[] = "vantora.AuthService";
 

@@ -11,8 +11,10 @@ namespace {
 const char socketPath[] = "/var/run/authd/authd.socket";
 const char serviceName[] = "vantora.AuthService";
 
-/** How long the main loop waits for the system bus, which may be frozen. */
+/** How long the main loop waits until the system bus, which may be frozen, has taken what it is sent. */
 constexpr std::chrono::seconds busPatience(2);
+/** The same until it has answered: what goes without an answer goes without the bus, and a busy machine's is late. */
+constexpr std::chrono::seconds answerPatience(15);
 
 void releaseBus(GDBusConnection *connection)
 {
@@ -21,13 +23,13 @@ void releaseBus(GDBusConnection *connection)
 }
 
 /** What @p function gives if that is in time; nothing else can end the blocking calls of a bus connection. */
-template <typename Function> auto inTime(Function function)
+template <typename Function> auto inTime(std::chrono::seconds patience, Function function)
 {
     using Result = decltype(function());
     std::packaged_task<Result()> task(std::move(function));
     std::future<Result> future = task.get_future();
     std::thread(std::move(task)).detach();
-    const bool done = future.wait_for(busPatience) == std::future_status::ready;
+    const bool done = future.wait_for(patience) == std::future_status::ready;
     return done ? std::optional<Result>(future.get()) : std::nullopt;
 }
 
@@ -80,7 +82,7 @@ bool Instance::connectToSystemBus()
     g_autofree char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
     std::string problem = address ? "it does not answer" : error->message;
     if (address) {
-        const auto connected = inTime([address = std::string(address)] {
+        const auto connected = inTime(answerPatience, [address = std::string(address)] {
             const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
                                                                  | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
             g_autoptr(GError) failure = nullptr;
@@ -186,7 +188,8 @@ void Instance::send(int id, const Message &message)
 
 void Instance::flush()
 {
-    if (!m_bus || inTime([bus = m_bus] { return g_dbus_connection_flush_sync(bus.get(), nullptr, nullptr); }))
+    if (!m_bus
+        || inTime(busPatience, [bus = m_bus] { return g_dbus_connection_flush_sync(bus.get(), nullptr, nullptr); }))
         return;
     g_printerr("authd-standin: the system bus takes nothing any more, serving the socket alone\n");
     closeBus();
@@ -236,7 +239,7 @@ void Instance::closeBus()
     if (!m_bus)
         return;
     g_signal_handlers_disconnect_by_data(m_bus.get(), this);
-    inTime([bus = m_bus] {
+    inTime(busPatience, [bus = m_bus] {
         g_dbus_connection_flush_sync(bus.get(), nullptr, nullptr);
         return g_dbus_connection_close_sync(bus.get(), nullptr, nullptr);
     });
@@ -252,8 +255,8 @@ uint32_t Instance::callBus(const char *method, GVariant *arguments)
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         m_bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments,
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, static_cast<int>(std::chrono::milliseconds(busPatience).count()),
-        nullptr, &error);
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
+        static_cast<int>(std::chrono::milliseconds(answerPatience).count()), nullptr, &error);
     if (!reply)
         throw std::runtime_error(std::string("the system bus refuses ") + method + " for " + serviceName + ": "
                                  + error->message);

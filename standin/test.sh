@@ -194,12 +194,14 @@ played '{}' '"method":"RequestChallenge"' 'call "\1" | "$C" last-bytes $SOCKET >
     ctl "{\"do\":\"wait-calls\",\"method\":\"RequestChallenge\",\"count\":1}"'
 
 # The rules
-lockout='{"lockout": {"failures": 2, "seconds": 1}, "factors": [{"name": "code"},
+lockout='{"lockout": {"failures": 2, "seconds": 3600}, "factors": [{"name": "code"},
     {"name": "broken", "behaviour": "always-fails"},
     {"name": "slow", "behaviour": "slow", "delay": 50, "same-secret-as": "code"}]}'
-played "$lockout" '^.true,. AuthenticationFailed.. .true,. AuthenticationFailed.. StateChanged.3,. .false,. StateChanged.1,. .true,. Authenticated $' \
-    '{ fails code; fails code "<StateChanged>" "Authenticate (\"login\", {\"factor\": <\"code\">, \"data\": <\"1234\">, \"challenge\": <@ay %challenge>})" "<StateChanged>"
-    try 1234 code "<Authenticated>"; } | tr "\n" " "'
+played "$lockout" '^.true,. AuthenticationFailed.. .true,. AuthenticationFailed.. StateChanged.3,. .false,. $' \
+    '{ fails code; fails code "<StateChanged>" "Authenticate (\"login\", {\"factor\": <\"code\">, \"data\": <\"1234\">, \"challenge\": <@ay %challenge>})"; } |
+    tr "\n" " "'
+played "${lockout/3600/0.1}" '^.true,. AuthenticationFailed.. .true,. AuthenticationFailed.. StateChanged.3,. StateChanged.1,. .true,. Authenticated $' \
+    '{ fails code; fails code "<StateChanged>" "<StateChanged>"; try 1234 code "<Authenticated>"; } | tr "\n" " "'
 played '{}' '^.false,. .2,. $' 'ctl "{\"do\":\"lockout\",\"kind\":\"manager\"}" >/dev/null; try 1234 code "GetState ()" | tr "\n" " "'
 played '{}' 'StateChanged.2,.' '"$C" "GetState ()" "<StateChanged>" & ctl "{\"do\":\"wait-calls\",\"method\":\"GetState\",\"count\":1}" "{\"do\":\"lockout\",\"kind\":\"manager\"}" >/dev/null; wait $!'
 played "$lockout" '^.1,.$' 'fails broken >&-; fails broken >&-; fails broken >&-; "$C" "GetState ()"'
