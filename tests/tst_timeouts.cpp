@@ -15,14 +15,10 @@ private Q_SLOTS:
 };
 
 namespace {
-bool waitLonger(const std::function<bool()> &condition)
-{
-    return waitFor(condition) || waitFor(condition);
-}
-
+// One, and not two.
 bool isTimeout(qint64 milliseconds)
 {
-    return milliseconds > 24000 && milliseconds < 30000;
+    return milliseconds > 24000 && milliseconds < 48000;
 }
 } // namespace
 
@@ -40,8 +36,8 @@ void TestTimeouts::asynchronousCalls()
     client.changeAuthData("code"_s, params);
     client.unlockIfNeeded();
     client.factorMethod({}, "code"_s, [&](const QVariant &result) { results.append(result); });
-    QVERIFY(timer.elapsed() < 5000);
-    QVERIFY(waitLonger([&] {
+    QVERIFY(timer.elapsed() < 24000);
+    QVERIFY(waitFor([&] {
         return results.size() == 1 && heard.list().size() == 2
             && log->lines().filter(QRegularExpression("^warning (call\\w+Finished )?failed:"_s)).size() == 3;
     }));
@@ -124,7 +120,7 @@ void TestTimeouts::failedGetStateTakesAKnownStateAway()
     QCOMPARE(client.state(), AuthDevlockClient::Unlocked);
     // Without an answer, and without leaving the bus: the answer is due in 25 seconds.
     const QString owner = daemon.owner();
-    QVERIFY(waitLonger([&] { return heard.list().size() == 2; }));
+    QVERIFY(waitFor([&] { return heard.list().size() == 2; }));
     QCOMPARE(daemon.owner(), owner);
     QCOMPARE(client.state(), AuthDevlockClient::Undefined);
     const QStringList lines = log->take();

@@ -462,7 +462,7 @@ void Pair::deliver()
     const QString mark = drainMark + QString::number(++marks);
     m_control->post(R"~({"do":"emit","signal":"Factor","args":"(')~" + mark.toLatin1() + R"~(', @a{sv} {})"})~");
     m_control->flush();
-    QDeadlineTimer deadline(30000);
+    QDeadlineTimer deadline(120000);
     QTimer wakening;
     wakening.start(1000);
     while (m_recorder->mark() != mark) {

@@ -24,7 +24,7 @@ void HostTestCase::waitReady(QProcess &host)
 {
     host.setReadChannel(QProcess::StandardOutput);
     while (!host.canReadLine()) {
-        if (!host.waitForReadyRead(60000))
+        if (!host.waitForReadyRead(300000))
             qFatal("The host does not get ready: %s", host.readAllStandardError().constData());
     }
     if (host.readLine() != "ready\n")
@@ -40,7 +40,7 @@ void HostTestCase::sendQuit(QProcess &host)
 
 void HostTestCase::checkEnd(QProcess &host, int status, const QString &critical)
 {
-    if (host.state() != QProcess::NotRunning && !host.waitForFinished(60000)) {
+    if (host.state() != QProcess::NotRunning && !host.waitForFinished(300000)) {
         host.kill();
         host.waitForFinished();
         QFAIL(("The host hangs:\n" + host.readAllStandardError()).constData());

@@ -65,7 +65,7 @@ StandIn::StandIn()
     address.sun_family = AF_UNIX;
     static_assert(sizeof socketPath <= sizeof address.sun_path, "the path fits");
     memcpy(address.sun_path, socketPath, sizeof socketPath);
-    const timeval timeout = {60, 0};
+    const timeval timeout = {180, 0};
     setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     if (connect(m_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         qFatal("No stand-in at %s: %s", socketPath, strerror(errno));
@@ -166,7 +166,7 @@ QStringList StandIn::calls()
 QStringList StandIn::waitCalls(const char *method, int count)
 {
     return written(request(R"({"do":"wait-calls","method":")" + QByteArray(method) + R"(","count":)"
-                           + QByteArray::number(count) + R"(,"timeout":30000})")
+                           + QByteArray::number(count) + R"(,"timeout":120000})")
                        .value(QLatin1String("calls"))
                        .toArray());
 }

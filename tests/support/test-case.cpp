@@ -12,7 +12,7 @@ bool waitFor(const std::function<bool()> &condition)
     QEventLoop loop;
     QTimer timeout;
     QObject::connect(&timeout, &QTimer::timeout, &loop, &QEventLoop::quit);
-    timeout.start(30000);
+    timeout.start(120000);
     QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, &loop, [&] {
         if (condition())
             loop.quit();

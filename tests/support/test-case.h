@@ -27,7 +27,7 @@ inline const QStringList resetSignals{"model resets"_s, "model reset"_s, "model 
 /** What a drop of the authentication emits when no request was under way. */
 inline const QStringList dropSignals{"authenticatedChanged()"_s, "discredit()"_s};
 
-/** Runs the event loop until @p condition holds; false when it does not within 30 seconds. */
+/** Runs the event loop until @p condition holds; false when it does not within two minutes. */
 bool waitFor(const std::function<bool()> &condition);
 
 /**
