@@ -159,7 +159,7 @@ Action returns(const QByteArray &without)
             play.daemon(R"({"do":"accept","how":")" + without + R"("})");
             play.daemon(R"({"do":"start"})");
         }
-        play.quiet();
+        play.awaitEnd();
         // Only a host that has ended needs no more.
         play.daemon(R"({"do":"accept","how":"normal"})");
         play.daemon(R"({"do":"restart"})");
@@ -172,6 +172,17 @@ void ordinary(Play &play)
     play.enterUntil(play.wrongCode(), [&play] { return play.wasCalled("Authenticate"); });
     play.quiet();
     play.unlock();
+    play.usable();
+}
+
+/** The host is started again, as its supervisor would; the device has been locked meanwhile. */
+void startedAgain(Play &play)
+{
+    play.start();
+    play.unlock();
+    play.end();
+    play.setLock(Locked);
+    play.start();
     play.usable();
 }
 
@@ -299,6 +310,7 @@ std::vector<Day> makeDays()
     const QByteArray handoverKeepingOld = R"({"do":"handover","keep-old":true})";
 
     add("ordinary", "a wrong code, the right one, a locking, the right one", ordinary);
+    add("started-again", "locks while the host, which is ended and started again, is not there", startedAgain);
 
     for (const Call &call : calls)
         add("crash-" + call.name, "dies at " + title(call) + ", returns later", goesAt(call.method, call.nth, "crash"));
@@ -386,6 +398,18 @@ std::vector<Day> makeDays()
             play.daemon(start);
             play.usable();
         });
+    for (const QByteArray how : {"mute", "lose-signals", "error"}) {
+        add(
+            "left-alone-" + how, "does not tell what came of a code (" + how + "), and the user has gone",
+            [=](Play &play) {
+                play.misbehave("Authenticate", how);
+                play.start();
+                play.reach("Authenticate");
+                play.leaveAlone();
+                play.usable();
+            },
+            Day::GivesUp);
+    }
     add("restart-with-token", "restarts while the token is being used", during("SetDevlockState", asks(restart)));
     add("away", "is away when the code is entered, returns later", idles([=](Play &play) {
             play.daemon(stop);

@@ -143,6 +143,8 @@ int check(Options options)
     if (check.world.isEmpty())
         return refuse(QStringLiteral("authd-world is neither in %1 nor in PATH").arg(beside), NotMade);
 
+    // Before what a signal may not leave behind.
+    const SignalsHeld held;
     const QTemporaryDir temporary;
     if (check.logs.isEmpty())
         check.logs = temporary.path();
@@ -153,7 +155,8 @@ int check(Options options)
         return refuse(QStringLiteral("%1 cannot be written: %2").arg(options.junit, junit.errorString()), NotMade);
 
     Report report(check);
-    playDays(check, [&report](const Result &result) { report.add(result); });
+    if (!playDays(check, held, [&report](const Result &result) { report.add(result); }))
+        return NotMade;
     report.finish();
     if (junit.isOpen() && !(report.writeJUnit(&junit) && junit.flush()))
         return refuse(QStringLiteral("%1 cannot be written: %2").arg(options.junit, junit.errorString()), NotMade);

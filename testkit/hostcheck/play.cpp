@@ -22,6 +22,7 @@ namespace {
 // Within these times a claim has to be taken back, and a host has to end.
 const int Grace = 5000;
 const int Quiet = 1000;
+const int Alone = 65000;
 const int EntryPause = 2000;
 const int Tick = 20;
 
@@ -160,6 +161,12 @@ void Play::start()
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         throw Outcome{Outcome::NotMade, QStringLiteral("no socket: ") + QString::fromLocal8Bit(strerror(errno))};
     m_probe = ends[0];
+    m_isUp = false;
+    m_hasEnded = false;
+    m_isEnding = false;
+    // What was true before it was there, it cannot mean.
+    observe();
+    m_seen = m_truth.size() - 1;
     m_pid = spawn(m_host, ends[1]);
     close(ends[1]);
     say("the host is started");
@@ -243,7 +250,16 @@ void Play::awaitLocked()
 void Play::quiet()
 {
     until([] { return false; }, Quiet);
-    m_seen = m_truth.size() - 1;
+}
+
+void Play::awaitEnd()
+{
+    until([] { return false; }, Grace);
+}
+
+void Play::leaveAlone()
+{
+    until([] { return false; }, Alone);
 }
 
 void Play::unlock()
@@ -276,14 +292,14 @@ void Play::usable()
     const int calls = m_daemon.callCount("Authenticate");
     if (!enterUntil(m_code, [&] { return wasCalled("Authenticate", calls + 1); }))
         failToUnlock();
-    until([] { return true; }, 0);
+    awaitLocked();
     daemon(R"({"do":"behave"})");
     daemon(R"({"do":"release"})");
     if (!until([this] { return isUnlocked(); }, EntryPause))
         unlock();
 }
 
-Outcome Play::finish()
+void Play::end()
 {
     m_isEnding = true;
     say("the host is asked to end");
@@ -294,6 +310,17 @@ Outcome Play::finish()
     if (!asAsked)
         find(endText(m_status) + QStringLiteral(" when asked to end"));
     awaitNoChildren();
+    // What it has claimed ends with it.
+    m_claimsUnlocked = false;
+    m_input.clear();
+    if (m_probe >= 0)
+        close(m_probe);
+    m_probe = -1;
+}
+
+Outcome Play::finish()
+{
+    end();
     QString text = QStringLiteral("stayed up");
     if (m_mostEntries > 1)
         text += QStringLiteral("; a code had to be entered %1 times").arg(m_mostEntries);

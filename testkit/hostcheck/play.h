@@ -51,7 +51,7 @@ public:
     /** Kills the system bus of the world and waits until the stand-in has noticed. */
     void killBus();
 
-    /** Starts the host and waits until it is up. */
+    /** Starts the host, also one that has been ended, and waits until it is up. */
     void start();
     /** The same, and waits until it has connected: it may claim something before. */
     void startIdle();
@@ -91,6 +91,10 @@ public:
     void awaitLocked();
     /** A time in which nothing may happen, for which there is nothing to wait. */
     void quiet();
+    /** Gives a host that may end the time to do so. */
+    void awaitEnd();
+    /** Longer than calls wait for an answer, and than a host should wait for an outcome. */
+    void leaveAlone();
 
     /** The right code unlocks. */
     void unlock();
@@ -99,7 +103,9 @@ public:
     /** The daemon is well again, so the host must be: the right code unlocks. */
     void usable();
 
-    /** Ends the host as its supervisor would; says how the day went. */
+    /** Ends the host as its supervisor would. */
+    void end();
+    /** The same; says how the day went. */
     Outcome finish();
     /** For what a day throws: the host may have ended with leave. */
     struct HostEnded

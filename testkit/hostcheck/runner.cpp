@@ -8,10 +8,16 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
+#include <QtCore/QSet>
+#include <QtCore/QSocketNotifier>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <deque>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -38,11 +44,37 @@ Outcome playDay(const Day &day, const QString &code, const QStringList &host)
     }
 }
 
+/** What is to end a process that has not been told to ignore it, as nohup does. */
+sigset_t endingSignals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+        struct sigaction action = {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+            sigaddset(&set, signal);
+    }
+    return set;
+}
+
+class World : public QProcess
+{
+protected:
+    // Else it would start with the signals held.
+    void setupChildProcess() override
+    {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+    }
+};
+
 class Runner
 {
 public:
-    Runner(const Check &check, const std::function<void(const Result &)> &tell)
+    Runner(const Check &check, const SignalsHeld &held, const std::function<void(const Result &)> &tell)
         : m_check(check)
+        , m_held(held)
         , m_tell(tell)
     {
         for (const Day *day : check.days)
@@ -52,11 +84,18 @@ public:
                          [](const Day *left, const Day *right) { return left->pace > right->pace; });
     }
 
-    void run()
+    bool run()
     {
+        QSocketNotifier interruption(m_held.descriptor(), QSocketNotifier::Read);
+        QObject::connect(&interruption, &QSocketNotifier::activated, &m_loop, [&] {
+            interruption.setEnabled(false);
+            for (QProcess *world : qAsConst(m_worlds))
+                world->terminate();
+        });
         startMore();
-        if (m_running > 0)
+        if (!m_worlds.isEmpty())
             m_loop.exec();
+        return !m_held.isAnyWaiting();
     }
 
 private:
@@ -64,7 +103,7 @@ private:
     {
         while (!m_waiting.empty() && m_runningWaiting < MostWaiting)
             start(take(m_waiting));
-        while (!m_quick.empty() && m_running - m_runningWaiting < m_check.jobs)
+        while (!m_quick.empty() && m_worlds.size() - m_runningWaiting < m_check.jobs)
             start(take(m_quick));
     }
 
@@ -86,20 +125,23 @@ private:
                           QString::fromUtf8(day->name), m_check.code});
         arguments.append(m_check.host);
 
-        auto *world = new QProcess;
+        auto *world = new World;
         world->setStandardErrorFile(logFile(m_check, *day));
         QElapsedTimer timer;
         timer.start();
-        ++m_running;
+        m_worlds.insert(world);
         m_runningWaiting += day->pace != Day::Quick;
         const auto finished = [this, world, day, timer] {
             const double seconds = double(timer.elapsed()) / 1000;
-            m_tell({day, outcomeOf(*world), seconds});
             world->deleteLater();
-            --m_running;
+            m_worlds.remove(world);
             m_runningWaiting -= day->pace != Day::Quick;
-            startMore();
-            if (m_running == 0)
+            // Ctrl-C reaches the worlds, too: how they ended says nothing then.
+            if (!m_held.isAnyWaiting()) {
+                m_tell({day, outcomeOf(*world), seconds});
+                startMore();
+            }
+            if (m_worlds.isEmpty())
                 m_loop.quit();
         };
         QObject::connect(world, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), &m_loop, finished);
@@ -127,19 +169,39 @@ private:
     }
 
     const Check &m_check;
+    const SignalsHeld &m_held;
     const std::function<void(const Result &)> &m_tell;
     std::deque<const Day *> m_waiting;
     std::deque<const Day *> m_quick;
-    int m_running = 0;
+    QSet<QProcess *> m_worlds; ///< those that run
     int m_runningWaiting = 0;
     QEventLoop m_loop;
 };
 
 } // namespace
 
-void playDays(const Check &check, const std::function<void(const Result &)> &tell)
+SignalsHeld::SignalsHeld()
 {
-    Runner(check, tell).run();
+    const sigset_t set = endingSignals();
+    sigprocmask(SIG_BLOCK, &set, &m_before);
+    m_descriptor = signalfd(-1, &set, SFD_CLOEXEC);
+}
+
+SignalsHeld::~SignalsHeld()
+{
+    close(m_descriptor);
+    sigprocmask(SIG_SETMASK, &m_before, nullptr);
+}
+
+bool SignalsHeld::isAnyWaiting() const
+{
+    pollfd source = {m_descriptor, POLLIN, 0};
+    return poll(&source, 1, 0) > 0;
+}
+
+bool playDays(const Check &check, const SignalsHeld &held, const std::function<void(const Result &)> &tell)
+{
+    return Runner(check, held, tell).run();
 }
 
 int playInside(const Day &day, const QString &code, const QStringList &host)

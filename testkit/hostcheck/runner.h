@@ -6,6 +6,7 @@
 #include <QtCore/QList>
 #include <QtCore/QStringList>
 
+#include <csignal>
 #include <functional>
 
 /** What is to be checked, and how. */
@@ -27,8 +28,32 @@ struct Result
     double seconds;
 };
 
-/** Plays each day in a world of its own, several side by side, and calls @p tell with each result as it comes. */
-void playDays(const Check &check, const std::function<void(const Result &)> &tell);
+/** The signals that end the process wait while this lives. One that has come by then ends it. */
+class SignalsHeld
+{
+public:
+    SignalsHeld();
+    ~SignalsHeld();
+    Q_DISABLE_COPY(SignalsHeld)
+
+    /** Is readable as soon as a signal waits. */
+    int descriptor() const
+    {
+        return m_descriptor;
+    }
+    bool isAnyWaiting() const;
+
+private:
+    sigset_t m_before;
+    int m_descriptor;
+};
+
+/**
+ * Plays each day in a world of its own, several side by side, and calls @p tell with each result as it comes.
+ *
+ * False when a signal has broken it off; the worlds have ended then, too.
+ */
+bool playDays(const Check &check, const SignalsHeld &held, const std::function<void(const Result &)> &tell);
 
 /** What runs inside of a day's world: plays the day and writes its outcome to standard output. */
 int playInside(const Day &day, const QString &code, const QStringList &host);

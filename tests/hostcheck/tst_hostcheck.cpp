@@ -1,11 +1,16 @@
+#include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QProcess>
+#include <QtCore/QProcessEnvironment>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QXmlStreamReader>
 #include <QtTest/QTest>
 
 #include <algorithm>
+#include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -31,6 +36,53 @@ Run run(const QStringList &arguments)
     return {process.exitCode(), QString::fromLocal8Bit(process.readAllStandardOutput()),
             QString::fromLocal8Bit(process.readAllStandardError())};
 }
+
+// A check in a process group of its own, as a shell starts it.
+class Job : public QProcess
+{
+public:
+    Job(const QString &temporary, const QStringList &arguments, int ignored = 0)
+        : m_ignored(ignored)
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("TMPDIR"), temporary);
+        setProcessEnvironment(environment);
+        start(QStringLiteral(HOSTCHECK), arguments);
+        waitForStarted();
+    }
+
+    /** The processes of this check, or those alone that have the variable as well. */
+    int count(const QByteArray &variable = "TMPDIR") const
+    {
+        const QString wanted = QStringLiteral("TMPDIR=") + processEnvironment().value(QStringLiteral("TMPDIR"));
+        int count = 0;
+        for (const QString &process : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+            QFile file(QStringLiteral("/proc/%1/environ").arg(process));
+            if (!file.open(QIODevice::ReadOnly))
+                continue;
+            const QList<QByteArray> environment = file.readAll().split('\0');
+            count += environment.contains(wanted.toLocal8Bit())
+                && std::any_of(environment.begin(), environment.end(),
+                               [&](const QByteArray &entry) { return entry.startsWith(variable + '='); });
+        }
+        return count;
+    }
+    int countHosts() const
+    {
+        return count("AUTHD_HOSTCHECK_FD");
+    }
+
+protected:
+    void setupChildProcess() override
+    {
+        setpgid(0, 0);
+        for (const int number : {SIGHUP, SIGINT, SIGTERM})
+            signal(number, number == m_ignored ? SIG_IGN : SIG_DFL);
+    }
+
+private:
+    const int m_ignored;
+};
 
 // Hosts run under the command that the test programs run under.
 QStringList underRunner(const QStringList &host)
@@ -99,6 +151,13 @@ QString sums(const QString &output)
     return output.trimmed().section(QLatin1Char('\n'), -1);
 }
 
+// The toolkit cuts long messages off: what matters comes first.
+QString described(const Run &run)
+{
+    const QStringList findings = rows(run.output, "FAILED") + rows(run.output, "NOT MADE");
+    return QStringLiteral("%1\n%2\n%3%4").arg(run.status).arg(findings.join(QLatin1Char('\n')), run.errors, run.output);
+}
+
 struct TestCase
 {
     QString name;
@@ -109,9 +168,7 @@ struct TestCase
 
 } // namespace
 
-#define COMPARE_RUN(run, expectedStatus)                                                                               \
-    QVERIFY2((run).status == (expectedStatus),                                                                         \
-             qPrintable(QStringLiteral("%1\n%2%3").arg((run).status).arg((run).output, (run).errors)))
+#define COMPARE_RUN(run, expectedStatus) QVERIFY2((run).status == (expectedStatus), qPrintable(described(run)))
 
 class TestHostCheck : public QObject
 {
@@ -123,15 +180,27 @@ private Q_SLOTS:
     void lockScreenPasses();
     void hostThatOpensAtTheEnd();
     void hostThatBelievesErrors();
+    void hostThatWorksOnce();
+    void claimOfLongAgo();
+    void slowHostPasses();
+    void ordinaryProcessPasses();
+    void hostStartsWithNoSignalBlocked();
     void findings_data();
     void findings();
     void logOfAFailingDayIsShown();
+    void endOfALongLog();
     void noSuchCall();
     void jUnit();
+    void jUnitOfNoCheck();
+    void jUnitOnAFullDisk();
+    void standInDies();
     void otherCodeAndScenario();
     void badScenario();
     void hostIsMissing();
     void worldIsMissing();
+    void brokenOff_data();
+    void brokenOff();
+    void ignoredSignal();
     void list();
     void wrongUsage_data();
     void wrongUsage();
@@ -232,6 +301,71 @@ void TestHostCheck::hostThatBelievesErrors()
     QVERIFY(rows(check.output, "NOT MADE").isEmpty());
 }
 
+void TestHostCheck::hostThatWorksOnce()
+{
+    const QStringList names{QStringLiteral("restart-Authenticate"), QStringLiteral("signal-first-Authenticate"),
+                            QStringLiteral("false-Authenticate"),   QStringLiteral("restart-during-challenge"),
+                            QStringLiteral("restart-unlocked"),     QStringLiteral("dies-after-Authenticate"),
+                            QStringLiteral("locked-again-at-once"), QStringLiteral("lockout-manager")};
+    const Run check = run(days(names) << QStringLiteral("--jobs") << QString::number(names.size()) << wrongHost
+                                      << QStringLiteral("works-once"));
+    COMPARE_RUN(check, 1);
+    QStringList expected;
+    for (const QString &name : names)
+        expected << name + QStringLiteral(": the right code did not unlock within 30 s");
+    QCOMPARE(difference(rows(check.output, "FAILED"), expected), QString());
+}
+
+void TestHostCheck::claimOfLongAgo()
+{
+    const QTemporaryDir directory;
+    QFile scenario(directory.filePath(QStringLiteral("scenario.json")));
+    QVERIFY(scenario.open(QIODevice::WriteOnly));
+    scenario.write(R"({"lock-state": "Unlocked"})");
+    scenario.close();
+    const Run check =
+        run(days({QStringLiteral("start-without-daemon")})
+            << QStringLiteral("--scenario") << scenario.fileName() << wrongHost << QStringLiteral("claims-late"));
+    COMPARE_RUN(check, 1);
+    QCOMPARE(rows(check.output, "FAILED"),
+             QStringList{QStringLiteral("start-without-daemon: claimed to be unlocked while the daemon was away")});
+}
+
+void TestHostCheck::slowHostPasses()
+{
+    const Run check = run(days({QStringLiteral("restart-unlocked")}) << wrongHost << QStringLiteral("is-slow"));
+    COMPARE_RUN(check, 0);
+    QCOMPARE(sums(check.output), QStringLiteral("1 days: 1 passed, 0 failed, 0 not reached"));
+}
+
+// It has nothing to read, its processes may start others that outlive them, and it may end as a program that handles
+// SIGTERM does.
+void TestHostCheck::ordinaryProcessPasses()
+{
+    const QString script = QStringLiteral(R"(
+        cat
+        (true &)
+        "$0" & host=$!
+        trap 'kill $host; wait $host; exit 143' TERM
+        while wait; do :; done
+    )");
+    const Run check = run(days({QStringLiteral("restart-idle")})
+                          << QStringLiteral("sh") << QStringLiteral("-c") << script << rightHost);
+    COMPARE_RUN(check, 0);
+    QCOMPARE(rows(check.output, "passed"), QStringList{QStringLiteral("restart-idle: stayed up")});
+}
+
+void TestHostCheck::hostStartsWithNoSignalBlocked()
+{
+    // A shell would unblock them.
+    const Run check = run(days({QStringLiteral("restart-idle")})
+                          << QStringLiteral("grep") << QStringLiteral("-q") << QStringLiteral("^SigBlk:[[:space:]]0*$")
+                          << QStringLiteral("/proc/self/status"));
+    COMPARE_RUN(check, 1);
+    QCOMPARE(rows(check.output, "FAILED"),
+             QStringList{QStringLiteral("restart-idle: ended with status 0 before it was up")});
+}
+
 void TestHostCheck::findings_data()
 {
     QTest::addColumn<QString>("fault");
@@ -246,13 +380,29 @@ void TestHostCheck::findings_data()
         "still claimed to be unlocked after the daemon had been Locked for 5 s");
     add("keeps-its-claim-of-nobody", "keeps-its-claim", false, "restart-unlocked",
         "still claimed to be unlocked after the daemon had been away for 5 s");
+    add("takes-back-late", "takes-back-late", false, "ordinary",
+        "still claimed to be unlocked after the daemon had been Locked for 5 s");
+    add("claims-at-a-code", "claims-at-a-code", false, "restart-idle",
+        "claimed to be unlocked while the daemon was Locked");
+    add("claims-at-its-end", "claims-at-its-end", false, "start-without-daemon",
+        "claimed to be unlocked while the daemon was away");
     add("claims-again", "claims-again", false, "ordinary", "claimed to be unlocked while the daemon was Locked");
+    for (const char *day : {"left-alone-mute", "left-alone-lose-signals", "left-alone-error"})
+        add(day, "gives-up-open", false, day, "claimed to be unlocked while the daemon was Locked");
+    add("remembers", "remembers", false, "started-again", "claimed to be unlocked while the daemon was Locked");
     add("ignores-sigterm", "ignores-sigterm", true, "restart-idle", "did not end within 5 s of SIGTERM");
     add("leaves-a-process", "leaves-a-process", true, "restart-idle", "left processes behind");
+    // A day on which the right host ends by itself.
+    add("leaves-a-process-early", "leaves-a-process", true, "start-without-daemon", "left processes behind");
     add("crashes", "crashes", false, "restart-idle", "was ended by signal 11 (Segmentation fault)");
     add("ends", "ends", false, "restart-idle", "ended with status 3");
     // A day on which status 1 would be right.
     add("ends-otherwise", "ends", false, "start-without-daemon", "ended with status 3");
+    // Days on which it would be right at another time.
+    add("ends-at-a-code", "ends-at-a-code", false, "crash-Introspect-1", "ended with status 1");
+    add("ends-when-away", "ends-when-away", false, "crash-Authenticate", "ended with status 1");
+    add("crashes-at-sigterm", "crashes-at-sigterm", false, "restart-idle",
+        "was ended by signal 11 (Segmentation fault) when asked to end");
     add("ends-at-sigterm", "ends-at-sigterm", false, "restart-idle", "ended with status 1 when asked to end");
     add("ends-at-once", "ends-at-once", false, "restart-idle", "ended with status 1 before it was up");
     add("ends-with-claim", "ends-with-claim", false, "ordinary",
@@ -260,6 +410,10 @@ void TestHostCheck::findings_data()
     add("is-silent", "is-silent", false, "restart-idle", "told no claim within 30 s of its start");
     add("mumbles", "mumbles", false, "restart-idle", "told neither locked nor unlocked, but \"open\"");
     add("ignores-codes", "ignores-codes", false, "restart-idle", "the right code did not unlock within 30 s");
+    add("ignores-codes-to-reach", "ignores-codes", false, "crash-Authenticate",
+        "the right code had no effect within 30 s");
+    add("ignores-codes-from-the-start", "ignores-codes", false, "start-without-daemon",
+        "the right code did not unlock within 30 s");
     add("hides-success", "hides-success", false, "restart-idle",
         "did not tell within 30 s that the right code had unlocked");
 }
@@ -292,6 +446,35 @@ void TestHostCheck::logOfAFailingDayIsShown()
     QVERIFY2(text.contains(QLatin1String("] host: open\n")), qPrintable(text));
     QVERIFY2(text.contains(QLatin1String("mumbling\n")), qPrintable(text));
     QVERIFY2(check.output.contains(QLatin1String("\n    mumbling\n")), qPrintable(check.output));
+}
+
+void TestHostCheck::endOfALongLog()
+{
+    const QTemporaryDir directory;
+    QFile file(directory.filePath(QStringLiteral("results.xml")));
+    const Run check = run({QStringLiteral("--day=ordinary"), QStringLiteral("--junit"), file.fileName(), wrongHost,
+                           QStringLiteral("babbles")});
+    COMPARE_RUN(check, 1);
+    for (const char *line : {"line 290.", "line 300."})
+        QVERIFY2(check.output.contains(QLatin1String(line)), qPrintable(check.output));
+    QVERIFY2(!check.output.contains(QLatin1String("line 270.")), qPrintable(check.output));
+
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QXmlStreamReader xml(&file);
+    QString message;
+    QString text;
+    while (!xml.atEnd()) {
+        xml.readNext();
+        if (xml.isStartElement() && xml.name() == QLatin1String("failure"))
+            message = xml.attributes().value(QLatin1String("message")).toString();
+        if (xml.isCharacters())
+            text += xml.text();
+    }
+    QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
+    QCOMPARE(message, QStringLiteral("told neither locked nor unlocked, but \"\ufffdopen\""));
+    for (const char *line : {"line 110.", "line 300."})
+        QVERIFY2(text.contains(QLatin1String(line)), qPrintable(text));
+    QVERIFY2(!text.contains(QLatin1String("line 90.")), qPrintable(text));
 }
 
 void TestHostCheck::noSuchCall()
@@ -360,6 +543,52 @@ void TestHostCheck::jUnit()
     QCOMPARE(cases.at(3).child, QStringLiteral("failure"));
 }
 
+void TestHostCheck::jUnitOfNoCheck()
+{
+    const QTemporaryDir directory;
+    QFile file(directory.filePath(QStringLiteral("results.xml")));
+    const Run check =
+        run(days({QStringLiteral("ordinary")}) << QStringLiteral("--scenario") << QStringLiteral("/nowhere.json")
+                                               << QStringLiteral("--junit") << file.fileName() << rightHost);
+    COMPARE_RUN(check, 125);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(file.readAll());
+    QVERIFY2(text.contains(QLatin1String(R"(tests="1" failures="0" errors="1" skipped="0")")), qPrintable(text));
+    QVERIFY2(text.contains(QLatin1String(R"(<error message="the world ended with status 3">)")), qPrintable(text));
+}
+
+void TestHostCheck::jUnitOnAFullDisk()
+{
+    const Run check = run(days({QStringLiteral("start-without-daemon")})
+                          << QStringLiteral("--junit") << QStringLiteral("/dev/full") << rightHost);
+    COMPARE_RUN(check, 125);
+    QCOMPARE(check.errors, QStringLiteral("authd-hostcheck: /dev/full cannot be written: No space left on device\n"));
+}
+
+void TestHostCheck::standInDies()
+{
+    // Without a bus it ends, so that there is a finding as well.
+    const QString script = QStringLiteral(R"(
+        [ "${AUTHD_WORLD_BUS_PID-}" ] || exit 3
+        for process in /proc/[0-9]*; do
+            read -r name <"$process/comm"
+            [ "$name" != authd-standin ] || kill -KILL "${process#/proc/}"
+        done
+        exec sleep 600
+    )");
+    const Run check = run(days({QStringLiteral("ordinary"), QStringLiteral("start-without-bus")})
+                          << QStringLiteral("sh") << QStringLiteral("-c") << script);
+    COMPARE_RUN(check, 125);
+    const QStringList notMade = rows(check.output, "NOT MADE");
+    QCOMPARE(notMade.size(), 1);
+    // As it comes: when the check asks, or when it waits for the answer.
+    const QRegularExpression text(QStringLiteral("^ordinary: the stand-in (has gone|does not answer \\{.*\\})$"));
+    QVERIFY2(text.match(notMade.first()).hasMatch(), qPrintable(notMade.first()));
+    QCOMPARE(rows(check.output, "FAILED"),
+             QStringList{QStringLiteral("start-without-bus: ended with status 3 before it was up")});
+    QCOMPARE(sums(check.output), QStringLiteral("2 days: 0 passed, 1 failed, 0 not reached, 1 not made"));
+}
+
 void TestHostCheck::otherCodeAndScenario()
 {
     const QTemporaryDir directory;
@@ -395,6 +624,10 @@ void TestHostCheck::hostIsMissing()
     QCOMPARE(check.output, QString());
     QCOMPARE(check.errors,
              QStringLiteral("authd-hostcheck: the host /nowhere/host cannot be started: there is no such program\n"));
+    check = run({QStringLiteral("/etc/passwd")});
+    COMPARE_RUN(check, 125);
+    QCOMPARE(check.errors,
+             QStringLiteral("authd-hostcheck: the host /etc/passwd cannot be started: it is no program\n"));
     // It is there, but what would run it is not.
     QTemporaryDir directory;
     QFile file(directory.filePath(QStringLiteral("host")));
@@ -415,10 +648,71 @@ void TestHostCheck::worldIsMissing()
     QVERIFY(QFile::copy(program, copy));
     QProcess process;
     process.start(copy, {rightHost});
-    QVERIFY(process.waitForFinished());
+    QVERIFY(process.waitForFinished(-1));
     QCOMPARE(process.exitCode(), 125);
     QCOMPARE(QString::fromLocal8Bit(process.readAllStandardError()),
              QStringLiteral("authd-hostcheck: authd-world is neither in %1 nor in PATH\n").arg(directory.path()));
+    // It need not be beside.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PATH"),
+                       QFileInfo(program).path() + QLatin1Char(':') + environment.value(QStringLiteral("PATH")));
+    process.setProcessEnvironment(environment);
+    process.start(copy, {QStringLiteral("--day"), QStringLiteral("start-without-bus"), rightHost});
+    QVERIFY(process.waitForFinished(-1));
+    QCOMPARE(process.exitCode(), 0);
+}
+
+void TestHostCheck::brokenOff_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<bool>("toGroup");
+    QTest::addColumn<int>("hosts");
+    QTest::addColumn<int>("leftDirectories");
+    QTest::newRow("SIGHUP") << SIGHUP << false << 3 << 0;
+    QTest::newRow("SIGINT") << SIGINT << false << 3 << 0;
+    QTest::newRow("SIGTERM") << SIGTERM << false << 3 << 0;
+    QTest::newRow("SIGTERM at once") << SIGTERM << false << 0 << 0;
+    QTest::newRow("Ctrl-C") << SIGINT << true << 3 << 0;
+    QTest::newRow("Ctrl-C at once") << SIGINT << true << 0 << 0;
+    // It takes the worlds along even so.
+    QTest::newRow("SIGKILL") << SIGKILL << false << 3 << 1;
+}
+
+void TestHostCheck::brokenOff()
+{
+    QFETCH(int, signal);
+    QFETCH(bool, toGroup);
+    QFETCH(int, hosts);
+    QFETCH(int, leftDirectories);
+    const QTemporaryDir temporary;
+    const auto directories = [&] { return QDir(temporary.path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); };
+    Job job(temporary.path(),
+            days({QStringLiteral("ordinary"), QStringLiteral("start-without-bus"), QStringLiteral("mute-GetState")})
+                << QStringLiteral("--jobs") << QStringLiteral("2") << wrongHost << QStringLiteral("ignores-sigterm")
+                << wrongHost << QStringLiteral("is-silent"));
+    QTRY_COMPARE_WITH_TIMEOUT(directories(), 1, 25000);
+    QTRY_VERIFY_WITH_TIMEOUT(job.countHosts() >= hosts, 25000);
+    QCOMPARE(kill(pid_t(toGroup ? -job.processId() : job.processId()), signal), 0);
+    // Before the time is up in which a host has to tell something.
+    QVERIFY(job.waitForFinished(20000));
+    QCOMPARE(job.exitStatus(), QProcess::CrashExit);
+    QCOMPARE(job.exitCode(), signal);
+    QCOMPARE(QString::fromLocal8Bit(job.readAllStandardOutput()), QString());
+    QCOMPARE(QString::fromLocal8Bit(job.readAllStandardError()), QString());
+    QCOMPARE(directories(), leftDirectories);
+    QTRY_COMPARE(job.count(), 0);
+}
+
+// As under nohup.
+void TestHostCheck::ignoredSignal()
+{
+    const QTemporaryDir temporary;
+    Job job(temporary.path(), {QStringLiteral("--day"), QStringLiteral("ordinary"), rightHost}, SIGHUP);
+    QTRY_COMPARE_WITH_TIMEOUT(job.countHosts(), 1, 25000);
+    QCOMPARE(kill(pid_t(job.processId()), SIGHUP), 0);
+    QVERIFY(job.waitForFinished(-1));
+    QCOMPARE(job.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(job.exitCode(), 0);
 }
 
 void TestHostCheck::list()

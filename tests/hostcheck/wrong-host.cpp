@@ -3,18 +3,31 @@
 //     opens-at-the-end   claims to be unlocked when its client process has ended
 //     believes-errors    takes setLocked() for done whatever it answers
 //     keeps-its-claim    never takes its claim back
+//     takes-back-late    takes its claim back after 8 s
+//     is-slow            takes its claim back after 2 s, as it may
 //     claims-again       takes its claim back, and claims again
+//     claims-late        tells after 6 s that it is unlocked, and nothing before
+//     claims-at-a-code   claims to be unlocked when a code is entered; it stops the check for a second, so that the
+//                        check reads that as late as on a busy machine
+//     claims-at-its-end  claims to be unlocked, and ends with status 1; the check is stopped until then
+//     gives-up-open      claims to be unlocked when a code has had no outcome for 3 s
+//     remembers          keeps in a file that it is unlocked, and believes that when it is started again
 //     ignores-sigterm    does not end when asked to
 //     leaves-a-process   ends without a process that it has started
 //     crashes            dies of a fault when a code is entered
 //     ends               ends with status 3 when a code is entered
+//     ends-at-a-code     ends with status 1 when a code is entered
+//     ends-when-away     ends with status 1 when the daemon goes
 //     ends-with-claim    ends with status 1 instead of taking its claim back
 //     ends-at-sigterm    ends with status 1 when asked to end
+//     crashes-at-sigterm dies of a fault when asked to end
 //     ends-at-once       ends with status 1 before it has told anything
 //     ignores-codes      does not read the codes
+//     works-once         ignores all codes but the first
 //     hides-success      never tells that it is unlocked
 //     is-silent          never tells what it claims
 //     mumbles            tells something else
+//     babbles            tells something else, with a control character, after 300 lines on standard output
 
 #include <AuthClient>
 #include <AuthDevlockClient>
@@ -26,6 +39,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -34,6 +48,8 @@
 namespace {
 
 int probe = -1;
+// Every world has a /run of its own.
+const char memory[] = "/run/remembered";
 
 void tell(const QByteArray &line)
 {
@@ -88,43 +104,73 @@ class Host
 {
 public:
     explicit Host(const QByteArray &fault)
-        : m_notifier(probe, QSocketNotifier::Read)
+        : m_fault(fault)
+        , m_notifier(probe, QSocketNotifier::Read)
     {
         QObject::connect(&m_notifier, &QSocketNotifier::activated, &m_notifier, [this] {
             for (const QByteArray &line : readCode().split('\n')) {
                 // What it believes is the same every time only if it knows the state before.
                 if (line.startsWith("enter ") && m_devlock && m_devlock->state() != AuthDevlockClient::Undefined)
-                    m_client->authenticate(
-                        QStringLiteral("unlock"),
-                        {{QStringLiteral("factor"), QStringLiteral("code")}, {QStringLiteral("data"), line.mid(6)}});
+                    enter(line.mid(6));
             }
         });
-        tell("locked\n");
+        if (m_fault == "remembers" && access(memory, F_OK) == 0)
+            claim(true);
+        else
+            tell("locked\n");
         // Like many a host it tells what it claims before it has connected.
-        QTimer::singleShot(200, &m_notifier, [=] { follow(fault); });
+        QTimer::singleShot(200, &m_notifier, [this] { follow(); });
     }
 
 private:
-    void follow(const QByteArray &fault)
+    void enter(const QByteArray &code)
+    {
+        ++m_codes;
+        if (m_codes > 1 && m_fault == "works-once")
+            return;
+        if (m_fault == "claims-at-a-code") {
+            kill(getppid(), SIGSTOP);
+            QTimer::singleShot(1000, &m_notifier, [] { kill(getppid(), SIGCONT); });
+            claim(true);
+        }
+        if (m_fault == "gives-up-open") {
+            QTimer::singleShot(3000, m_client.get(), [this] {
+                if (m_client->progress())
+                    claim(true);
+            });
+        }
+        m_client->authenticate(QStringLiteral("unlock"),
+                               {{QStringLiteral("factor"), QStringLiteral("code")}, {QStringLiteral("data"), code}});
+    }
+
+    void follow()
     {
         m_client = std::make_unique<AuthClient>();
         m_devlock = std::make_unique<AuthDevlockClient>();
-        QObject::connect(m_client.get(), &AuthClient::authenticatedChanged, m_client.get(), [=] {
+        QObject::connect(m_client.get(), &AuthClient::authenticatedChanged, m_client.get(), [this] {
             if (!m_client->authenticated())
                 return;
             m_client->setLocked(AuthDevlockClient::Unlocked);
-            if (fault == "believes-errors")
+            if (m_fault == "believes-errors")
                 claim(true);
         });
-        QObject::connect(m_devlock.get(), &AuthDevlockClient::stateChanged, m_devlock.get(), [=] {
-            if (m_devlock->state() == AuthDevlockClient::Unlocked && fault != "hides-success")
+        QObject::connect(m_devlock.get(), &AuthDevlockClient::stateChanged, m_devlock.get(), [this] {
+            const int late = m_fault == "takes-back-late" ? 8000 : m_fault == "is-slow" ? 2000 : 0;
+            if (m_devlock->state() == AuthDevlockClient::Unlocked && m_fault == "remembers")
+                close(creat(memory, 0600));
+            if (m_devlock->state() == AuthDevlockClient::Unlocked && m_fault != "hides-success")
                 claim(true);
-            else if (m_isUnlocked && fault == "ends-with-claim")
+            else if (m_devlock->state() == AuthDevlockClient::Undefined && m_fault == "ends-when-away")
                 _exit(1);
-            else if (m_isUnlocked && fault == "claims-again") {
+            else if (m_isUnlocked && late > 0)
+                QTimer::singleShot(late, m_devlock.get(),
+                                   [this] { claim(m_devlock->state() == AuthDevlockClient::Unlocked); });
+            else if (m_isUnlocked && m_fault == "ends-with-claim")
+                _exit(1);
+            else if (m_isUnlocked && m_fault == "claims-again") {
                 claim(false);
                 claim(true);
-            } else if (fault != "keeps-its-claim")
+            } else if (m_fault != "keeps-its-claim")
                 claim(false);
         });
     }
@@ -136,9 +182,11 @@ private:
         m_isUnlocked = isUnlocked;
     }
 
+    const QByteArray m_fault;
     QSocketNotifier m_notifier;
     std::unique_ptr<AuthClient> m_client;
     std::unique_ptr<AuthDevlockClient> m_devlock;
+    int m_codes = 0;
     bool m_isUnlocked = false;
 };
 
@@ -148,7 +196,30 @@ int endAtACode(const QByteArray &fault)
     readCode();
     if (fault == "crashes")
         raise(SIGSEGV);
-    return 3;
+    return fault == "ends" ? 3 : 1;
+}
+
+int claimAtTheEnd()
+{
+    const pid_t check = getppid();
+    const pid_t host = getpid();
+    kill(check, SIGSTOP);
+    if (fork() == 0) {
+        while (getppid() == host)
+            usleep(1000);
+        kill(check, SIGCONT);
+        _exit(0);
+    }
+    tell("unlocked\n");
+    return 1;
+}
+
+void babble()
+{
+    for (int i = 1; i <= 300; ++i)
+        printf("line %d.\n", i);
+    fflush(stdout);
+    tell("\033open\n");
 }
 
 } // namespace
@@ -166,11 +237,20 @@ int main(int argc, char **argv)
         signal(SIGTERM, SIG_IGN);
         return become(command);
     }
-    if (fault == "crashes" || fault == "ends")
+    if (fault == "crashes" || fault == "ends" || fault == "ends-at-a-code")
         return endAtACode(fault);
     if (fault == "ends-at-once")
         return 1;
-    if (fault == "is-silent" || fault == "mumbles" || fault == "ignores-codes") {
+    if (fault == "claims-at-its-end")
+        return claimAtTheEnd();
+    if (fault == "is-silent" || fault == "mumbles" || fault == "babbles" || fault == "ignores-codes"
+        || fault == "claims-late") {
+        if (fault == "babbles")
+            babble();
+        if (fault == "claims-late") {
+            sleep(6);
+            tell("unlocked\n");
+        }
         if (fault == "mumbles") {
             fputs("mumbling\n", stderr);
             tell("open\n");
@@ -182,6 +262,8 @@ int main(int argc, char **argv)
     }
     if (fault == "ends-at-sigterm")
         signal(SIGTERM, [](int) { _exit(1); });
+    if (fault == "crashes-at-sigterm")
+        signal(SIGTERM, [](int) { raise(SIGSEGV); });
     QCoreApplication application(argc, argv);
     const Host host(fault);
     return QCoreApplication::exec();
