@@ -10,7 +10,7 @@ Item {
     property real unit: 1
     // Not called text: that would be read out by assistive technology.
     property string digits
-    readonly property int maximumLength: 32
+    readonly property int maximumLength: 128
     signal accepted()
 
     function append(digit) {

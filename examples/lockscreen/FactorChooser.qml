@@ -10,12 +10,13 @@ FocusScope {
     id: chooser
 
     property real unit: 1
-    property int user: 0
+    property real user: 0
     property string current
     property var factors: []
     signal chosen(string name)
 
     // Waits for the daemon, with several calls: when it is mute to all of them, the locked screen is frozen for minutes.
+    // The settings client stays afterwards, and waits again for a daemon that comes back and is mute.
     // Selecting a user reads the values; the one selected already would not be read again.
     function read() {
         AuthSettingsClient.uid = 0;

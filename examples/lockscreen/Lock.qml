@@ -20,7 +20,7 @@ Item {
     }
 
     // The user to unlock for; 0 leaves the choice to the daemon.
-    property int user: 0
+    property real user: 0
     // Milliseconds until an attempt that has no outcome may be given up.
     property int patience: 10000
     // Milliseconds until it ends by itself: who has entered the code may have gone, and what is late must not unlock
@@ -28,6 +28,8 @@ Item {
     property int longestAttempt: 60000
     // Milliseconds until the state is asked for again while it is not known; doubled four times, and then this again.
     property int retryPause: 2000
+    // Milliseconds between looks at whether a change of the state was missed.
+    property int lookPause: 3000
 
     readonly property int deviceState: devlock.item ? devlock.item.state : AuthDevlockClient.Undefined
     readonly property bool unlocked: deviceState === AuthDevlockClient.Unlocked
@@ -71,6 +73,11 @@ Item {
         locking.start();
     }
 
+    function askAnew() {
+        devlock.active = false;
+        devlock.active = true;
+    }
+
     function end() {
         stage = Lock.Idle;
         request = null;
@@ -95,7 +102,39 @@ Item {
     Loader {
         id: devlock
 
+        active: false
         sourceComponent: AuthDevlockClient {}
+    }
+
+    Timer {
+        interval: lock.frame
+        running: true
+        onTriggered: devlock.active = true
+    }
+
+    // An announcement may get lost, and a daemon that takes over from another without a gap need not make any. So now
+    // and then another client asks, and where it is told something else, ours begins anew.
+    Loader {
+        id: look
+
+        active: false
+        sourceComponent: AuthDevlockClient {
+            onStateChanged: {
+                if (state !== lock.deviceState && lock.deviceState !== AuthDevlockClient.Undefined)
+                    lock.askAnew();
+                look.active = false;
+            }
+        }
+    }
+
+    Timer {
+        interval: lock.lookPause
+        repeat: true
+        running: lock.deviceState !== AuthDevlockClient.Undefined
+        onTriggered: {
+            look.active = false;
+            look.active = true;
+        }
     }
 
     // A daemon that has come back need not announce the state, and then the client stays as it is: another one asks. No
@@ -111,8 +150,7 @@ Item {
         running: lock.deviceState === AuthDevlockClient.Undefined
         onRunningChanged: count = 0
         onTriggered: {
-            devlock.active = false;
-            devlock.active = true;
+            lock.askAnew();
             ++count;
         }
     }

@@ -10,6 +10,7 @@ Sheet {
     property alias user: lock.user
     property alias patience: lock.patience
     property alias retryPause: lock.retryPause
+    property alias lookPause: lock.lookPause
     property alias unlocked: lock.unlocked
     // Whether the daemon has told a state, and the screen shows it.
     property bool settled: false
@@ -34,10 +35,9 @@ Sheet {
     function show() {
         if (lock.deviceState !== AuthDevlockClient.Undefined)
             settled = true;
+        // The focus does not go to the button that locks: a second Return would undo the first.
         if (offersEntry)
             entry.focusField();
-        else if (unlocked)
-            unlockedPage.focusButton();
         else
             forceActiveFocus();
     }
@@ -56,6 +56,13 @@ Sheet {
                 screen.factor = "code";
             Qt.callLater(screen.show);
         }
+    }
+
+    // Who has chosen another factor may have gone, too.
+    Timer {
+        interval: entry.memory
+        running: screen.factor !== "code" && !screen.choosing && !lock.busy && !entry.secret
+        onTriggered: screen.choose("code")
     }
 
     GridLayout {
@@ -145,8 +152,6 @@ Sheet {
             }
 
             Notice {
-                id: unlockedPage
-
                 objectName: "unlockedPage"
                 anchors.fill: parent
                 visible: screen.unlocked

@@ -15,8 +15,6 @@ ColumnLayout {
     property string action
     signal triggered()
 
-    function focusButton() { button.forceActiveFocus(Qt.TabFocusReason) }
-
     spacing: Theme.gap * unit
     Accessible.role: Accessible.AlertMessage
     Accessible.name: title
@@ -72,8 +70,6 @@ ColumnLayout {
         Accessible.ignored: true
     }
     PushButton {
-        id: button
-
         objectName: "action"
         visible: notice.action !== ""
         text: notice.action
