@@ -29,7 +29,7 @@ Item {
     // Milliseconds until the state is asked for again while it is not known; doubled four times, and then this again.
     property int retryPause: 2000
     // Milliseconds between looks at whether a change of the state was missed.
-    property int lookPause: 3000
+    property int lookPause: 30000
 
     readonly property int deviceState: devlock.item ? devlock.item.state : AuthDevlockClient.Undefined
     readonly property bool unlocked: deviceState === AuthDevlockClient.Unlocked
@@ -78,6 +78,11 @@ Item {
         devlock.active = true;
     }
 
+    function lookAtState() {
+        look.active = false;
+        look.active = true;
+    }
+
     function end() {
         stage = Lock.Idle;
         request = null;
@@ -93,7 +98,7 @@ Item {
 
     onDeviceStateChanged: {
         locking.stop();
-        lockingCheck.stop();
+        check.stop();
         lockingFailed = false;
         end();
     }
@@ -131,10 +136,7 @@ Item {
         interval: lock.lookPause
         repeat: true
         running: lock.deviceState !== AuthDevlockClient.Undefined
-        onTriggered: {
-            look.active = false;
-            look.active = true;
-        }
+        onTriggered: lock.lookAtState()
     }
 
     // A daemon that has come back need not announce the state, and then the client stays as it is: another one asks. No
@@ -210,6 +212,8 @@ Item {
         onTriggered: {
             if (!client.item.setLocked(AuthDevlockClient.Unlocked))
                 lock.fail(qsTr("The device could not be unlocked. Please try again."));
+            else
+                check.start();
         }
     }
 
@@ -235,15 +239,18 @@ Item {
         interval: lock.frame
         onTriggered: {
             devlock.item.state = AuthDevlockClient.Locked;
-            lockingCheck.start();
+            check.start();
         }
     }
 
-    // A refusal is not reported: the state just stays as it is.
+    // The state just stays as it is when a locking has been refused, or an announcement got lost.
     Timer {
-        id: lockingCheck
+        id: check
 
         interval: 1000
-        onTriggered: lock.lockingFailed = true
+        onTriggered: {
+            lock.lockingFailed = lock.unlocked;
+            lock.lookAtState();
+        }
     }
 }
