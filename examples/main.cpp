@@ -77,7 +77,8 @@ void drawInto(const QString &file, QQuickWindow *screen)
         if (!screen->property("settled").toBool())
             return;
         QObject::disconnect(screen, &QQuickWindow::frameSwapped, nullptr, nullptr);
-        const auto picture = screen->contentItem()->grabToImage();
+        // Const, for the overload of saveToFile() that is not deprecated.
+        const QSharedPointer<const QQuickItemGrabResult> picture = screen->contentItem()->grabToImage();
         QObject::connect(picture.data(), &QQuickItemGrabResult::ready, screen, [file, picture] {
             if (picture->saveToFile(file))
                 return QCoreApplication::quit();

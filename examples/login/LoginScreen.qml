@@ -11,8 +11,9 @@ Sheet {
     // The host knows its users; the daemon has no list of them.
     property var users: [{ uid: 1000, name: "Alex" }, { uid: 1001, name: "Robin" }]
     // The user who is to sign in; 0 while none is chosen.
-    property int user: 0
+    property real user: 0
     property alias patience: form.patience
+    property alias memory: form.memory
     property alias deviceInterval: device.interval
     readonly property bool settled: device.isKnown && !form.asking
 
@@ -80,6 +81,8 @@ Sheet {
         startOver();
         read();
     }
+    // The focus goes to what has changed, not to what undoes it: a second Return would.
+    onSignedInChanged: if (signedIn) heading.forceActiveFocus()
 
     Attempt {
         id: attempt
@@ -136,6 +139,8 @@ Sheet {
                 Layout.alignment: Qt.AlignHCenter
             }
             Text {
+                id: heading
+
                 objectName: "heading"
                 textFormat: Text.PlainText
                 color: Theme.text
@@ -199,13 +204,20 @@ Sheet {
             Label {
                 objectName: "noFactor"
                 textFormat: Text.PlainText
-                text: device.isKnown ? qsTr("There is no way for %1 to sign in on this device.").arg(login.name)
-                                     : device.obstacle
+                // Whether the daemon has told none, or nothing at all, cannot be told apart.
+                text: device.isKnown ? qsTr("No way for %1 to sign in is known.").arg(login.name) : device.obstacle
                 visible: login.user && !form.row
                 color: Theme.quiet
                 horizontalAlignment: Text.AlignHCenter
                 wrapMode: Text.Wrap
                 Layout.fillWidth: true
+            }
+            PushButton {
+                objectName: "again"
+                text: qsTr("Try again")
+                visible: login.user && !form.row && device.isKnown
+                Layout.fillWidth: true
+                onClicked: login.read()
             }
             PushButton {
                 objectName: "other"
@@ -227,7 +239,6 @@ Sheet {
                 enabled: !form.asking
                 Layout.fillWidth: true
                 onClicked: login.user = 0
-                onTextChanged: if (login.signedIn) forceActiveFocus(Qt.TabFocusReason)
             }
         }
     }

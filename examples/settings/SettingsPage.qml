@@ -11,13 +11,18 @@ Sheet {
     // The host knows its users; the daemon has no list of them.
     property var users: [{ uid: 1000, name: "Alex" }, { uid: 1001, name: "Robin" }]
     // The user whose settings are shown; 0 while none is chosen.
-    property int user: 0
+    property real user: 0
     property alias patience: form.patience
+    property alias memory: form.memory
     property alias deviceInterval: device.interval
     readonly property bool settled: device.isKnown && !form.asking
     readonly property string name: nameOf(user)
 
     readonly property bool isUnlocked: AuthSettingsClient.authenticated && device.isKnown
+    // Why a change was refused is not known. Where a daemon has taken over from another without a gap, the client still
+    // has the other's token and challenge, and gets no new ones.
+    property Toggle lastRefused: null
+    readonly property bool isRefused: lastRefused !== null && lastRefused.refused
     // What the daemon has told, as far as no property of AuthSettingsClient follows it.
     property var rows: []
     property var unlockFactors: []
@@ -29,7 +34,7 @@ Sheet {
     // somebody else's is awaited would be taken for that, because the daemon does not say whose it is; it would refuse
     // the changes only. Changes need the token of this very client, whose connection lasts as long as the daemon. So
     // nobody else can unlock their settings until the daemon has gone.
-    property int unheard: 0
+    property real unheard: 0
 
     function nameOf(uid) {
         const found = users.find(entry => entry.uid === uid);
@@ -67,6 +72,8 @@ Sheet {
         AuthSettingsClient.dropAuthentication();
         read();
     }
+    // The focus goes to what has changed, not to what undoes it: a second Return would.
+    onIsUnlockedChanged: if (isUnlocked) summary.focusHeading()
     Component.onCompleted: {
         if (!name)
             user = 0;
@@ -166,12 +173,17 @@ Sheet {
                 Layout.alignment: Qt.AlignTop
 
                 Card {
-                    title: page.isUnlocked ? qsTr("Settings are unlocked") : qsTr("Settings are locked")
+                    id: summary
+
+                    title: !page.isUnlocked ? qsTr("Settings are locked")
+                           : page.isRefused ? qsTr("A change was not accepted") : qsTr("Settings are unlocked")
 
                     Label {
+                        objectName: "summary"
                         textFormat: Text.PlainText
-                        text: page.isUnlocked ? qsTr("Changes take effect at once.")
-                                              : qsTr("To change them, show that you are %1.").arg(page.name)
+                        text: !page.isUnlocked ? qsTr("To change them, show that you are %1.").arg(page.name)
+                              : page.isRefused ? qsTr("Reopening the settings may help.")
+                              : qsTr("Changes take effect at once.")
                         color: Theme.quiet
                         font.pixelSize: 14
                         wrapMode: Text.Wrap
@@ -193,8 +205,11 @@ Sheet {
                                       .arg(page.nameOf(page.unheard))
                                     : ""
                         Layout.fillWidth: true
-                        onSubmitted: AuthSettingsClient.authenticate("login",
-                                                                     { factor: factor, data: secret, uid: uid })
+                        // The toolkit would send a number that a real property holds as one with a fraction.
+                        onSubmitted: {
+                            const params = { factor: factor, data: secret, uid: uid };
+                            AuthSettingsClient.authenticate("login", AuthParameters.from(params));
+                        }
                         onGivenUp: {
                             page.unheard = askedUid;
                             AuthSettingsClient.dropAuthentication();
@@ -206,7 +221,6 @@ Sheet {
                         visible: page.isUnlocked
                         Layout.fillWidth: true
                         onClicked: AuthSettingsClient.dropAuthentication()
-                        onVisibleChanged: if (visible) forceActiveFocus(Qt.TabFocusReason)
                     }
                 }
 
@@ -266,6 +280,7 @@ Sheet {
                                      && (AuthSettingsClient.isMultiFactorable || !model.enabled)
                                      && AuthSettingsClient.canTriggerFactor(index)
                             onWished: AuthSettingsClient.triggerFactor(index)
+                            onRefusedChanged: if (refused) page.lastRefused = this
                         }
                     }
                     Toggle {
@@ -276,6 +291,7 @@ Sheet {
                         visible: AuthSettingsClient.isUserSettable
                         enabled: page.isUnlocked
                         onWished: AuthSettingsClient.isMultiFactorable = !on
+                        onRefusedChanged: if (refused) page.lastRefused = this
                     }
                 }
             }
@@ -300,6 +316,7 @@ Sheet {
                             on: page.unlockFactors.includes(modelData)
                             enabled: page.isUnlocked && AuthSettingsClient.isUserSettable
                             onWished: AuthSettingsClient.triggerUnlockFactor(modelData)
+                            onRefusedChanged: if (refused) page.lastRefused = this
                         }
                     }
                     Toggle {
@@ -308,6 +325,7 @@ Sheet {
                         on: AuthSettingsClient.showNotifications
                         enabled: page.isUnlocked
                         onWished: AuthSettingsClient.showNotifications = !on
+                        onRefusedChanged: if (refused) page.lastRefused = this
                     }
                 }
 

@@ -7,6 +7,8 @@ Pane {
     property string title
     default property alias content: column.data
 
+    function focusHeading() { heading.forceActiveFocus() }
+
     Layout.fillWidth: true
     padding: Theme.gap
     background: Rectangle {
@@ -22,6 +24,8 @@ Pane {
         spacing: Theme.gap / 2
 
         Text {
+            id: heading
+
             text: title
             visible: text
             color: Theme.text

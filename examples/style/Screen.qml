@@ -5,7 +5,7 @@ import QtQuick.Controls 2.15
 ApplicationWindow {
     property bool dark: false
     // The user whose screen it is.
-    property int user: 0
+    property real user: 0
     // Whether the screen shows what the daemon has told, rather than that it still waits.
     property bool settled: true
 

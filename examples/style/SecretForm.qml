@@ -7,7 +7,7 @@ import QtQuick.Templates 2.15 as T
 ColumnLayout {
     id: form
 
-    property int uid: 0
+    property real uid: 0
     property string factor
     property string label
     property string action
@@ -16,10 +16,12 @@ ColumnLayout {
     property string message
     // How long to wait for the daemon before offering to try again.
     property int patience: 10000
+    // Milliseconds until what was entered last, and not submitted, is forgotten.
+    property int memory: 30000
     property bool asking: false
     property bool isStuck: false
     property string asked
-    property int askedUid: 0
+    property real askedUid: 0
     signal submitted(string secret)
     // Nobody waits for the outcome any more, which may come all the same; it is about askedUid.
     signal givenUp()
@@ -75,14 +77,21 @@ ColumnLayout {
     }
     onObstacleChanged: {
         message = "";
-        Qt.callLater(focusSecret);
+        if (obstacle)
+            secret.clear();
     }
-    onVisibleChanged: Qt.callLater(focusSecret)
 
     Timer {
         interval: form.patience
         running: form.asking
         onTriggered: form.isStuck = true
+    }
+    // Who has begun to enter a secret may have gone.
+    Timer {
+        id: forgetting
+
+        interval: form.memory
+        onTriggered: secret.clear()
     }
 
     Label {
@@ -104,7 +113,8 @@ ColumnLayout {
         leftPadding: 12
         rightPadding: 12
         font.pixelSize: 18
-        enabled: !form.obstacle
+        // What is hidden would keep the keyboard's focus.
+        enabled: form.visible && !form.obstacle
         opacity: enabled ? 1 : 0.5
         readOnly: form.asking
         echoMode: TextInput.Password
@@ -121,6 +131,9 @@ ColumnLayout {
         Layout.fillWidth: true
         onAccepted: form.ask()
         onTextEdited: form.message = ""
+        onTextChanged: text ? forgetting.restart() : forgetting.stop()
+        // At once: a screen that is settled shows where the focus is.
+        onEnabledChanged: form.focusSecret()
     }
     RowLayout {
         spacing: Theme.gap / 2

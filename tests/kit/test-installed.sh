@@ -45,6 +45,14 @@ step "$cmake" --build build
 step authd-standin run -- ctest --test-dir build --output-on-failure --no-tests=error
 step authd-standin run --uid 1000 -- qmltestrunner -input "$work/host"
 
+# The reference screens, where they are installed.
+step "$cmake" -S "$prefix/share/doc/libauth-client/examples" -B screens -DCMAKE_CXX_COMPILER="$compiler" \
+    -DCMAKE_CXX_FLAGS=-Werror
+step "$cmake" --build screens
+for screen in lockscreen login settings; do
+    step authd-standin run -- "screens/auth-$screen" --user 1000 --screenshot "$screen.png"
+done
+
 # pkg-config escapes the blank of the path, for a shell to read.
 flags=$(pkg-config --cflags --libs auth-client)
 step eval "$compiler -std=c++17 -fPIC host.cpp -o with-pkg-config $flags"

@@ -97,7 +97,7 @@ private:
         if (!grab)
             qFatal("The scene is not shown");
         QSignalSpy ready(grab.data(), &QQuickItemGrabResult::ready);
-        if (!ready.wait())
+        if (!ready.wait(60000))
             qFatal("The scene is not drawn");
         return grab->image();
     }

@@ -96,7 +96,7 @@ void TestScreenExit::daemonReturnsWithoutItsSocket()
     QProcess host;
     host.setStandardOutputFile(pipe);
     start(host, program, arguments);
-    const bool isUp = probe != 1 || poll(&listener, 1, 60000) == 1;
+    const bool isUp = probe != 1 || poll(&listener, 1, 240000) == 1;
     close(listener.fd);
     QFile::remove(pipe);
     QVERIFY(isUp);

@@ -1,12 +1,12 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Templates 2.15 as T
-import QtTest 1.15
 import Vantora.Tests 1.0
 import "../../../examples/style"
+import ".."
 
 // What the tests of pages have in common: fingers, keys and eyes.
-TestCase {
+PatientTestCase {
     property Item page
 
     when: windowShown
@@ -37,7 +37,7 @@ TestCase {
     // Scrolls to an item, as a finger would, once it is where it belongs.
     function reveal(it) {
         for (let at = it; at; at = at.parent)
-            verify(waitForItemPolished(at));
+            verify(waitForItemPolished(at, 60000));
         const scroller = item("scroller");
         const y = it.mapToItem(scroller.contentItem, 0, 0).y;
         scroller.contentY = Math.max(0, Math.min(y - 8, scroller.contentHeight - scroller.height));

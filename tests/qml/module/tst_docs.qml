@@ -3,9 +3,10 @@ import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
 import Examples 1.0
+import ".."
 
 // The examples of docs/qml.md, in the order in which they are there.
-TestCase {
+PatientTestCase {
     id: test
     name: "docs"
 

@@ -4,8 +4,9 @@ import QtQuick 2.15
 import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
+import ".."
 
-TestCase {
+PatientTestCase {
     id: test
     name: "module"
 

@@ -32,7 +32,7 @@ TestCase {
     function received(method, ask) {
         daemon.clearCalls();
         ask();
-        const call = daemon.waitForCalls(method)[0];
+        const call = daemon.waitForCalls(method, 1, 60000)[0];
         compare(call.signature, "sa{sv}");
         return call.args;
     }

@@ -1,4 +1,5 @@
 import QtQuick 2.15
+import QtQuick.Window 2.15
 import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
@@ -21,7 +22,7 @@ Item {
         SettingsPage {
             anchors.fill: parent
             patience: 300
-            deviceInterval: 200
+            deviceInterval: 1000
         }
     }
 
@@ -121,7 +122,6 @@ Item {
             compare(daemon.calls("Authenticate")[0].args.replace(/'challenge': <\[[^\]]*\]>, /, ""),
                     "('login', {'data': <'1234'>, 'factor': <'code'>, 'uid': <1000>})");
             verify(!item("secret").visible);
-            verify(item("lock").visualFocus);
             for (const name of switches.filter(name => name !== "login-code"))
                 verify(item(name).enabled, name);
         }
@@ -161,6 +161,42 @@ Item {
             compare(page.isUnlocked, false);
             verify(!item("login-sudis").enabled);
             tryVerify(() => item("secret").activeFocus);
+        }
+
+        function test_aSecondReturnDoesNotLockTheSettings_data() {
+            return [{ tag: "Return", key: Qt.Key_Return }, { tag: "Enter", key: Qt.Key_Enter },
+                    { tag: "Space", key: Qt.Key_Space }];
+        }
+
+        function test_aSecondReturnDoesNotLockTheSettings(data) {
+            showUnlocked(1000);
+            keyClick(data.key);
+            compare(page.isUnlocked, true);
+            // Nor is anything entered any more.
+            type("12");
+            compare(item("secret").text, "");
+            const focused = scene.Window.activeFocusItem;
+            compare(Pictures.accessibleName(focused), "Settings are unlocked");
+            compare(Pictures.role(focused), "Heading");
+            keyClick(Qt.Key_Tab);
+            verify(item("lock").visualFocus);
+            keyClick(data.key);
+            compare(page.isUnlocked, false);
+            tryVerify(() => item("secret").activeFocus);
+        }
+
+        function test_aSecretThatIsNotSentIsForgotten() {
+            show(1000);
+            tryVerify(() => item("secret").activeFocus);
+            type("12");
+            page.memory = 100;
+            tryCompare(item("secret"), "text", "");
+        }
+
+        function test_theFieldHasTheFocusAsSoonAsItCanBeUsed() {
+            showUnlocked(1000);
+            item("lock").clicked();
+            verify(item("secret").activeFocus);
         }
 
         function test_lockingTheDeviceLocksTheSettings() {
@@ -373,6 +409,38 @@ Item {
             verify(!item("multiFactor").refused);
         }
 
+        function test_aDaemonThatDoesNotKnowTheTokenIsTold() {
+            showUnlocked(1000);
+            compare(item("summary").text, "Changes take effect at once.");
+            daemon.handover();
+            tryVerify(() => daemon.state().peers.length > 0);
+            compare(page.isUnlocked, true);
+            click("notifications");
+            tryVerify(() => item("notifications").refused);
+            look(["A change was not accepted", "Reopening the settings may help."]);
+            daemon.restart();
+            tryCompare(page, "isUnlocked", false);
+            look(["Settings are locked", "To change them, show that you are Alex."]);
+            unlock();
+            look(["Settings are unlocked", "Changes take effect at once."]);
+            click("notifications");
+            tryVerify(() => !isOn("notifications"));
+        }
+
+        function test_theLastRefusalCounts() {
+            daemon.fail("SetUserOption");
+            showUnlocked(1000);
+            click("multiFactor");
+            tryVerify(() => item("multiFactor").refused);
+            compare(page.isRefused, true);
+            click("notifications");
+            tryVerify(() => item("notifications").refused);
+            daemon.behave();
+            click("notifications");
+            tryVerify(() => !isOn("notifications"));
+            compare(page.isRefused, false);
+        }
+
         function test_aRefusedWishThatSomebodyElseFulfilsIsNoLongerCalledRefused() {
             daemon.fail("SetUserOption");
             showUnlocked(1000);
@@ -490,6 +558,39 @@ Item {
             click("notifications");
             tryVerify(() => isOn("notifications"));
             compare(writes(), ["(uint32 1001, 'devlock/show-notifications', <true>)"]);
+        }
+
+        function test_anyIdOfAUserIsSentAsItIs_data() {
+            return [{ tag: "2^31", uid: 2147483648 }, { tag: "2^32-2", uid: 4294967294 }];
+        }
+
+        function test_anyIdOfAUserIsSentAsItIs(data) {
+            daemon.answer("GetUserOptions", "({'worker/service-factors/login': <['code']>},)");
+            daemon.answer("GetUserOption", "(<true>,)");
+            daemon.answer("Authenticate", "(true,)");
+            daemon.answer("SetUserOption", "(true,)");
+            page = createTemporaryObject(screen, scene, { users: [{ uid: data.uid, name: "Kim" },
+                                                                  { uid: 1000, name: "Alex" }], user: data.uid });
+            page.patience = 600000;
+            tryCompare(page, "settled", true);
+            compare(AuthSettingsClient.uid, data.uid);
+            enter("1234");
+            tryVerify(() => daemon.calls("Authenticate").length > 0);
+            compare(daemon.calls("Authenticate")[0].args.replace(/'challenge': <\[[^\]]*\]>, /, ""),
+                    "('login', {'data': <'1234'>, 'factor': <'code'>, 'uid': <int64 " + data.uid + ">})");
+            daemon.emitSignal("Authenticated", "([byte 0x01, 0x02],)");
+            tryCompare(page, "isUnlocked", true);
+            click("notifications");
+            compare(writes(), ["(uint32 " + data.uid + ", 'devlock/show-notifications', <false>)"]);
+            const reads = daemon.calls("GetUserOptions").concat(daemon.calls("GetUserOption"));
+            compare(reads.filter(call => !call.args.startsWith("(uint32 " + data.uid + ", ")), []);
+
+            click("lock");
+            enter("1234");
+            tryVerify(() => daemon.calls("Authenticate").length === 2);
+            page.user = 1000;
+            compare(page.unheard, data.uid);
+            compare(note(), "A request about Kim is still open. Please close the settings and open them again.");
         }
 
         function test_aSecretIsNotKeptForAnotherUser() {
@@ -693,7 +794,7 @@ Item {
             daemon.fail("SetUserOption");
             click("login-sudis");
             tryVerify(() => item("login-sudis").refused);
-            look(["Not accepted"]);
+            look(["Not accepted", "A change was not accepted"]);
             keepAs("refused");
             daemon.behave();
             click("login-sudis");

@@ -1,9 +1,9 @@
 import QtQuick 2.15
-import QtTest 1.15
 import Vantora.Auth.Testing 1.0
+import ".."
 
 // What the functions do where no stand-in answers: they throw.
-TestCase {
+PatientTestCase {
     property string reason
 
     property StandIn daemon: StandIn {}

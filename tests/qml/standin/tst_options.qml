@@ -2,9 +2,10 @@ import QtQuick 2.15
 import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
+import ".."
 
 // Apart from the rest, because the settings client stays in the process.
-TestCase {
+PatientTestCase {
     id: test
     name: "options"
 

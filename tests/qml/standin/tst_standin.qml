@@ -2,8 +2,9 @@ import QtQuick 2.15
 import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
+import ".."
 
-TestCase {
+PatientTestCase {
     id: test
     name: "standin"
 
@@ -163,7 +164,7 @@ TestCase {
         const client = makeClient();
         daemon.answer("Authenticate", "(true,)");
         client.enter("1234");
-        daemon.waitForCalls("Authenticate");
+        daemon.waitForCalls("Authenticate", 1, 60000);
         compare(daemon.state().tokens, 0);
         daemon.behave();
         daemon.answer("SetState", "(true,)", 1);
@@ -218,7 +219,7 @@ TestCase {
         const client = makeClient();
         daemon.hold("Authenticate");
         client.enter("1234");
-        daemon.waitForCalls("Authenticate");
+        daemon.waitForCalls("Authenticate", 1, 60000);
         settle(client);
         verify(client.progress);
         verify(!client.authenticated);
@@ -227,7 +228,7 @@ TestCase {
         tryVerify(() => client.authenticated);
         // The rule remains.
         client.enter("1234");
-        daemon.waitForCalls("Authenticate", 2);
+        daemon.waitForCalls("Authenticate", 2, 60000);
         settle(client);
         verify(client.progress);
         daemon.behave();
@@ -241,7 +242,7 @@ TestCase {
         const client = makeClient();
         daemon.mute("Authenticate", 1);
         client.enter("1234");
-        daemon.waitForCalls("Authenticate");
+        daemon.waitForCalls("Authenticate", 1, 60000);
         daemon.release();
         settle(client);
         verify(client.progress);
@@ -268,7 +269,7 @@ TestCase {
         const client = makeClient();
         daemon.misbehave("Authenticate", "lose-signals", 1);
         client.enter("1234");
-        daemon.waitForCalls("Authenticate");
+        daemon.waitForCalls("Authenticate", 1, 60000);
         settle(client);
         verify(!client.authenticated);
         compare(daemon.state().tokens, 1);
@@ -310,7 +311,7 @@ TestCase {
         daemon.start();
         verify(daemon.state().running);
         // The client is back with a new challenge.
-        daemon.waitForCalls("RequestChallenge", 2);
+        daemon.waitForCalls("RequestChallenge", 2, 60000);
         client.enter("1234");
         tryVerify(() => client.authenticated);
     }
@@ -321,7 +322,7 @@ TestCase {
         daemon.restart();
         tryVerify(() => !client.authenticated);
         compare(daemon.state().instance, before + 1);
-        daemon.waitForCalls("RequestChallenge", 2);
+        daemon.waitForCalls("RequestChallenge", 2, 60000);
         client.enter("1234");
         tryVerify(() => client.authenticated);
     }
@@ -411,7 +412,7 @@ TestCase {
         daemon.clearCalls();
         client.progressChanged.connect(() => Qt.callLater(() => client.unlockIfNeeded()));
         client.enter("1234");
-        const calls = daemon.waitForCalls("UnlockIfNeeded", 2);
+        const calls = daemon.waitForCalls("UnlockIfNeeded", 2, 60000);
         compare(calls.length, 2);
         compare(calls, daemon.calls("UnlockIfNeeded"));
         // Those that are there already count.
@@ -440,11 +441,11 @@ TestCase {
         let calls = [];
         soon.task = () => {
             daemon.unlock();
-            calls = daemon.waitForCalls("GetState");
+            calls = daemon.waitForCalls("GetState", 1, 60000);
             client.unlockIfNeeded();
         };
         soon.start();
-        daemon.waitForCalls("UnlockIfNeeded");
+        daemon.waitForCalls("UnlockIfNeeded", 1, 60000);
         compare(daemon.lockState(), AuthDevlockClient.Unlocked);
         compare(calls.length, 2);
     }
@@ -544,7 +545,7 @@ TestCase {
         daemon.hold("Authenticate");
         const client = makeClient();
         client.enter("1234");
-        other.waitForCalls("Authenticate");
+        other.waitForCalls("Authenticate", 1, 60000);
         compare(other.calls(), daemon.calls());
         other.release();
         tryVerify(() => client.authenticated);
@@ -661,7 +662,7 @@ TestCase {
         const client = makeClient();
         daemon.hold("UnlockIfNeeded");
         client.unlockIfNeeded();
-        daemon.waitForCalls("UnlockIfNeeded");
+        daemon.waitForCalls("UnlockIfNeeded", 1, 60000);
         daemon.unlock();
         daemon.setLockState(AuthDevlockClient.Locked);
         daemon.reset();
