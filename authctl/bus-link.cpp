@@ -1,5 +1,6 @@
 #include "bus-link.h"
 
+#include <QtCore/QRegularExpression>
 #include <QtCore/QStringList>
 #include <QtCore/QtEndian>
 
@@ -203,8 +204,9 @@ Outcome BusLink::connectTo(const QByteArray &name, const QDeadlineTimer &deadlin
 {
     m_error = 0;
     sockaddr_un address = {};
+    static_assert(sizeof address.sun_path > LongestName);
     address.sun_family = AF_UNIX;
-    if (size_t(name.size()) >= sizeof address.sun_path) {
+    if (name.size() > LongestName) {
         m_error = ENAMETOOLONG;
         return Outcome::Unreachable;
     }
@@ -244,8 +246,11 @@ Outcome BusLink::authenticate(const QDeadlineTimer &deadline)
         m_words = QString::fromUtf8(line.mid(9).left(80));
         return Outcome::Rejected;
     }
-    if (line != "OK" && !line.startsWith("OK "))
+    static const QRegularExpression welcome(QStringLiteral("^OK[ \\t]+([0-9A-Fa-f]+)\\z"));
+    const QRegularExpressionMatch match = welcome.match(QString::fromLatin1(line));
+    if (!match.hasMatch())
         return garbage(QStringLiteral("\"%1\"").arg(QString::fromUtf8(line.left(80))));
+    m_guid = match.captured(1).toLatin1();
     return send("BEGIN\r\n", deadline);
 }
 
@@ -265,6 +270,7 @@ Outcome BusLink::call(const BusMessage &message, BusReply &reply, const QDeadlin
             continue;
         if (!readArgument(header.signature, Reader(body, header.bigEndian), reply))
             return garbage(QStringLiteral("an answer that is cut off"));
+        reply.signature = header.signature;
         if (header.type == MethodReturn)
             return Outcome::Fine;
         reply.errorName = header.errorName.left(255);
@@ -287,6 +293,11 @@ void BusLink::expectSignalFrom(const QString &sender)
 bool BusLink::hasSeenSignal() const
 {
     return m_signalSeen;
+}
+
+QByteArray BusLink::guid() const
+{
+    return m_guid;
 }
 
 int BusLink::systemError() const

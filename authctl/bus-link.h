@@ -33,6 +33,7 @@ struct BusReply
 {
     QString text;       ///< the argument, if it is a string; the strings, a line each, if it is a list of them
     quint32 number = 0; ///< the argument, if it is of type u
+    QString signature;
     QString errorName;
 };
 
@@ -56,6 +57,11 @@ public:
     /** Calls a method, but starts no daemon with it. */
     Outcome call(const BusMessage &message, BusReply &reply, const QDeadlineTimer &deadline);
     Outcome sendSignal(const BusMessage &message, const QDeadlineTimer &deadline);
+
+    /** The longest name of a socket that the toolkit takes. */
+    static const int LongestName = 99;
+    /** What the other side called itself in the handshake. */
+    QByteArray guid() const;
 
     /** Makes call() look out for a signal that comes while it waits. */
     void expectSignalFrom(const QString &sender);
@@ -81,6 +87,7 @@ private:
     uid_t m_user = 0;
     quint32 m_serial = 0;
     QByteArray m_received;
+    QByteArray m_guid;
     QString m_words;
     QString m_expectedSender;
     bool m_signalSeen = false;

@@ -31,6 +31,7 @@ const int TotalTime = 9000;
 const char Ends[] = "A host ends with status 1.";
 const char EndsOrFreezes[] = "A host ends with status 1, or freezes for 50 s where the connection stays open.";
 const char FreezesAtStart[] = "A host freezes for 50 s when it starts, and for 25 s at each call.";
+const char GoesOn[] = "A host goes on to the next address.";
 const char FreezesForEver[] = "A host freezes when it starts, for as long as this lasts.";
 
 // What to do about it.
@@ -38,8 +39,12 @@ const char StartDaemon[] = "Start the daemon: systemctl start authd";
 // It may run, and have lost its socket.
 const char StartAfresh[] = "Start the daemon, or start it again: systemctl restart authd";
 const char RestartDaemon[] = "See what it does, and restart it: journalctl -u authd; systemctl restart authd";
+const char MatchVersions[] = "Install a daemon and a library that go together; see which are there: dpkg -l '*auth*'";
+const char AllowCalls[] = "Have the bus and the daemon allow it to everybody: see the daemon's policy, "
+                          "/usr/share/dbus-1/system.d/vantora.AuthService.conf";
 const char StartBus[] = "Start the system bus: systemctl start dbus.socket";
 const char RestartBus[] = "See what it does: journalctl -u dbus. Should it stay so, restart the machine";
+const char CorrectAddress[] = "Correct the address of the bus, or do without: unset DBUS_SYSTEM_BUS_ADDRESS";
 
 /** A method or signal that hosts rely on, with the types of its arguments. */
 struct Member
@@ -100,6 +105,7 @@ enum Level {
     Fine,
     Notice,
     Warning,
+    Unknown, ///< what becomes of a host
     Freeze,
     Fault,
 };
@@ -108,7 +114,8 @@ const struct
 {
     const char *name;
     Status status;
-} Levels[] = {{"ok", Done}, {"notice", Done}, {"warning", Refused}, {"freeze", NoOutcome}, {"fault", Unreachable}};
+} Levels[] = {{"ok", Done},         {"notice", Done},      {"warning", Refused},
+              {"warning", Refused}, {"freeze", NoOutcome}, {"fault", Unreachable}};
 
 QString latin(const char *text)
 {
@@ -150,6 +157,10 @@ Explanation explain(const QString &path, int error, const QString &start)
 {
     const QString user = QStringLiteral("user %1").arg(geteuid());
     const QStringList way = steps(path);
+    const auto moveAway = [&start](const QString &step) {
+        return QStringLiteral("Move it away: mv -n %1 %1.old. %2").arg(step, start);
+    };
+    const QString look = QStringLiteral("See who may do what on the way to it: namei -l %1").arg(path);
     for (const QString &step : way) {
         const QByteArray name = step.toLocal8Bit();
         const bool last = step == path;
@@ -166,22 +177,24 @@ Explanation explain(const QString &path, int error, const QString &start)
         }
         if (!there)
             break;
+        // What is further up is the system's, and what a link leads to may be anybody's: nobody is told to change it.
+        struct stat itself = {};
+        const bool own = way.indexOf(step) >= way.size() - 2 && lstat(name, &itself) == 0 && !S_ISLNK(itself.st_mode);
         if (!last && !S_ISDIR(file.st_mode)) {
-            return {QStringLiteral("%1 is no directory").arg(step),
-                    QStringLiteral("Move it away: mv %1 %1.old").arg(step) + QStringLiteral(". ") + start};
+            return {QStringLiteral("%1 is no directory").arg(step), own ? moveAway(step) : look};
         }
         if (!last && faccessat(AT_FDCWD, name, X_OK, AT_EACCESS) != 0) {
             return {QStringLiteral("%1 may not enter the directory %2 (%3)").arg(user, step, rights(file)),
-                    QStringLiteral("Let everybody enter it: chmod a+x %1").arg(step)};
+                    own ? QStringLiteral("Let everybody enter it: chmod a+x %1").arg(step) : look};
         }
         if (last && !S_ISSOCK(file.st_mode)) {
             return {QStringLiteral("%1 is no socket but %2")
                         .arg(step, S_ISDIR(file.st_mode) ? QStringLiteral("a directory") : QStringLiteral("a file")),
-                    QStringLiteral("Move it away: mv %1 %1.old").arg(step) + QStringLiteral(". ") + start};
+                    own ? moveAway(step) : look};
         }
         if (last && error == EACCES && faccessat(AT_FDCWD, name, W_OK, AT_EACCESS) != 0) {
             return {QStringLiteral("%1 may not connect to %2 (%3)").arg(user, step, rights(file)),
-                    QStringLiteral("Let everybody connect: chmod a+rw %1").arg(step)};
+                    own ? QStringLiteral("Let everybody connect: chmod a+rw %1").arg(step) : look};
         }
     }
     if (error == ECONNREFUSED)
@@ -206,8 +219,9 @@ QString openDirectory(const QString &path)
 struct BusAddress
 {
     QString text;
-    bool isUnix;
-    QByteArray socket; ///< as BusLink wants it; empty: none is named
+    QString transport;
+    QByteArray socket; ///< as BusLink wants it; empty: there is none, or more than one
+    QByteArray guid;   ///< null: none is named
 };
 
 /** Takes an address of D-Bus apart, as strictly as the toolkit; nothing if it is none. */
@@ -215,7 +229,7 @@ std::optional<QVector<BusAddress>> parseAddress(const QString &text)
 {
     static const QRegularExpression form(
         QStringLiteral("^([^:,;=]+):((?:[^:,;=]+=(?:[-0-9A-Za-z_/.\\\\*]|%[0-9A-Fa-f]{2})+"
-                       "(?:,(?!$)|$))*)$"));
+                       "(?:,(?!\\z)|\\z))*)\\z"));
     QStringList parts = text.split(QLatin1Char(';'));
     if (parts.size() > 1 && parts.last().isEmpty())
         parts.removeLast();
@@ -224,19 +238,52 @@ std::optional<QVector<BusAddress>> parseAddress(const QString &text)
         const QRegularExpressionMatch match = form.match(part);
         if (!match.hasMatch())
             return std::nullopt;
-        BusAddress address{part, match.captured(1) == QLatin1String("unix"), {}};
+        QHash<QString, QByteArray> values;
         const QStringList pairs = match.captured(2).split(QLatin1Char(','), Qt::SkipEmptyParts);
         for (const QString &pair : pairs) {
             const QString key = pair.section(QLatin1Char('='), 0, 0);
             const QByteArray value = QByteArray::fromPercentEncoding(pair.section(QLatin1Char('='), 1).toLatin1());
-            if (address.socket.isEmpty() && key == QLatin1String("path"))
-                address.socket = value;
-            else if (address.socket.isEmpty() && key == QLatin1String("abstract"))
-                address.socket = '\0' + value;
+            // The first of a key counts, up to a zero byte.
+            if (!values.contains(key))
+                values.insert(key, value.constData());
         }
+        const QByteArray path = values.value(QStringLiteral("path"));
+        const QByteArray abstract = values.value(QStringLiteral("abstract"));
+        BusAddress address{part, match.captured(1), {}, values.value(QStringLiteral("guid"))};
+        if (address.transport == QLatin1String("unix") && path.isNull() != abstract.isNull()
+            && !values.contains(QStringLiteral("tmpdir")))
+            address.socket = abstract.isNull() ? path : '\0' + abstract;
         addresses.append(address);
     }
     return addresses;
+}
+
+/** The transports that hosts know, and authctl does not. */
+const QStringList &otherTransports()
+{
+    static const QStringList transports{QStringLiteral("tcp"), QStringLiteral("nonce-tcp"), QStringLiteral("unixexec"),
+                                        QStringLiteral("autolaunch")};
+    return transports;
+}
+
+/** Why a bus cannot be connected to; a remedy only for what may be wrong with the machine's own address. */
+Explanation explain(const BusAddress &address, int error)
+{
+    if (address.transport != QLatin1String("unix"))
+        return {QStringLiteral("hosts know no transport such as that of the address \"%1\"").arg(address.text), {}};
+    if (address.socket.isEmpty())
+        return {QStringLiteral("the address %1 does not name one socket to connect to").arg(address.text), {}};
+    if (error == ENAMETOOLONG) {
+        return {QStringLiteral("the socket of the address %1 has a name of more than %2 bytes, which hosts do not take")
+                    .arg(address.text)
+                    .arg(BusLink::LongestName),
+                {}};
+    }
+    if (!address.socket.startsWith('\0'))
+        return explain(QString::fromLocal8Bit(address.socket), error, latin(StartBus));
+    return {error == ECONNREFUSED ? QStringLiteral("nobody listens at %1").arg(address.text)
+                                  : QStringLiteral("%1 cannot be connected to: %2").arg(address.text, describe(error)),
+            {}};
 }
 
 /** What a description lacks of what hosts rely on. */
@@ -350,10 +397,21 @@ private:
     void examineSocket();
     void examineBus();
     bool connectToBus(BusLink &bus);
-    bool enterBus(BusLink &bus, const QDeadlineTimer &deadline);
+    bool enterBus(BusLink &bus, const BusAddress &address, const QDeadlineTimer &deadline);
     void compareProcesses(uint process, uint user);
     void examinePolicy(BusLink &bus);
     bool examineObject(BusLink &link, const QString &destination, const Interface &expected);
+    /** A call without arguments that does no harm, and what becomes of a host otherwise. */
+    struct Question
+    {
+        const char *check;
+        const char *method;
+        const char *answer; ///< its type
+        Level muteLevel;
+        const char *mute;
+        const char *broken;
+    };
+    void examineAnswer(BusLink &link, const QString &destination, const Interface &interface, const Question &question);
     bool ask(BusLink &bus, const char *method, const QString &argument, BusReply &reply);
 
     /** What a connection that does not work is told with. */
@@ -364,6 +422,8 @@ private:
         Level muteLevel;
         const char *mute; ///< what becomes of a host
         const char *remedy;
+        Level brokenLevel = Fault;
+        const char *broken = nullptr; ///< what becomes of a host; nullptr: what becomes of it when it starts
     };
     /** Whether the outcome is fine; tells it otherwise. */
     bool judge(Outcome outcome, const BusLink &link, const QString &request, const Side &side);
@@ -378,6 +438,7 @@ private:
     Level m_worst = Fine;
     std::optional<ucred> m_listener; ///< of the daemon's socket
     std::optional<uint> m_daemonUser;
+    const char *m_restartBus = RestartBus;
     QByteArray m_busSocket;
     QString m_busName; ///< authctl's own
 };
@@ -393,6 +454,7 @@ int Doctor::examineAll()
         "Nothing is wrong",
         "Nothing is wrong, but see the notices",
         "a host would run here, but see the warnings",
+        "it is not known whether a host would run here: see the warnings",
         "a host would freeze here",
         "a host would end with status 1 here",
     };
@@ -437,8 +499,12 @@ void Doctor::examineSocket()
                {"handshake", "the daemon", Freeze, FreezesAtStart, RestartDaemon}))
         return;
     tell(Fine, "handshake", QStringLiteral("the daemon takes user %1 for who it is").arg(geteuid()));
-    if (examineObject(link, {}, mainInterface()))
-        examineObject(link, {}, settingsInterface());
+    if (examineObject(link, {}, mainInterface()) && examineObject(link, {}, settingsInterface())) {
+        examineAnswer(link, {}, mainInterface(),
+                      {"challenge", "RequestChallenge", "ay", Freeze,
+                       "A host freezes for 25 s when a user authenticates, and the daemon refuses the user.",
+                       "A host runs, but the daemon refuses every user."});
+    }
 }
 
 void Doctor::examineBus()
@@ -459,7 +525,12 @@ void Doctor::examineBus()
                  .arg(user.number)
                  .arg(latin(Service)));
         compareProcesses(process.number, user.number);
-        examineObject(bus, latin(Service), devlockInterface());
+        if (examineObject(bus, latin(Service), devlockInterface())) {
+            const char undefined[] =
+                "A host runs, but for it the device-lock state is Undefined until the daemon announces it.";
+            examineAnswer(bus, latin(Service), devlockInterface(),
+                          {"state", "GetState", "i", Warning, undefined, undefined});
+        }
     } else {
         BusReply activatable;
         if (!ask(bus, "ListActivatableNames", {}, activatable))
@@ -480,72 +551,74 @@ void Doctor::examineBus()
 bool Doctor::connectToBus(BusLink &bus)
 {
     QString text = QString::fromLocal8Bit(qgetenv("DBUS_SYSTEM_BUS_ADDRESS"));
-    if (text.isEmpty())
+    const bool given = !text.isEmpty();
+    if (given)
+        m_restartBus = CorrectAddress;
+    else
         text = latin(DefaultBusAddress);
     const auto addresses = parseAddress(text);
     if (!addresses) {
         tell(Fault, "bus", QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS is no address of D-Bus: %1").arg(text), Ends,
-             QStringLiteral("Correct it, or do without: unset DBUS_SYSTEM_BUS_ADDRESS"));
+             latin(CorrectAddress));
         return false;
     }
 
     QVector<Explanation> failures;
-    bool unknown = false;
+    const auto tellFailures = [&](Level level, const char *consequence) {
+        for (const Explanation &failure : qAsConst(failures))
+            tell(level, "bus", failure.finding, consequence, failure.remedy);
+    };
     for (const BusAddress &address : *addresses) {
         if (!timeIsLeft())
             return false;
-        if (!address.isUnix) {
-            unknown = true;
-            tell(Warning, "bus",
+        if (otherTransports().contains(address.transport)) {
+            tellFailures(Notice, GoesOn);
+            tell(Unknown, "bus",
                  QStringLiteral("authctl cannot examine the transport of the address %1").arg(address.text),
-                 "What a host meets there is unknown.",
-                 QStringLiteral("Name a socket: DBUS_SYSTEM_BUS_ADDRESS=unix:path=…"));
-            continue;
-        }
-        if (address.socket.isEmpty()) {
-            failures.append({QStringLiteral("the address %1 names no socket").arg(address.text),
-                             QStringLiteral("Name one: DBUS_SYSTEM_BUS_ADDRESS=unix:path=…")});
-            continue;
+                 "What a host meets there is unknown.", latin(CorrectAddress));
+            return false;
         }
         const QDeadlineTimer deadline(StepTime);
-        const Outcome outcome = bus.connectTo(address.socket, deadline);
+        const Outcome outcome =
+            address.socket.isEmpty() ? Outcome::Unreachable : bus.connectTo(address.socket, deadline);
         if (outcome == Outcome::Full) {
             tell(Freeze, "bus",
                  QStringLiteral("nobody accepts the connections to %1, and no more may wait").arg(address.text),
-                 FreezesForEver, latin(RestartBus));
+                 FreezesForEver, latin(m_restartBus));
             return false;
         }
         if (outcome == Outcome::Fine) {
             m_busSocket = address.socket;
-            for (const Explanation &failure : qAsConst(failures))
-                tell(Notice, "bus", failure.finding, "A host goes on to the next address.", failure.remedy);
-            if (!enterBus(bus, deadline))
+            tellFailures(Notice, GoesOn);
+            if (!enterBus(bus, address, deadline))
                 return false;
             tell(Fine, "bus", QStringLiteral("user %1 may use the bus at %2").arg(geteuid()).arg(address.text));
             return true;
         }
-        if (address.socket.startsWith('/'))
-            failures.append(explain(QString::fromLocal8Bit(address.socket), bus.systemError(), latin(StartBus)));
-        else
-            failures.append({QStringLiteral("nobody listens at %1").arg(address.text), latin(StartBus)});
+        Explanation why = explain(address, bus.systemError());
+        if (given)
+            why.remedy = latin(CorrectAddress);
+        failures.append(why);
     }
-    for (const Explanation &failure : qAsConst(failures)) {
-        if (unknown)
-            tell(Notice, "bus", failure.finding, "", failure.remedy);
-        else
-            tell(Fault, "bus", failure.finding, Ends, failure.remedy);
-    }
+    tellFailures(Fault, Ends);
     return false;
 }
 
-bool Doctor::enterBus(BusLink &bus, const QDeadlineTimer &deadline)
+bool Doctor::enterBus(BusLink &bus, const BusAddress &address, const QDeadlineTimer &deadline)
 {
     BusReply name;
     if (!judge(bus.authenticate(deadline), bus, QStringLiteral("the handshake"),
-               {"bus", "the bus", Freeze, FreezesForEver, RestartBus})
-        || !judge(
+               {"bus", "the bus", Freeze, FreezesForEver, m_restartBus}))
+        return false;
+    if (!address.guid.isNull() && address.guid != bus.guid()) {
+        tell(Fault, "bus",
+             QStringLiteral("the bus at %1 has another guid: %2").arg(address.text, QString::fromLatin1(bus.guid())),
+             Ends, latin(CorrectAddress));
+        return false;
+    }
+    if (!judge(
             bus.call(busCall("Hello"), name, deadline), bus, QStringLiteral("Hello"),
-            {"bus", "the bus", Fault, "A host freezes for 25 s when it starts, and ends with status 1.", RestartBus}))
+            {"bus", "the bus", Fault, "A host freezes for 25 s when it starts, and ends with status 1.", m_restartBus}))
         return false;
     m_busName = name.text;
     return true;
@@ -628,8 +701,9 @@ void Doctor::examinePolicy(BusLink &bus)
              QStringLiteral("user %1 may send device-lock signals: the bus delivered one that it directed at authctl")
                  .arg(user),
              "A host can be deceived: it believes the device-lock state whoever announces it.",
-             QStringLiteral("Have the bus forbid them: cp " EXAMPLES_DIR "/%1.conf "
-                            "/usr/share/dbus-1/system.d/ && systemctl reload dbus")
+             // A copy of the example would take the name from a daemon that is not run by root.
+             QStringLiteral("Have the policy in /usr/share/dbus-1/system.d/%1.conf forbid them to all but the daemon's "
+                            "user, as " EXAMPLES_DIR "/%1.conf does to all but root; then: systemctl reload dbus")
                  .arg(latin(Service)));
     } else if (outcome == Outcome::Fine) {
         tell(
@@ -654,10 +728,7 @@ bool Doctor::examineObject(BusLink &link, const QString &destination, const Inte
     if (outcome == Outcome::ErrorReply) {
         tell(Warning, expected.check, QStringLiteral("Introspect of %1 is refused: %2").arg(path, link.words()),
              "A host runs, but its calls of this object may be refused as well.",
-             onBus ? QStringLiteral("Have the bus and the daemon allow it to everybody: see the daemon's policy, "
-                                    "/usr/share/dbus-1/system.d/%1.conf")
-                         .arg(latin(Service))
-                   : latin(RestartDaemon));
+             latin(onBus ? AllowCalls : RestartDaemon));
         return true;
     }
     const Side side{expected.check, onBus ? "the daemon, on the bus," : "the daemon", Freeze,
@@ -671,10 +742,33 @@ bool Doctor::examineObject(BusLink &link, const QString &destination, const Inte
         tell(Fine, expected.check, QStringLiteral("%1 has the methods and signals that hosts use").arg(path));
     } else {
         tell(Warning, expected.check, QStringLiteral("%1 lacks %2").arg(path, lacking.join(QStringLiteral(", "))),
-             "A host runs, but what it wants of these fails.",
-             QStringLiteral("Install a daemon and a library that go together; see which are there: dpkg -l '*auth*'"));
+             "A host runs, but what it wants of these fails.", latin(MatchVersions));
     }
     return true;
+}
+
+void Doctor::examineAnswer(BusLink &link, const QString &destination, const Interface &interface,
+                           const Question &question)
+{
+    if (!timeIsLeft())
+        return;
+    const bool onBus = !destination.isEmpty();
+    const QString method = latin(question.method);
+    BusReply reply;
+    const Outcome outcome =
+        link.call({destination, latin(interface.path), latin(interface.name), method}, reply, QDeadlineTimer(StepTime));
+    if (!judge(outcome, link, method,
+               {question.check, onBus ? "the daemon, on the bus," : "the daemon", question.muteLevel, question.mute,
+                onBus && outcome == Outcome::ErrorReply ? AllowCalls : RestartDaemon, Warning, question.broken}))
+        return;
+    if (reply.signature == latin(question.answer)) {
+        tell(Fine, question.check, QStringLiteral("the daemon answers %1").arg(method));
+    } else {
+        tell(Warning, question.check,
+             QStringLiteral("the daemon answers %1 with the type \"%2\" instead of \"%3\"")
+                 .arg(method, reply.signature, latin(question.answer)),
+             question.broken, latin(MatchVersions));
+    }
 }
 
 bool Doctor::ask(BusLink &bus, const char *method, const QString &argument, BusReply &reply)
@@ -684,7 +778,7 @@ bool Doctor::ask(BusLink &bus, const char *method, const QString &argument, BusR
     const Outcome outcome = bus.call(busCall(method, argument), reply, QDeadlineTimer(StepTime));
     return outcome == Outcome::ErrorReply
         || judge(outcome, bus, latin(method),
-                 {"bus", "the bus", Freeze, "A host freezes for 25 s at each call.", RestartBus});
+                 {"bus", "the bus", Freeze, "A host freezes for 25 s at each call.", m_restartBus});
 }
 
 bool Doctor::judge(Outcome outcome, const BusLink &link, const QString &request, const Side &side)
@@ -708,15 +802,18 @@ bool Doctor::judge(Outcome outcome, const BusLink &link, const QString &request,
              EndsOrFreezes, remedy);
         break;
     case Outcome::Garbage:
-        tell(Fault, side.check, QStringLiteral("%1 answers %2 with garbage: %3").arg(who, request, link.words()),
-             EndsOrFreezes, remedy);
+        tell(side.brokenLevel, side.check,
+             QStringLiteral("%1 answers %2 with garbage: %3").arg(who, request, link.words()),
+             side.broken ? side.broken : EndsOrFreezes, remedy);
         break;
     case Outcome::ErrorReply:
-        tell(Fault, side.check, QStringLiteral("%1 refuses %2: %3").arg(who, request, link.words()), Ends, remedy);
+        tell(side.brokenLevel, side.check, QStringLiteral("%1 refuses %2: %3").arg(who, request, link.words()),
+             side.broken ? side.broken : Ends, remedy);
         break;
     default:
-        tell(Fault, side.check, QStringLiteral("%1 closes the connection instead of answering %2").arg(who, request),
-             Ends, remedy);
+        tell(side.brokenLevel, side.check,
+             QStringLiteral("%1 closes the connection instead of answering %2").arg(who, request),
+             side.broken ? side.broken : Ends, remedy);
     }
     return false;
 }

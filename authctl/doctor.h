@@ -5,8 +5,9 @@
 /**
  * Looks for what would end, hold up or deceive a host on this machine, and tells it together with what is all right.
  *
- * It makes no object of the library, which would end the process or wait. It asks the daemon for introspection data
- * and nothing else, and nothing that it sends reaches another process than the daemon and the bus.
+ * It makes no object of the library, which would end the process or wait. It asks the daemon for introspection data,
+ * for a challenge (on a connection that is closed afterwards) and for the device-lock state, and for nothing else.
+ * Nothing that it sends reaches another process than the daemon and the bus.
  *
  * @returns the exit status
  */

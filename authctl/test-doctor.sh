@@ -47,12 +47,22 @@ examined()
 functions='
 SOCKET=/var/run/authd/authd.socket
 ctl() { "$S" ctl "$@" >/dev/null || { echo "the stand-in refused $*" && exit 125; }; }
-# Examines as a user; nothing may take longer.
-doctor() { timeout 10 "$A" doctor "$@"; }
-as() { local user=$1; shift; timeout 10 setpriv --reuid "$user" --regid "$user" --clear-groups "$A" doctor "$@"; }
+# Examines as a user; it ends within 10 s, and a busy machine gets some more.
+doctor() { timeout 15 "$A" doctor "$@"; }
+as() { local user=$1; shift; timeout 15 setpriv --reuid "$user" --regid "$user" --clear-groups "$A" doctor "$@"; }
 # What a host really does here, and then what the doctor says.
 both() { "$A" state >/dev/null 2>&1; [ $? -eq 1 ] || { echo "a host does not end with 1" && exit 125; }; doctor; }
-misbehave() { ctl "{\"do\":\"misbehave\",\"method\":\"Introspect\",$1}"; }
+runs() { "$A" state >/dev/null || { echo "a host does not run" && exit 125; }; doctor; }
+# What the doctor says, unless it is told to do this.
+without() { # WORDS COMMAND…
+    "${@:2}" >/run/said
+    local got=$?
+    cat /run/said
+    ! grep -E "$1" /run/said || got=124
+    return $got
+}
+rule() { ctl "{\"do\":\"misbehave\",\"method\":\"$1\",$2}"; }
+misbehave() { rule Introspect "$1"; }
 fake() { mkdir -p /run/authd && "$F" $SOCKET "$@" >/run/fake.pid; }
 fake_bus() { "$F" /run/bus "$@" >/dev/null; chmod 666 /run/bus; export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/bus; }
 OK="OK 0123456789abcdef0123456789abcdef"
@@ -83,7 +93,8 @@ bus() { # POLICY [LISTEN [AUTH]]: a bus with an address and a policy of its own
 </busconfig>
 END
     mkfifo /run/strict.ready
-    dbus-daemon --config-file=/run/strict.conf --nofork --nopidfile --print-pid=3 3>/run/strict.ready 2>/run/strict.log &
+    dbus-daemon --config-file=/run/strict.conf --nofork --nopidfile --print-pid=3 3>/run/strict.ready \
+        --print-address=4 4>/run/strict.address 2>/run/strict.log &
     read -r BUS </run/strict.ready
     export DBUS_SYSTEM_BUS_ADDRESS=$address
 }
@@ -108,11 +119,12 @@ serve() { # [COMMAND…]: the stand-in, run by a command
 '
 
 # Nothing is wrong
-found 0 '^(ok [^'$'\n'']*'$'\n''){8}.*'"$right" '' 'bus "$example"; serve; doctor'
-# It asks for introspection data, the bus apart, and for nothing else; hosts hear nothing of it, whatever the policy is.
-found 0 '^ok  .*"calls":\[\],.*"calls":\[[^]]*"Introspect"[^]]*"Introspect"[^]]*"Introspect"[^]]*\],' '' 'bus "$example"; serve; doctor
+found 0 '^(ok [^'$'\n'']*'$'\n''){10}.*'"$right" '' 'bus "$example"; serve; doctor'
+# It asks for introspection data, a challenge and the state, the bus apart, and for nothing else; hosts hear nothing of
+# it, whatever the policy is.
+found 0 '^ok  .*"calls":\[[^]]*"RequestChallenge"[^]]*"GetState"[^]]*\],.*"calls":\[[^]]*"Introspect"[^]]*"Introspect"[^]]*"Introspect"[^]]*\],' '' 'bus "$example"; serve; doctor
     "$S" ctl "{\"do\":\"calls\"}" "{\"do\":\"standard-calls\"}" >/run/calls; cat /run/calls
-    [ $(grep -o "\"method\":" /run/calls | wc -l) -eq 3 ]'
+    [ $(grep -o "\"method\":" /run/calls | wc -l) -eq 5 ]'
 found 0 '^Locked SecurityUi $' --standin '
     "$A" watch >/run/out & until grep -qs Locked /run/out; do :; done
     doctor >/dev/null 2>&1; ctl "{\"do\":\"set-lock\",\"state\":5}"
@@ -126,14 +138,19 @@ found 1 'its directory /var/run/authd is missing' '' both
 found 1 '"check":"socket","consequence":"A host ends with status 1.","event":"check","finding":"[^"]*is missing","level":"fault","remedy":"Start the daemon, or start it again: systemctl restart authd","status":1.*"command":"doctor","error":"a host would end with status 1 here","ok":false,"status":1' \
     '' 'doctor --json'
 found 1 'is a symbolic link to nothing' '' 'mkdir /run/authd; ln -s /nowhere $SOCKET; both'
-found 1 '/var/run/authd is no directory' '' 'touch /run/authd; both'
-found 1 'authd.socket is no socket but a file.*mv /var' '' 'mkdir /run/authd; touch $SOCKET; both'
+found 1 '/var/run/authd is no directory.*mv -n /var/run/authd /var/run/authd.old\. Start the daemon' '' 'touch /run/authd; both'
+found 1 'authd.socket is no socket but a file.*mv -n /var' '' 'mkdir /run/authd; touch $SOCKET; both'
 found 1 'authd.socket is no socket but a directory' '' 'mkdir -p $SOCKET; both'
 found 1 'nobody listens on /var/run/authd/authd.socket' --standin 'ctl "{\"do\":\"accept\",\"how\":\"refuse\"}"; both'
 found 4 'freeze  *socket  *nobody accepts the connections to /var/run/authd.*for as long as this lasts' '' 'fake full; doctor'
 found 3 'warning  *directory  *everybody may put another socket in place of the daemon.s in /var/run/authd.*chmod o-w /var/run/authd' \
     --standin 'chmod 777 /run/authd; doctor'
 found 0 "$right" '' 'bus "$example"; serve; chmod 1777 /run/authd; doctor'
+
+# Nothing that may be anybody else's is to be changed.
+for script in 'touch /run/file; ln -s /run/file /run/authd' 'mkdir /run/authd; touch /run/file; ln -s /run/file $SOCKET'; do
+    found 1 '/var/run/authd[.a-z/]* is no .*namei -l /var/run/authd/authd.socket' '' "$script; without 'mv|chmod' both"
+done
 
 # The handshake
 found 4 'freeze  *handshake  *the daemon does not answer the handshake within 2 s.*freezes for 50 s' --standin \
@@ -142,6 +159,11 @@ found 1 'fault  *handshake  *the daemon closes the connection instead of answeri
     'ctl "{\"do\":\"accept\",\"how\":\"close\"}"; both'
 found 1 'the daemon refuses user '"$me"' the handshake EXTERNAL \(it offers: OTHER\)' '' 'fake "REJECTED OTHER" mute; both'
 found 1 'the daemon answers the handshake with garbage: "hello"' '' 'fake hello mute; both'
+for line in OK 'OK ' 'OK xyz' 'OK 01 x' 'OK 01 ' OKx; do
+    found 1 "the daemon answers the handshake with garbage: \"$line\"" '' "fake '$line' mute; both"
+done
+found 1 'the daemon answers the handshake with garbage: "OK 01' '' $'fake "OK 01\n" mute; both'
+found 1 'ok  *handshake' '' 'fake "OK  AbC"; doctor'
 found 1 'the daemon answers the handshake with garbage: a line without an end' '' 'fake "$(printf "%40000s" "")" mute; doctor'
 
 # What the daemon answers
@@ -170,11 +192,33 @@ found 1 'answers Introspect of /vantora/AuthService with garbage: an answer that
 found 1 'answers Introspect of /vantora/AuthService with garbage: a message that is too long' '' 'fake "$OK" huge=a mute; doctor'
 found 1 'ok  *main-object' --no-bus 'fake "$OK" "stale=<node/>" "text=$(describe "" "")" mute; doctor'
 
+found 4 'freeze  *challenge  *the daemon does not answer RequestChallenge within 2 s.*freezes for 25 s when a user authenticates' \
+    --standin 'rule RequestChallenge "\"how\":\"mute\""; doctor'
+found 3 'warning  *challenge  *the daemon refuses RequestChallenge: no!.*refuses every user.*systemctl restart authd' --standin \
+    'rule RequestChallenge "\"how\":\"error\",\"message\":\"no!\""; doctor'
+found 3 'warning  *challenge  *the daemon answers RequestChallenge with the type "s" instead of "ay".*dpkg' --standin \
+    'rule RequestChallenge "\"how\":\"reply\",\"value\":\"(${quote}x$quote,)\""; doctor'
+found 3 'warning  *challenge  *the daemon closes the connection instead of answering RequestChallenge'$'\n''.*refuses every user' --standin \
+    'rule RequestChallenge "\"how\":\"drop\""; runs'
+found 3 'warning  *challenge  *the daemon answers RequestChallenge with garbage: what is no message'$'\n''.*refuses every user' '' \
+    'fake "$OK" "text=<node/>" "text=<node/>" "raw=$(printf "%40s" "")" mute; doctor'
+found 3 'warning  *state  *the daemon, on the bus, does not answer GetState within 2 s.*Undefined until' --standin \
+    'rule GetState "\"how\":\"mute\""; doctor'
+found 3 'warning  *state  *the daemon, on the bus, refuses GetState: no!.*Undefined until.*policy, /usr/share' --standin \
+    'rule GetState "\"how\":\"error\",\"message\":\"no!\""; doctor'
+found 3 'Undefined.*warning  *state  *the daemon answers GetState with the type "u" instead of "i"' --standin \
+    'rule GetState "\"how\":\"reply\",\"value\":\"(uint32 1,)\""; "$A" state; doctor'
+
 # The bus
-found 1 'fault  *bus  *there is no socket [^ ]*, though its directory is there.*ends with status 1.*systemctl start dbus.socket' --no-bus both
+found 1 'fault  *bus  *there is no socket [^ ]*, though its directory is there.*ends with status 1.*unset DBUS_SYSTEM_BUS_ADDRESS' \
+    --no-bus both
+found 1 'fault  *bus  *there is no socket /var/run/dbus/system_bus_socket.*ends with status 1.*systemctl start dbus.socket' \
+    --no-bus 'unset DBUS_SYSTEM_BUS_ADDRESS; both'
+found 4 'freeze  *bus  *the bus does not answer the handshake within 2 s.*journalctl -u dbus' --standin \
+    'unset DBUS_SYSTEM_BUS_ADDRESS; kill -STOP $AUTHD_WORLD_BUS_PID; doctor'
 found 1 'nobody listens on /run/dbus/system_bus_socket' --standin \
     'kill -KILL $AUTHD_WORLD_BUS_PID; while kill -0 $AUTHD_WORLD_BUS_PID 2>/dev/null; do :; done; both'
-found 4 'freeze  *bus  *the bus does not answer the handshake within 2 s' --standin 'kill -STOP $AUTHD_WORLD_BUS_PID; doctor'
+found 4 'freeze  *bus  *the bus does not answer the handshake within 2 s.*unset DBUS' --standin 'kill -STOP $AUTHD_WORLD_BUS_PID; doctor'
 found 1 'the bus refuses user '"$me"' the handshake EXTERNAL \(it offers: ANONYMOUS\)' --standin \
     'bus "" unix:path=/run/strict ANONYMOUS; doctor'
 found 1 'the bus closes the connection instead of answering' --standin 'fake_bus "$OK"; both'
@@ -182,10 +226,10 @@ found 1 'the bus answers the handshake with garbage' --standin 'fake_bus hello; 
 found 1 'fault  *bus  *the bus does not answer Hello within 2 s.*freezes for 25 s when it starts, and ends with status 1' \
     --standin 'fake_bus "$OK" mute; doctor'
 found 1 'the bus refuses Hello: no' --standin 'fake_bus "$OK" error=a.b.LimitsExceeded; both'
-found 4 'ok  *bus.*the bus does not answer GetNameOwner' --standin 'fake_bus "$OK" text=:1.7 mute; doctor'
+found 4 'ok  *bus.*the bus does not answer GetNameOwner.*unset DBUS' --standin 'fake_bus "$OK" text=:1.7 mute; doctor'
 found 1 'the bus closes the connection instead of answering GetConnectionUnixProcessID' --standin \
     'fake_bus "$OK" text=:1.7 big-endian text=:1.8; doctor'
-found 4 'nobody accepts the connections to unix:path=/run/bus' --standin 'fake_bus full; doctor'
+found 4 'nobody accepts the connections to unix:path=/run/bus.*unset DBUS' --standin 'fake_bus full; doctor'
 
 # Addresses of the bus
 found 0 'ok  *bus  *user '"$me"' may use the bus at unix:path=/run/my%20bus' '' 'bus "$example" unix:path=/run/my%20bus; serve; doctor'
@@ -195,15 +239,45 @@ found 0 'notice  *bus  *there is no socket /nowhere.*goes on to the next.*ok  *b
     'bus "$example"; serve; DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nowhere;$DBUS_SYSTEM_BUS_ADDRESS;unix:path=/x"; doctor'
 found "$open" 'ok  *bus' --standin 'unset DBUS_SYSTEM_BUS_ADDRESS; doctor'
 found "$open" 'ok  *bus' --standin 'export DBUS_SYSTEM_BUS_ADDRESS=; doctor'
-found 3 'warning  *bus  *authctl cannot examine the transport of the address tcp:host=localhost,port=1'$'\n''.*notice  *bus  *there is no socket /nowhere' \
-    --standin 'export DBUS_SYSTEM_BUS_ADDRESS="tcp:host=localhost,port=1;unix:path=/nowhere"; doctor'
+for address in tcp:host=localhost,port=1 nonce-tcp:host=localhost,port=1,noncefile=/run/x unixexec:path=/bin/false autolaunch:; do
+    found 3 'warning  *bus  *authctl cannot examine the transport of the address '"$address"$'\n''.*unset DBUS.*it is not known whether a host' \
+        --standin "unset DISPLAY; export DBUS_SYSTEM_BUS_ADDRESS=$address; both"
+done
+found 3 'notice  *bus  *there is no socket /nowhere.*warning  *bus  *authctl cannot examine.*tcp:.*it is not known' \
+    --standin 'export DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nowhere;tcp:host=localhost,port=1;unix:path=/nowhere"; both'
+for address in systemd: launchd:env=X ' unix:path=/run/dbus/system_bus_socket' UNIX:path=/run/dbus/system_bus_socket; do
+    found 1 "fault  *bus  *hosts know no transport such as that of the address \"$address\"" \
+        --standin "export DBUS_SYSTEM_BUS_ADDRESS='$address'; both"
+    found "$open" 'notice  *bus  *hosts know no transport.*goes on to the next.*ok  *bus' \
+        --standin "DBUS_SYSTEM_BUS_ADDRESS='$address;'\$DBUS_SYSTEM_BUS_ADDRESS; runs"
+done
 found "$open" 'ok  *bus' --standin 'DBUS_SYSTEM_BUS_ADDRESS+=";"; doctor'
-for address in nowhere ';' unix:path 'unix:path=/a b' unix:path=/a%2 'unix:path=/a;;unix:path=/b' unix:path=; do
+for address in nowhere ';' unix:path 'unix:path=/a b' unix:path=/a%2 'unix:path=/a;;unix:path=/b' unix:path= \
+    $'unix:path=/run/dbus/system_bus_socket\n'; do
     found 1 'DBUS_SYSTEM_BUS_ADDRESS is no address of D-Bus' --standin "export DBUS_SYSTEM_BUS_ADDRESS='$address'; both"
 done
-found 1 'the address unix:dir=/tmp names no socket' --standin 'export DBUS_SYSTEM_BUS_ADDRESS=unix:dir=/tmp; both'
-found 1 'cannot be connected to: File name too long' --standin \
-    'long=/run/$(printf "%0200d" 0); mkdir $long; cd $long; "$F" bus mute; export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$long/bus; both'
+for address in unix: unix:dir=/tmp unix:path=%00 unix:path=/run/dbus/system_bus_socket,{tmpdir=/x,abstract=x}; do
+    found 1 "the address $address does not name one socket" --standin "export DBUS_SYSTEM_BUS_ADDRESS=$address; both"
+done
+for rest in %00x ,path=/nowhere ,dir=/x; do
+    found "$open" 'ok  *bus' --standin "DBUS_SYSTEM_BUS_ADDRESS+=$rest; runs"
+done
+found "$open" 'ok  *bus' --standin \
+    'long=/run/$(printf "%094d" 0); ln -s /run/dbus/system_bus_socket $long; DBUS_SYSTEM_BUS_ADDRESS=unix:path=$long; runs'
+found 1 'a name of more than 99 bytes.*unset DBUS' --standin \
+    'long=/run/$(printf "%095d" 0); ln -s /run/dbus/system_bus_socket $long; DBUS_SYSTEM_BUS_ADDRESS=unix:path=$long; both'
+found 1 'a name of more than 99 bytes.*unset DBUS' --standin 'export DBUS_SYSTEM_BUS_ADDRESS=unix:abstract=$(printf "%099d" 0); both'
+for address in unix:path={/dev/null,/%00,/run,/nowhere,nowhere,/run/0/1,/etc/passwd/x} unix:abstract=x; do
+    found 1 'fault  *bus .*unset DBUS_SYSTEM_BUS_ADDRESS' --standin \
+        "export DBUS_SYSTEM_BUS_ADDRESS=$address; without 'mv|chmod|dbus.socket|-u dbus|restart the machine' both"
+done
+
+# The guid of an address
+for rest in ,guid=00000000000000000000000000000000 ',guid=0,guid=$guid' ',guid=$(tr a-f A-F <<<$guid)' ',guid=0;$address'; do
+    found 1 'fault  *bus  *the bus at [^ ]* has another guid: [0-9a-f]{32}'$'\n''.*unset DBUS' '' \
+        'bus "$example"; serve; address=$(</run/strict.address) guid=${address#*guid=}; DBUS_SYSTEM_BUS_ADDRESS+="'"$rest"'"; both'
+done
+found 0 'ok  *bus' '' 'bus "$example"; serve; DBUS_SYSTEM_BUS_ADDRESS=$(</run/strict.address); runs'
 
 # The name
 found 3 'warning  *name  *no daemon owns vantora.AuthService on the bus, which knows none to start.*Undefined' '' \
@@ -212,7 +286,7 @@ found 3 'warning  *name  *no daemon owns vantora.AuthService on the bus, which k
 # Who listens, and who owns the name
 elsewhere='ctl "{\"do\":\"stop\"}" "{\"do\":\"start\",\"socket\":false}"'
 found 3 'notice  *process  *process [0-9]+ of user '"$me"' listens on the socket, process [0-9]+ of user '"$me"' owns the name' --standin \
-    "$elsewhere"'; fake "$OK" "text=<node/>" "text=<node/>"; doctor'
+    "$elsewhere"'; fake "$OK" "text=<node/>" "text=<node/>" bytes=x; doctor'
 found 4 'ok  *main-object.*freeze  *settings-object  *the daemon does not answer Introspect of /vantora/AuthService/Settings' --standin \
     "$elsewhere"'; fake "$OK" "text=$(describe "" "")" mute; doctor'
 found 4 'the daemon does not answer Introspect' --standin "$elsewhere"'; fake "$OK" flood; doctor'
@@ -227,7 +301,7 @@ found 3 'not measured: user [0-9]+ got no connection to the bus' --standin \
 
 # What comes late, and what takes no output
 found 4 'freeze  *time  *answers came so late' --no-bus '
-    fake "$OK" slow=1500 slow=1500 "text=<node/>" slow=1500 "text=<node/>"
+    fake "$OK" slow=1500 slow=1500 "text=<node/>" slow=1500 "text=<node/>" bytes=x
     fake_bus "$OK" slow=1500 text=:1.7 slow=1500 text=:1.8; doctor'
 found 6 'the output cannot be written' --standin 'doctor >/dev/full'
 found 2 'too many arguments for doctor' --standin 'doctor now'
@@ -237,7 +311,7 @@ found 2 'doctor is not a command of a session' --standin 'echo doctor | "$A" ses
 # Where there are several users, which an ordinary user cannot make.
 if [ "$(id -u)" -eq 0 ]; then
     daemon_user='<policy user="daemon"><allow own="vantora.AuthService"/><allow send_type="signal" send_interface="vantora.AuthService.Devlock"/></policy>'
-    found 0 '^(ok [^'$'\n'']*'$'\n''){9}Nothing is wrong$' '' 'bus "$example"; serve; doctor'
+    found 0 '^(ok [^'$'\n'']*'$'\n''){11}Nothing is wrong$' '' 'bus "$example"; serve; doctor'
     found 0 'policy  *user 65534 may not send device-lock signals: the bus withheld' '' 'bus "$example"; serve; doctor'
     found 0 '"check":"policy","event":"check","finding":"user 65534 may not[^}]*"level":"ok","status":0.*"command":"doctor","ok":true,"status":0' \
         '' 'bus "$example"; serve; doctor --json'
@@ -245,7 +319,8 @@ if [ "$(id -u)" -eq 0 ]; then
         mkdir /run/services
         printf "[D-BUS Service]\nName=vantora.AuthService\nExec=/bin/touch /run/started\nUser=root\n" >/run/services/vantora.AuthService.service
         bus "$example"; serve; ctl "{\"do\":\"release-name\"}"; doctor && [ ! -e /run/started ]'
-    found 3 'warning  *policy  *user 65534 may send device-lock signals.*believes the device-lock state whoever announces it' --standin doctor
+    found 3 'warning  *policy  *user 65534 may send device-lock signals.*believes the device-lock state whoever announces it.*to all but' \
+        --standin 'without "cp " doctor'
     found 3 'warning  *policy  *user 65534' '' \
         'bus "<policy context=\"default\"><allow own=\"*\"/><allow send_type=\"method_call\"/></policy>"; serve; doctor'
     found 3 'warning  *policy  *user 65534' '' 'bus "$example
@@ -269,11 +344,19 @@ if [ "$(id -u)" -eq 0 ]; then
         --standin 'chmod 700 /run/authd; as 2'
     found 1 'user 2 may not connect to /var/run/authd/authd.socket \(mode 0600, user 0, group 0\).*chmod a\+rw' \
         --standin 'chmod 600 $SOCKET; as 2'
+    found 1 'user 2 may not enter the directory /var \(mode 0700, user 0, group 0\).*namei -l /var/run/authd/authd.socket' \
+        --standin 'mount -t tmpfs -o mode=700 tmpfs /var; without "mv|chmod" as 2'
+    found 1 'user 2 may not enter the directory /var/run \(mode 0700, user 0, group 0\).*namei -l /var/run/authd/authd.socket' \
+        --standin 'chmod 700 /run; without "mv|chmod" as 2'
+    found 1 'user 2 may not enter the directory /var/run/authd .*namei -l /var/run/authd/authd.socket' '' \
+        'mkdir -m 700 /run/other; ln -s other /run/authd; without "mv|chmod" as 2'
+    found 1 'user 2 may not connect to /var/run/authd/authd.socket .*namei -l /var/run/authd/authd.socket' '' \
+        'mkdir /run/authd; "$F" /run/other mute; chmod 600 /run/other; ln -s /run/other $SOCKET; without "mv|chmod" as 2'
     found 1 'the bus closes the connection instead of answering' --standin \
         'bus "<policy context=\"default\"><deny user=\"bin\"/></policy>"; as 2'
     found 3 'warning  *process  *process [0-9]+ of user 2 listens on the socket, process [0-9]+ of user 0 owns the name.*can be deceived' \
         --standin "$elsewhere"'
-        chmod 777 /run/authd; setpriv --reuid 2 --clear-groups "$F" $SOCKET "$OK" "text=<node/>" "text=<node/>"
+        chmod 777 /run/authd; setpriv --reuid 2 --clear-groups "$F" $SOCKET "$OK" "text=<node/>" "text=<node/>" bytes=x
         chmod 755 /run/authd; doctor'
 fi
 

@@ -3,7 +3,8 @@
 // Prints its process id once it listens. HANDSHAKE is the line that answers AUTH. Each message that comes is met by the
 // next ANSWER; after the last the connection is closed:
 //   text=TEXT        the reply TEXT          number=N       the reply N, of type u
-//   error=NAME       an error                raw=TEXT       TEXT itself
+//   error=NAME       an error                bytes=TEXT     the reply TEXT, of type ay
+//   raw=TEXT         TEXT itself
 //   cut=TEXT         a reply cut off           huge=TEXT      a reply that claims to be long
 //   stale=TEXT       first the reply TEXT to another message, then the next
 //   mute             nothing                 flood          signals without an end
@@ -174,6 +175,8 @@ bool answer(int socket, const Bytes &how, uint32_t serial)
         return sendAll(socket, message(2, serial, "s", text(value)));
     if (is("number="))
         return sendAll(socket, message(2, serial, "u", number(uint32_t(std::stoul(value)))));
+    if (is("bytes="))
+        return sendAll(socket, message(2, serial, "ay", number(uint32_t(value.size())) + value));
     if (is("error="))
         return sendAll(socket, message(3, serial, "s", text("no"), value));
     if (is("cut="))
