@@ -80,8 +80,8 @@ void Report::finish()
                    endOfLog(*result.day, 20).constData());
         }
     }
-    printf("\n%d days: %d passed, %d failed, %d not reached", m_results.size(), count(Outcome::Passed),
-           count(Outcome::Failed), count(Outcome::NotReached));
+    printf("\n%d %s: %d passed, %d failed, %d not reached", m_results.size(), m_results.size() == 1 ? "day" : "days",
+           count(Outcome::Passed), count(Outcome::Failed), count(Outcome::NotReached));
     if (count(Outcome::NotMade) > 0)
         printf(", %d not made", count(Outcome::NotMade));
     puts("");

@@ -335,7 +335,7 @@ void TestHostCheck::slowHostPasses()
 {
     const Run check = run(days({QStringLiteral("restart-unlocked")}) << wrongHost << QStringLiteral("is-slow"));
     COMPARE_RUN(check, 0);
-    QCOMPARE(sums(check.output), QStringLiteral("1 days: 1 passed, 0 failed, 0 not reached"));
+    QCOMPARE(sums(check.output), QStringLiteral("1 day: 1 passed, 0 failed, 0 not reached"));
 }
 
 // It has nothing to read, its processes may start others that outlive them, and it may end as a program that handles
@@ -430,7 +430,7 @@ void TestHostCheck::findings()
     const Run check = run(arguments);
     COMPARE_RUN(check, 1);
     QCOMPARE(rows(check.output, "FAILED"), QStringList{QStringLiteral("%1: %2").arg(day, finding)});
-    QCOMPARE(sums(check.output), QStringLiteral("1 days: 0 passed, 1 failed, 0 not reached"));
+    QCOMPARE(sums(check.output), QStringLiteral("1 day: 0 passed, 1 failed, 0 not reached"));
 }
 
 void TestHostCheck::logOfAFailingDayIsShown()
@@ -614,7 +614,7 @@ void TestHostCheck::badScenario()
     COMPARE_RUN(check, 125);
     QCOMPARE(rows(check.output, "NOT MADE"), QStringList{QStringLiteral("ordinary: the world ended with status 3")});
     QVERIFY2(check.output.contains(QLatin1String("/nowhere.json")), qPrintable(check.output));
-    QCOMPARE(sums(check.output), QStringLiteral("1 days: 0 passed, 0 failed, 0 not reached, 1 not made"));
+    QCOMPARE(sums(check.output), QStringLiteral("1 day: 0 passed, 0 failed, 0 not reached, 1 not made"));
 }
 
 void TestHostCheck::hostIsMissing()
