@@ -1,8 +1,10 @@
 #pragma once
 
 #include <QtCore/QDebug>
+#include <QtCore/QMetaMethod>
 #include <QtCore/QString>
 #include <QtDBus/QDBusConnection>
+#include <QtDBus/QDBusMetaType>
 
 // clazy:excludeall=non-pod-global-static
 
@@ -138,30 +140,44 @@ const QString OptionChanged = QStringLiteral("option-changed");
 } // namespace Request
 
 /**
- * Subscribes @p slot of @p receiver (as written by SLOT(), or by SIGNAL() for a relay) to a signal of the main object.
- * The sender is left open: on a peer connection it has no name. Returns false, after a warning, when that fails.
+ * The D-Bus types of the parameters of @p slot, a slot or signal of @p receiver as written by SLOT() or SIGNAL().
+ *
+ * Anybody may send a signal, with anything in it. QDBusConnection of Qt 5.15 delivers a structure, an array or a
+ * dictionary of whatever kind to a slot, and ends the process when that does not fit, unless it is told what fits.
+ */
+inline QString signatureOf(const QObject *receiver, const char *slot)
+{
+    const QMetaObject *type = receiver->metaObject();
+    const QMetaMethod method = type->method(type->indexOfMethod(QMetaObject::normalizedSignature(slot + 1)));
+    // Not null, which would be any signature.
+    QByteArray signature("");
+    for (int i = 0; i < method.parameterCount(); ++i)
+        signature += QDBusMetaType::typeToSignature(method.parameterType(i));
+    return QString::fromLatin1(signature);
+}
+
+/**
+ * Subscribes @p slot of @p receiver (as written by SLOT(), or by SIGNAL() for a relay) to a signal of the main object
+ * that carries what the slot takes. The sender is left open: on a peer connection it has no name. Returns false, after a
+ * warning, when that fails.
  */
 template <typename Receiver>
 bool connectToAuthdSignal(Receiver *receiver, QDBusConnection connection, const QString &signalName, const char *slot)
 {
-    const bool connected = connection.connect(QString(), Path, Interface, signalName, receiver, slot);
+    const bool connected =
+        connection.connect(QString(), Path, Interface, signalName, signatureOf(receiver, slot), receiver, slot);
     if (!connected)
         qWarning() << "Failed to connect to" << signalName;
     return connected;
 }
-
-/** The factor's name and its parameters. */
-const QString FactorSignature = QStringLiteral("sa{sv}");
 
 /** The same for a signal of the settings object. */
 template <typename Receiver>
 bool connectToSettingsSignal(Receiver *receiver, QDBusConnection connection, const QString &signalName,
                              const char *slot)
 {
-    // The toolkit takes any dictionary for one of variants, and crashes over another one unless told the signature.
-    const QString signature = signalName == Signal::Factor ? FactorSignature : QString();
-    const bool connected =
-        connection.connect(QString(), SettingsPath, SettingsInterface, signalName, signature, receiver, slot);
+    const bool connected = connection.connect(QString(), SettingsPath, SettingsInterface, signalName,
+                                              signatureOf(receiver, slot), receiver, slot);
     if (!connected)
         qWarning() << "Failed to connect to" << signalName;
     return connected;
@@ -172,7 +188,8 @@ template <typename Receiver>
 bool connectToDevicelockSignal(Receiver *receiver, QDBusConnection connection, const QString &signalName,
                                const char *slot)
 {
-    const bool connected = connection.connect(QString(), DevlockPath, DevlockInterface, signalName, receiver, slot);
+    const bool connected = connection.connect(QString(), DevlockPath, DevlockInterface, signalName,
+                                              signatureOf(receiver, slot), receiver, slot);
     if (!connected)
         qWarning() << "Failed to connect to" << signalName;
     return connected;

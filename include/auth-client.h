@@ -32,8 +32,18 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * @section restart When the daemon restarts
  * The loss of the daemon forgets the token. Its return reconnects the client, from the event loop, and fetches a new
  * challenge if one was held; this blocks for three short requests (for at most 25 seconds each, should the daemon be
- * mute). When one daemon instance takes over from another without a gap, the client reconnects as well, but keeps the
+ * mute, and before them for 25 seconds until it has room for the connection). When one daemon instance takes over from another without a gap, the client reconnects as well, but keeps the
  * token, which the new instance may refuse, and progress(): the old instance is no longer heard.
+ *
+ * @section trust Who is believed
+ * Signals are taken from whoever sends them. On the socket that is the daemon. On the system bus it is anybody whom the
+ * bus lets send them, so a device needs a policy like the example in `dbus/vantora.AuthService.conf`: without it any
+ * process can announce a device-lock state, and can make a client deaf to the daemon by signals so large that more than
+ * 63 MiB of them wait while the host is blocked in a call. A signal that does not carry what the daemon's would carry is
+ * never heard.
+ *
+ * Tokens, challenges and parameters are never logged. QDBUS_DEBUG, which would have Qt D-Bus log every message, is taken
+ * out of the environment when the library is loaded; this comes too late in a process that has used D-Bus before.
  *
  * @section sharing Several clients in one process
  * Several AuthClient objects share one connection until the daemon restarts for the first time. The daemon answers
@@ -64,7 +74,10 @@ class AUTH_CLIENT_EXPORT AuthClient : public QObject
 {
     Q_OBJECT
 
-    /** Whether a token is held: true from a successful authentication until the next discredit(). */
+    /**
+     * True from the daemon's word that the user is authenticated until the next discredit(). A token is held then, unless
+     * the daemon has sent an empty one: setLocked() takes that for none.
+     */
     Q_PROPERTY(bool authenticated READ authenticated NOTIFY authenticatedChanged)
     /** Whether a request made with authenticate() or changeAuthData() is under way. */
     Q_PROPERTY(bool progress READ progress NOTIFY progressChanged)
@@ -74,8 +87,9 @@ public:
      * Connects to the daemon.
      *
      * Waits for the daemon's introspection data on the system bus and on the socket (a daemon that accepts and stays
-     * mute holds each of the three requests for 25 seconds); makes no call of the daemon's own but the asynchronous one
-     * for the device-lock state.
+     * mute holds each of the three requests for 25 seconds). A daemon that no longer accepts connections, and has no
+     * room left for one that waits, is given 25 seconds before the process ends. Makes no call of the daemon's own but the
+     * asynchronous one for the device-lock state.
      *
      * @param parent the owner, or nullptr
      */
@@ -128,9 +142,11 @@ public:
     /**
      * Asks the daemon to unlock the device if its policy allows that without an authentication. Does not block.
      *
-     * unlockIfNeededFinished() follows from the event loop: with the daemon's decision, or with false when the call
-     * failed on the bus or another daemon instance took over before the decision was heard. It comes once, unless the
-     * daemon dies after its decision and before its reply: then false follows the decision.
+     * unlockIfNeededFinished() follows from the event loop, from two sources: with the decision when the daemon
+     * announces it, and with false when the call fails on the bus. Each tells what it knows: false follows the decision
+     * of a daemon that dies before it has replied, and nothing ever comes from a daemon that replies and does not
+     * announce its decision, or announces it when another instance has taken over. A host that waits for an answer sets
+     * a limit of its own.
      */
     Q_INVOKABLE void unlockIfNeeded();
 
@@ -185,7 +201,8 @@ Q_SIGNALS:
      * A token has come or the one held is gone. Emitted for every token, also when it follows another, and for every
      * drop.
      *
-     * @param authToken a byte array: the token, or empty after a drop. This signal alone publishes it
+     * @param authToken a byte array: the token, or empty after a drop. A daemon can send an empty token, too: it is
+     *                  authenticated() that tells the two apart. This signal alone publishes the token
      */
     void authenticatedChanged(QVariant authToken);
 
@@ -198,7 +215,7 @@ Q_SIGNALS:
     /**
      * The answer to unlockIfNeeded(); the daemon may also send it unasked.
      *
-     * @param success whether the daemon unlocked the device; false also when it could not be asked
+     * @param success whether the daemon unlocked the device; false also when the call failed on the bus
      */
     void unlockIfNeededFinished(bool success);
 

@@ -19,6 +19,9 @@ class AuthDevlockClientPrivate;
  * leaves the bus, the signal is emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater()
  * there.
  *
+ * Whoever may send signals on the system bus can announce a state: a device needs a policy for its bus such as the example
+ * in `dbus/vantora.AuthService.conf`.
+ *
  * All objects of this library belong to one and the same thread, usually the main one; signals are emitted there, from
  * its event loop.
  *

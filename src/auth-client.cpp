@@ -2,8 +2,8 @@
 
 #include "auth-client_p.h"
 #include "authd/options.h"
+#include "parameter-check.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
 #include <QtCore/QPointer>
 #include <QtDBus/QDBusError>
@@ -12,19 +12,6 @@
 #include <QtDBus/QDBusVariant>
 
 #include <utility>
-
-namespace {
-
-// clang-format off
-const char *const FactorRelay = SIGNAL(factorSignal(QString,QVariantMap));
-// clang-format on
-
-void unsubscribe(QDBusConnection bus, QObject *receiver, const QString &signal, const char *slot)
-{
-    bus.disconnect(QString(), Authd::Path, Authd::Interface, signal, receiver, slot);
-}
-
-} // namespace
 
 // The parent comes last: should the process end meanwhile, a parent that is a static object must not find a half-made
 // child.
@@ -100,7 +87,6 @@ AuthClientPrivate::AuthClientPrivate(AuthClient *publicObject, const QString &co
     , challengeHolder(this, connectionName)
     , q(publicObject)
 {
-    connect(&relay, &SignalRelay::unlockIfNeededFinished, this, &AuthClientPrivate::countUnlockAnswer);
     connect(&relay, &SignalRelay::unlockIfNeededFinished, q, &AuthClient::unlockIfNeededFinished);
     connect(&relay, &SignalRelay::factorSignal, q, &AuthClient::factorSignal);
     setupConnection();
@@ -121,34 +107,21 @@ AuthClientPrivate::~AuthClientPrivate() = default;
 
 void AuthClientPrivate::setupConnection()
 {
-    const QDBusConnection bus = challengeHolder.connection->connection;
-    Authd::connectToAuthdSignal(this, bus, Authd::Signal::Authenticated, SLOT(handleAuthenticated(QByteArray)));
-    Authd::connectToAuthdSignal(this, bus, Authd::Signal::AuthenticationFailed, SLOT(handleAuthenticationFailed()));
-    Authd::connectToAuthdSignal(this, bus, Authd::Signal::AuthDataChanged, SLOT(handleAuthDataChanged()));
-    Authd::connectToAuthdSignal(this, bus, Authd::Signal::ChangeAuthDataFailed, SLOT(handleChangeAuthDataFailed()));
-    Authd::connectToAuthdSignal(&relay, bus, Authd::Signal::UnlockIfNeededFinished,
-                                SIGNAL(unlockIfNeededFinished(bool)));
-    Authd::connectToSettingsSignal(&relay, bus, Authd::Signal::Factor, FactorRelay);
-
-    // Calls under way, and other clients, keep a replaced connection open: its signals have to end all the same, with
-    // those that wait to be delivered. The private object may be half destroyed by then.
-    connect(challengeHolder.connection, &QObject::destroyed, this, [receiver = this, relay = &relay, bus] {
-        unsubscribe(bus, receiver, Authd::Signal::Authenticated, SLOT(handleAuthenticated(QByteArray)));
-        unsubscribe(bus, receiver, Authd::Signal::AuthenticationFailed, SLOT(handleAuthenticationFailed()));
-        unsubscribe(bus, receiver, Authd::Signal::AuthDataChanged, SLOT(handleAuthDataChanged()));
-        unsubscribe(bus, receiver, Authd::Signal::ChangeAuthDataFailed, SLOT(handleChangeAuthDataFailed()));
-        unsubscribe(bus, relay, Authd::Signal::UnlockIfNeededFinished, SIGNAL(unlockIfNeededFinished(bool)));
-        QDBusConnection(bus).disconnect(QString(), Authd::SettingsPath, Authd::SettingsInterface, Authd::Signal::Factor,
-                                        Authd::FactorSignature, relay, FactorRelay);
-        QCoreApplication::removePostedEvents(receiver, QEvent::MetaCall);
-        QCoreApplication::removePostedEvents(relay, QEvent::MetaCall);
-        receiver->failUnansweredUnlocks();
-    });
+    AuthdConnection *link = challengeHolder.connection;
+    const QDBusInterface &main = link->authInterface;
+    link->subscribe(this, main, Authd::Signal::Authenticated, SLOT(handleAuthenticated(QByteArray)));
+    link->subscribe(this, main, Authd::Signal::AuthenticationFailed, SLOT(handleAuthenticationFailed()));
+    link->subscribe(this, main, Authd::Signal::AuthDataChanged, SLOT(handleAuthDataChanged()));
+    link->subscribe(this, main, Authd::Signal::ChangeAuthDataFailed, SLOT(handleChangeAuthDataFailed()));
+    link->subscribe(&relay, main, Authd::Signal::UnlockIfNeededFinished, SIGNAL(unlockIfNeededFinished(bool)));
+    // clang-format off
+    link->subscribe(&relay, link->settingsInterface, Authd::Signal::Factor, SIGNAL(factorSignal(QString,QVariantMap)));
+    // clang-format on
 }
 
 void AuthClientPrivate::authenticate(const QString &service, const QVariantMap &params)
 {
-    const QString problem = challengeHolder.connection->unsendableReason(params);
+    const QString problem = unsendableReason(params, challengeHolder.connection->connection);
     if (!problem.isEmpty()) {
         qWarning() << "authenticate failed:" << problem;
         return;
@@ -161,7 +134,7 @@ void AuthClientPrivate::authenticate(const QString &service, const QVariantMap &
 
 void AuthClientPrivate::changeAuthData(const QString &method, const QVariantMap &params)
 {
-    const QString problem = challengeHolder.connection->unsendableReason(params);
+    const QString problem = unsendableReason(params, challengeHolder.connection->connection);
     if (!problem.isEmpty()) {
         qWarning() << "changeAuthData failed:" << problem;
         return;
@@ -176,17 +149,19 @@ void AuthClientPrivate::changeAuthData(const QString &method, const QVariantMap 
 void AuthClientPrivate::startRequest(const QString &call, const QString &subject, const QVariantMap &params,
                                      void (AuthClientPrivate::*finished)(QDBusPendingCallWatcher *))
 {
-    AuthdConnection *link = challengeHolder.connection;
-    auto *watcher = new PendingCallWatcher(
-        link->connection, link->authInterface.asyncCallWithArgumentList(call, {subject, params}), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, finished);
-    // Last, because a handler may delete the client.
+    const AuthdConnection *link = challengeHolder.connection;
+    const QDBusConnection bus = link->connection;
+    const QDBusPendingCall pending = startCall(link->authInterface, call, {subject, params});
+    // A handler may delete the client, and the call is given up then.
+    const QPointer<AuthClientPrivate> self(this);
     setProgress(true);
+    if (self)
+        watchCall(bus, pending, this,
+                  [this, finished](QDBusPendingCallWatcher *watcher) { (this->*finished)(watcher); });
 }
 
 void AuthClientPrivate::callAuthenticateFinished(QDBusPendingCallWatcher *call)
 {
-    call->deleteLater();
     const QDBusPendingReply<bool> reply = *call;
     if (reply.isError())
         qWarning() << "callAuthenticateFinished failed:" << reply.error().message();
@@ -196,7 +171,6 @@ void AuthClientPrivate::callAuthenticateFinished(QDBusPendingCallWatcher *call)
 
 void AuthClientPrivate::callChangeAuthDataFinished(QDBusPendingCallWatcher *call)
 {
-    call->deleteLater();
     const QDBusPendingReply<bool> reply = *call;
     if (reply.isError())
         qWarning() << "callChangeAuthDataFinished failed:" << reply.error().message();
@@ -206,38 +180,11 @@ void AuthClientPrivate::callChangeAuthDataFinished(QDBusPendingCallWatcher *call
 
 void AuthClientPrivate::unlockIfNeeded()
 {
-    AuthdConnection *link = challengeHolder.connection;
-    auto *watcher =
-        new PendingCallWatcher(link->connection, link->authInterface.asyncCall(Authd::Method::UnlockIfNeeded), this);
-    ++m_unansweredUnlocks;
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, link = QPointer(link)](auto *call) {
-        call->deleteLater();
-        const QDBusPendingReply<> reply = *call;
-        if (reply.isError() && link) {
-            countUnlockAnswer();
+    const QDBusInterface &main = challengeHolder.connection->authInterface;
+    watchCall(main.connection(), startCall(main, Authd::Method::UnlockIfNeeded), this, [this](QDBusPendingCall *call) {
+        if (call->isError())
             emit q->unlockIfNeededFinished(false);
-        }
     });
-}
-
-void AuthClientPrivate::countUnlockAnswer()
-{
-    // The daemon may answer unasked, or answer another client that shares the connection.
-    m_unansweredUnlocks = qMax(0, m_unansweredUnlocks - 1);
-}
-
-// The daemon that was asked can no longer be heard, whatever it still replies.
-void AuthClientPrivate::failUnansweredUnlocks()
-{
-    const int count = std::exchange(m_unansweredUnlocks, 0);
-    // Later, from the event loop: the connection is just being replaced.
-    QMetaObject::invokeMethod(
-        q,
-        [client = QPointer(q), count] {
-            for (int i = 0; i < count && client; ++i)
-                emit client->unlockIfNeededFinished(false);
-        },
-        Qt::QueuedConnection);
 }
 
 bool AuthClientPrivate::setLocked(int state)
@@ -246,8 +193,8 @@ bool AuthClientPrivate::setLocked(int state)
         qWarning() << "setLocked m_authToken is empty, not authenticated request";
         return false;
     }
-    const QDBusReply<bool> reply = challengeHolder.connection->authInterface.call(
-        QDBus::Block, Authd::Method::SetDevlockState, m_authToken, state);
+    const QDBusReply<bool> reply =
+        callMethod(challengeHolder.connection->authInterface, Authd::Method::SetDevlockState, {m_authToken, state});
     if (!reply.isValid())
         qWarning() << "setLocked failed:" << reply.error().message();
     return reply.value();
@@ -268,36 +215,30 @@ void AuthClientPrivate::dropAuthentication()
 
 void AuthClientPrivate::factorMethod(const QVariantMap &params, const QString &method, ValueCallBack callback)
 {
-    AuthdConnection *link = challengeHolder.connection;
-    const QString problem = link->unsendableReason(params);
+    const QDBusInterface &main = challengeHolder.connection->authInterface;
+    const QString problem = unsendableReason(params, main.connection());
     if (problem.isEmpty())
         challengeHolder.get();
     const QDBusPendingCall call = problem.isEmpty()
-        ? link->authInterface.asyncCallWithArgumentList(Authd::Method::FactorMethod, {m_authToken, method, params})
+        ? startCall(main, Authd::Method::FactorMethod, {m_authToken, method, params})
         : QDBusPendingCall::fromError(QDBusError(QDBusError::InvalidArgs, problem));
-    auto *watcher = new PendingCallWatcher(link->connection, call, q);
-    connect(
-        watcher, &QDBusPendingCallWatcher::finished, watcher,
-        [callback = std::move(callback)](QDBusPendingCallWatcher *finished) {
-            finished->deleteLater();
-            const QDBusPendingReply<QDBusVariant> reply = *finished;
-            if (reply.isError())
-                qWarning() << "reply isError:" << reply.error().message();
-            if (callback)
-                callback(reply.isError() ? QVariant() : reply.value().variant());
-        },
-        Qt::DirectConnection);
+    watchCall(main.connection(), call, q, [callback = std::move(callback)](QDBusPendingCall *finished) {
+        const QDBusPendingReply<QDBusVariant> reply = *finished;
+        if (reply.isError())
+            qWarning() << "reply isError:" << reply.error().message();
+        if (callback)
+            callback(reply.isError() ? QVariant() : reply.value().variant());
+    });
 }
 
 QVariant AuthClientPrivate::factorMethodWait(const QVariantMap &params, const QString &method)
 {
-    AuthdConnection *link = challengeHolder.connection;
-    const QString problem = link->unsendableReason(params);
+    const QDBusInterface &main = challengeHolder.connection->authInterface;
+    const QString problem = unsendableReason(params, main.connection());
     if (problem.isEmpty())
         challengeHolder.get();
     const QDBusReply<QDBusVariant> reply = problem.isEmpty()
-        ? link->authInterface.callWithArgumentList(QDBus::Block, Authd::Method::FactorMethod,
-                                                   {m_authToken, method, params})
+        ? callMethod(main, Authd::Method::FactorMethod, {m_authToken, method, params})
         : QDBusMessage::createError(QDBusError::InvalidArgs, problem);
     if (!reply.isValid()) {
         qWarning() << "factorMethodWait failed:" << reply.error().message();

@@ -53,13 +53,8 @@ public:
     AuthClient *const q;
 
 private:
-    void countUnlockAnswer();
-    void failUnansweredUnlocks();
     void startRequest(const QString &call, const QString &subject, const QVariantMap &params,
                       void (AuthClientPrivate::*finished)(QDBusPendingCallWatcher *));
-
-    /** Requests to unlock, on the present connection, that the daemon has not answered with its signal. */
-    int m_unansweredUnlocks = 0;
 
 private Q_SLOTS:
     void handleAuthenticated(QByteArray authToken);

@@ -2,317 +2,151 @@
 
 #include "authd/options.h"
 
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDeadlineTimer>
 #include <QtCore/QDebug>
-#include <QtCore/QReadWriteLock>
-#include <QtDBus/QDBusArgument>
+#include <QtCore/QFile>
 #include <QtDBus/QDBusError>
-#include <QtDBus/QDBusMetaType>
+#include <QtDBus/QDBusPendingCall>
 #include <QtDBus/QDBusReply>
-#include <QtDBus/QDBusUnixFileDescriptor>
 
+#include <cerrno>
 #include <cstdlib>
-#include <utility>
+#include <cstring>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
-// A receiver turns away a message whose containers (arrays, dict entries, structures and variants) nest deeper than
-// this, and the whole connection with it.
-constexpr int MaximumDepth = 64;
+// Qt D-Bus writes every message to the log when this is set, tokens and challenges in full. It looks when the process
+// makes its first connection.
+const bool busIsSilent = qunsetenv("QDBUS_DEBUG");
 
-// An array can have 64 MiB, and the whole map is one; what is left out here is room for the challenge.
-constexpr qint64 MaximumSize = qint64(63) * 1024 * 1024;
+/** As long as D-Bus waits for an answer. */
+constexpr std::chrono::seconds ConnectionTimeout(25);
 
-// The most that a number takes, a structure of the toolkit's own, and the signature, length and padding of another
-// value.
-constexpr qint64 NumberSize = 16;
-constexpr qint64 StructureSize = 48;
-constexpr qint64 ValueSize = 24;
-
-/** Walks a parameter map as the marshaller will, and finds what it would stumble over. */
-class ParameterCheck
+// D-Bus would wait without an end, and all its connections with it, for room in the queue of a daemon that does not
+// accept. To connect a socket that is connected already tells whether there is room, and takes none.
+bool awaitRoomInQueue()
 {
-public:
-    explicit ParameterCheck(bool canPassDescriptors)
-        : m_canPassDescriptors(canPassDescriptors)
-    {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const QByteArray path = QFile::encodeName(Authd::SocketAddress.section(QLatin1Char('='), 1));
+    memcpy(address.sun_path, path.constData(), size_t(path.size()));
+
+    int sockets[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0)
+        return true;
+    const QDeadlineTimer deadline(ConnectionTimeout);
+    int error = EINTR;
+    while (error == EINTR && !deadline.hasExpired()) {
+        // None at all would be no limit.
+        const qint64 left = qMax(deadline.remainingTime(), qint64(1));
+        const timeval limit = {left / 1000, left % 1000 * 1000};
+        setsockopt(sockets[0], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        connect(sockets[0], reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        error = errno;
     }
-
-    bool map(const QVariantMap &values, int depth);
-    QString reason() const;
-
-private:
-    bool value(const QVariant &value, int depth);
-    bool compound(const QVariant &value, int depth);
-    bool argument(const QDBusArgument &argument, int depth);
-    bool list(const QVariantList &values, int depth);
-    bool enter(const QByteArray &signature, int depth);
-    bool text(const QString &text);
-    bool add(qint64 size);
-    bool failAt(const QString &step);
-    bool refuse(const QString &problem);
-
-    const bool m_canPassDescriptors;
-    qint64 m_size = 0;
-    QString m_path;
-    QString m_type;
-    QString m_problem;
-};
-
-QString ParameterCheck::reason() const
-{
-    return m_path + QLatin1String(" of type ") + m_type + QLatin1Char(' ') + m_problem;
+    close(sockets[0]);
+    close(sockets[1]);
+    return error != EAGAIN && error != EINTR;
 }
 
-bool ParameterCheck::map(const QVariantMap &values, int depth)
+[[noreturn]] void endWithoutDaemon(const QString &name, const QString &problem)
 {
-    for (auto it = values.begin(); it != values.end(); ++it) {
-        // An array, a dict entry and a variant enclose the value.
-        if (!text(it.key()) || !value(it.value(), depth + 3)) {
-            if (m_type.isEmpty())
-                m_type = QStringLiteral("QString");
-            return failAt(it.key());
-        }
-    }
-    return true;
+    qCritical() << "Cannot connect to" << Authd::SocketAddress << name << problem;
+    std::exit(1);
 }
-
-bool ParameterCheck::list(const QVariantList &values, int depth)
-{
-    for (int i = 0; i < values.size(); ++i) {
-        if (!value(values.at(i), depth))
-            return failAt(QStringLiteral("[%1]").arg(i));
-    }
-    return true;
-}
-
-bool ParameterCheck::value(const QVariant &value, int depth)
-{
-    bool good = false;
-    if (depth > MaximumDepth) {
-        good = refuse(QStringLiteral("is nested too deeply for D-Bus"));
-    } else {
-        switch (value.userType()) {
-        case QMetaType::Bool:
-        case QMetaType::UChar:
-        case QMetaType::Short:
-        case QMetaType::UShort:
-        case QMetaType::Int:
-        case QMetaType::UInt:
-        case QMetaType::LongLong:
-        case QMetaType::ULongLong:
-        case QMetaType::Double:
-            good = add(NumberSize);
-            break;
-        case QMetaType::QString:
-            good = text(value.toString());
-            break;
-        case QMetaType::QByteArray:
-            good = add(ValueSize + value.toByteArray().size());
-            break;
-        default:
-            good = compound(value, depth);
-        }
-    }
-    if (!good && m_type.isEmpty())
-        m_type = value.isValid() ? QString::fromLatin1(value.typeName()) : QStringLiteral("Invalid");
-    return good;
-}
-
-bool ParameterCheck::compound(const QVariant &value, int depth)
-{
-    const int type = value.userType();
-    if (type == qMetaTypeId<QDBusVariant>())
-        return this->value(value.value<QDBusVariant>().variant(), depth + 1);
-    if (type == qMetaTypeId<QDBusArgument>())
-        return argument(value.value<QDBusArgument>(), depth);
-
-    // Empty for a type whose own operator is faulty.
-    const QByteArray signature = type == QMetaType::UnknownType ? nullptr : QDBusMetaType::typeToSignature(type);
-    bool sendable = !signature.isEmpty();
-    if (type == qMetaTypeId<QDBusObjectPath>())
-        sendable = !value.value<QDBusObjectPath>().path().isEmpty();
-    else if (type == qMetaTypeId<QDBusSignature>())
-        sendable = !value.value<QDBusSignature>().signature().isEmpty();
-    else if (type == qMetaTypeId<QDBusUnixFileDescriptor>())
-        sendable = m_canPassDescriptors && value.value<QDBusUnixFileDescriptor>().isValid();
-    if (!sendable)
-        return refuse(QStringLiteral("cannot be sent over D-Bus"));
-
-    if (!enter(signature, depth))
-        return false;
-    // Not toMap() and toList(), which give nothing for types that a host has registered.
-    if (value.canConvert<QVariantMap>())
-        return map(value.value<QVariantMap>(), depth);
-    if (value.canConvert<QVariantList>())
-        return list(value.value<QVariantList>(), type == QMetaType::QVariantList ? depth + 2 : depth + 1);
-    return true;
-}
-
-// A structure that the bus delivered, and that nobody decoded, can be sent back.
-bool ParameterCheck::argument(const QDBusArgument &argument, int depth)
-{
-    const QByteArray signature = argument.currentSignature().toLatin1();
-    const QDBusArgument::ElementType type = argument.currentType();
-    // Empty, read to its end, or still being written.
-    if (type == QDBusArgument::UnknownType)
-        return refuse(QStringLiteral("cannot be sent over D-Bus"));
-    if (type == QDBusArgument::BasicType || type == QDBusArgument::VariantType || signature == "ay"
-        || signature == "as")
-        return value(argument.asVariant(), depth);
-
-    if (!enter(signature, depth))
-        return false;
-    bool good = true;
-    // All containers are entered alike for reading.
-    argument.beginStructure();
-    while (good && !argument.atEnd())
-        good = this->argument(argument, depth + 1);
-    argument.endStructure();
-    return good;
-}
-
-// Containers count even if there is nothing in them. Those side by side in a structure are counted as if they were
-// nested: few structures have any.
-bool ParameterCheck::enter(const QByteArray &signature, int depth)
-{
-    if (depth + signature.count('a') + signature.count('(') + signature.count('{') > MaximumDepth)
-        return refuse(QStringLiteral("is nested too deeply for D-Bus"));
-    return add(signature.startsWith('(') ? StructureSize : ValueSize);
-}
-
-// Strings that the bus would shorten or alter are refused like values that it cannot carry: they may be secrets.
-bool ParameterCheck::text(const QString &text)
-{
-    qint64 size = ValueSize;
-    for (int i = 0; i < text.size(); ++i) {
-        const QChar c = text.at(i);
-        if (c.isNull())
-            return refuse(QStringLiteral("holds a NUL character, which D-Bus cannot carry"));
-        if (c.isSurrogate()) {
-            if (c.isLowSurrogate() || i + 1 == text.size() || !text.at(i + 1).isLowSurrogate())
-                return refuse(QStringLiteral("holds half a surrogate pair, which D-Bus cannot carry"));
-            ++i;
-            size += 4;
-        } else {
-            size += c.unicode() < 0x80 ? 1 : c.unicode() < 0x800 ? 2 : 3;
-        }
-    }
-    return add(size);
-}
-
-bool ParameterCheck::add(qint64 size)
-{
-    m_size += size;
-    return m_size <= MaximumSize || refuse(QStringLiteral("makes the parameters too large for D-Bus"));
-}
-
-// Puts the place of a failure in front of the path, from the inside to the outside.
-bool ParameterCheck::failAt(const QString &step)
-{
-    if (!m_path.isEmpty() && !m_path.startsWith(QLatin1Char('[')))
-        m_path.prepend(QLatin1Char('.'));
-    m_path.prepend(step);
-    return false;
-}
-
-bool ParameterCheck::refuse(const QString &problem)
-{
-    m_problem = problem;
-    return false;
-}
-
-struct ToolkitUsers
-{
-    ToolkitUser *first = nullptr;
-
-    ~ToolkitUsers()
-    {
-        // Each takes itself off the list.
-        while (first)
-            delete first; // NOLINT(clang-analyzer-cplusplus.NewDelete)
-    }
-};
 
 QDBusConnection connectToPeer(const QString &name)
 {
-    // A connection of the same name would be handed out again even if the daemon has closed it.
-    if (!QDBusConnection(name).isConnected())
+    // A connection of the same name is handed out again, even if the daemon has closed it.
+    if (!QDBusConnection(name).isConnected()) {
         QDBusConnection::disconnectFromPeer(name);
+        if (!awaitRoomInQueue())
+            endWithoutDaemon(name, qt_error_string(ETIMEDOUT));
+    }
     return QDBusConnection::connectToPeer(Authd::SocketAddress, name);
+}
+
+// Not by the interfaces themselves: QDBusAbstractInterface of Qt 5.15 adds a value to an empty error reply, which the
+// D-Bus thread may still be reading.
+QDBusMessage methodCall(const QDBusInterface &object, const QString &method, const QVariantList &arguments)
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(object.service(), object.path(), object.interface(), method);
+    message.setArguments(arguments);
+    return message;
 }
 
 } // namespace
 
-void ToolkitUser::enlist()
+QDBusMessage callMethod(const QDBusInterface &object, const QString &method, const QVariantList &arguments)
 {
-    // Made after the toolkit's static objects, and so destroyed before them.
-    static ToolkitUsers users;
-    m_next = std::exchange(users.first, this);
-    m_link = &users.first;
-    if (m_next)
-        m_next->m_link = &m_next;
+    return object.connection().call(methodCall(object, method, arguments));
 }
 
-ToolkitUser::~ToolkitUser()
+QDBusPendingCall startCall(const QDBusInterface &object, const QString &method, const QVariantList &arguments)
 {
-    if (m_link)
-        *m_link = m_next;
-    if (m_next)
-        m_next->m_link = m_link;
+    return object.connection().asyncCall(methodCall(object, method, arguments));
 }
 
 PendingCallWatcher::PendingCallWatcher(const QDBusConnection &bus, const QDBusPendingCall &call, QObject *parent)
     : ConnectionReference{bus}
     , QDBusPendingCallWatcher(call, parent)
+    , m_mayBeOvertaken(isFinished())
 {
+    connect(this, &QDBusPendingCallWatcher::finished, this, &PendingCallWatcher::handleFinished);
     enlist();
 }
 
-namespace {
+// QDBusPendingCallWatcher of Qt 5.15 says twice that a call has ended which fails in the D-Bus thread, for want of a
+// connection, while the watcher is being made.
+void PendingCallWatcher::handleFinished()
+{
+    if (m_isComplete)
+        return;
+    m_isComplete = true;
+    deleteLater();
+    complete();
+}
 
-// The toolkit keeps the state of contended locks in a list that it makes at the first contention. Static objects go in the
-// reverse order of their making: a list that is younger than the toolkit's D-Bus thread goes before that thread, which
-// then waits for ever when it is inside such a lock, and the end of the process for it. Made when the library is loaded,
-// the list outlives the thread, unless the host has used D-Bus before.
-const bool lockListIsMade = [] {
-    QReadWriteLock lock;
-    lock.lockForWrite();
-    const bool isGranted = lock.tryLockForRead(1);
-    lock.unlock();
-    return !isGranted;
-}();
-
-} // namespace
-
+// The parent comes last: should the process end meanwhile, the parent must not find a half-made child.
 AuthdConnection::AuthdConnection(QObject *parent, const QString &connectionName)
-    : QObject(parent)
-    , name(connectionName)
+    : name(connectionName)
     , connection(connectToPeer(name))
     , authInterface(Authd::Service, Authd::Path, Authd::Interface, connection)
     , settingsInterface(Authd::Service, Authd::SettingsPath, Authd::SettingsInterface, connection)
 {
     // The interfaces come first: the requests they make are what exposes a peer that accepts and closes.
-    if (!connection.isConnected()) {
-        qCritical() << "Cannot connect to" << Authd::SocketAddress << connection.name()
-                    << connection.lastError().message();
-        // The end of the process may destroy the parent, which must not find a half-made child.
-        setParent(nullptr);
-        std::exit(1);
-    }
+    if (!connection.isConnected())
+        endWithoutDaemon(connection.name(), connection.lastError().message());
     qDebug() << "AuthdConnection" << name << "connected to" << connection.name();
     enlist();
+    setParent(parent);
 }
 
 AuthdConnection::~AuthdConnection()
 {
+    for (const Subscription &subscription : qAsConst(m_subscriptions)) {
+        connection.disconnect(QString(), subscription.object->path(), subscription.object->interface(),
+                              subscription.signal, Authd::signatureOf(subscription.receiver, subscription.slot),
+                              subscription.receiver, subscription.slot);
+        QCoreApplication::removePostedEvents(subscription.receiver, QEvent::MetaCall);
+    }
     QDBusConnection::disconnectFromPeer(name);
     qDebug() << "~AuthdConnection" << name << "disconnected from" << connection.name();
 }
 
-QString AuthdConnection::unsendableReason(const QVariantMap &parameters) const
+void AuthdConnection::subscribe(QObject *receiver, const QDBusInterface &object, const QString &signal,
+                                const char *slot)
 {
-    ParameterCheck check(connection.connectionCapabilities() & QDBusConnection::UnixFileDescriptorPassing);
-    return check.map(parameters, 0) ? QString() : check.reason();
+    const bool isSubscribed = &object == &settingsInterface
+        ? Authd::connectToSettingsSignal(receiver, connection, signal, slot)
+        : Authd::connectToAuthdSignal(receiver, connection, signal, slot);
+    if (isSubscribed)
+        m_subscriptions.append({receiver, &object, signal, slot});
 }
 
 AuthChallengeHolder::AuthChallengeHolder(QObject *parent, const QString &name)
@@ -349,7 +183,7 @@ AuthChallengeHolder::~AuthChallengeHolder()
 
 void AuthChallengeHolder::request()
 {
-    const QDBusReply<QByteArray> reply = connection->authInterface.call(QDBus::Block, Authd::Method::RequestChallenge);
+    const QDBusReply<QByteArray> reply = callMethod(connection->authInterface, Authd::Method::RequestChallenge);
     if (!reply.isValid()) {
         qWarning() << "request failed:" << reply.error().message();
         challenge.clear();

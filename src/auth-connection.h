@@ -1,35 +1,25 @@
 #pragma once
 
+#include "process-end.h"
+
 #include <QtCore/QByteArray>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
 #include <QtCore/QVariant>
+#include <QtCore/QVector>
 #include <QtDBus/QDBusConnection>
 #include <QtDBus/QDBusInterface>
+#include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusPendingCallWatcher>
 #include <QtDBus/QDBusServiceWatcher>
 
-/**
- * Something on the heap that uses the toolkit. A host may own a client in a static object, which outlives the toolkit's
- * own static objects; what is left of these objects at the end of the process is deleted before that.
- */
-class ToolkitUser
-{
-    Q_DISABLE_COPY(ToolkitUser)
+#include <utility>
 
-public:
-    virtual ~ToolkitUser();
+/** Calls @p method of @p object and waits for the answer. */
+QDBusMessage callMethod(const QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
 
-protected:
-    ToolkitUser() = default;
-    /** To be called at the end of construction. */
-    void enlist();
-
-private:
-    ToolkitUser *m_next = nullptr;
-    /** What points to this object. */
-    ToolkitUser **m_link = nullptr;
-};
+/** Calls @p method of @p object; to be given to a watcher at once. */
+QDBusPendingCall startCall(const QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
 
 /** Outlives the watcher that it is a base of; see PendingCallWatcher. */
 struct ConnectionReference
@@ -38,20 +28,62 @@ struct ConnectionReference
 };
 
 /**
- * Watches one call.
+ * Watches one call, and completes it once.
  *
  * A connection that closes frees its pending calls while their watchers still point at them, so each watcher keeps its
  * own reference to the connection. It is the first base because it has to be released after the other base's pending
  * call.
  */
-class PendingCallWatcher : private ConnectionReference, public QDBusPendingCallWatcher, private ToolkitUser
+class PendingCallWatcher : private ConnectionReference, public QDBusPendingCallWatcher, private BusUser
 {
 public:
+    /** Whether the call had ended before it was watched; signals that came after the answer may come before it then. */
+    bool mayBeOvertaken() const
+    {
+        return m_mayBeOvertaken;
+    }
+
+protected:
     PendingCallWatcher(const QDBusConnection &bus, const QDBusPendingCall &call, QObject *parent);
+
+private:
+    /** Called once, after the watcher's deletion has been scheduled; may delete the parent, and the watcher with it. */
+    virtual void complete() = 0;
+    void handleFinished();
+
+    const bool m_mayBeOvertaken;
+    bool m_isComplete = false;
 };
 
+/**
+ * Has @p completion called once with the watcher when @p call has ended, from the event loop; not any more when
+ * @p parent is gone.
+ */
+template <typename Completion>
+void watchCall(const QDBusConnection &bus, const QDBusPendingCall &call, QObject *parent, Completion completion)
+{
+    class Watcher : public PendingCallWatcher
+    {
+    public:
+        Watcher(const QDBusConnection &bus, const QDBusPendingCall &call, QObject *parent, Completion completion)
+            : PendingCallWatcher(bus, call, parent)
+            , m_completion(std::move(completion))
+        {
+        }
+
+    private:
+        void complete() override
+        {
+            m_completion(this);
+        }
+
+        Completion m_completion;
+    };
+    new Watcher(bus, call, parent, std::move(completion));
+}
+
 /** A peer-to-peer connection to the daemon. Constructing it ends the process when the socket cannot be reached. */
-class AuthdConnection : public QObject, private ToolkitUser
+class AuthdConnection : public QObject, private BusUser
 {
     Q_OBJECT
 
@@ -61,10 +93,11 @@ public:
     ~AuthdConnection() override;
 
     /**
-     * Why the connection cannot carry @p parameters: the path and type of the first value that is to blame, never a
-     * value. Empty when it can. The toolkit ends the process, or loses the connection, over a map that does not pass.
+     * Subscribes @p slot of @p receiver (as written by SLOT(), or by SIGNAL() for a relay) to a signal of @p object, one
+     * of the two interfaces, until this object goes. Calls under way, and other clients, keep a replaced connection
+     * open: its signals end all the same, with those that wait to be delivered.
      */
-    QString unsendableReason(const QVariantMap &parameters) const;
+    void subscribe(QObject *receiver, const QDBusInterface &object, const QString &signal, const char *slot);
 
     /** Whether a challenge was cached when the daemon left. */
     bool challengeWasHeld = false;
@@ -72,6 +105,16 @@ public:
     QDBusConnection connection;
     QDBusInterface authInterface;
     QDBusInterface settingsInterface;
+
+private:
+    struct Subscription
+    {
+        QObject *receiver;
+        const QDBusInterface *object;
+        QString signal;
+        const char *slot;
+    };
+    QVector<Subscription> m_subscriptions;
 };
 
 /** Fetches and caches the daemon's challenge, and replaces the connection when another daemon instance takes over. */

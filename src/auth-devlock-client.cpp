@@ -68,20 +68,14 @@ void AuthDevlockClientPrivate::setupConnection()
 
 void AuthDevlockClientPrivate::getState()
 {
-    auto *call = new PendingCallWatcher(connection, devlockInterface.asyncCall(Authd::Method::GetState), this);
-    // The toolkit delivers an answer that came before its watcher was made behind the signals that came after it.
-    const bool mayBeOvertaken = call->isFinished();
-    connect(call, &QDBusPendingCallWatcher::finished, this, [this, mayBeOvertaken](QDBusPendingCallWatcher *finished) {
-        finished->deleteLater();
-        const QDBusPendingReply<int> reply = *finished;
+    watchCall(connection, startCall(devlockInterface, Authd::Method::GetState), this, [this](PendingCallWatcher *call) {
+        const QDBusPendingReply<int> reply = *call;
         if (reply.isError()) {
             qWarning() << "failed:" << reply.error().message();
             handleStateChanged(AuthDevlockClient::Undefined);
-            return;
+        } else if (!call->mayBeOvertaken() || !m_told) {
+            handleStateChanged(reply.value());
         }
-        if (mayBeOvertaken && m_told)
-            return;
-        handleStateChanged(reply.value());
     });
 }
 
@@ -109,5 +103,5 @@ void AuthDevlockClientPrivate::handleBusLost()
 
 void AuthDevlockClientPrivate::setStateInternal(AuthDevlockClient::LockState newState)
 {
-    devlockInterface.call(QDBus::Block, Authd::Method::SetState, int(newState));
+    callMethod(devlockInterface, Authd::Method::SetState, {int(newState)});
 }

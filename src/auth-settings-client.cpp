@@ -3,7 +3,6 @@
 #include "auth-settings-client_p.h"
 #include "authd/options.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
 #include <QtCore/QMap>
 #include <QtCore/QPointer>
@@ -26,11 +25,6 @@ enum Role : int {
     IsUnlockRole,
 };
 
-// clang-format off
-const char *const OptionChangedSlot = SLOT(handleOptionChanged(QString,QDBusVariant));
-const char *const UserOptionChangedSlot = SLOT(handleUserOptionChanged(uint,QString,QDBusVariant));
-// clang-format on
-
 /** Sees the factors that are not chosen even where the user may not set them. */
 constexpr uid_t AllSeeingUser = 100000;
 
@@ -47,11 +41,6 @@ QString workerKey(const QString &name)
 QString serviceFactorsKey(const QString &service)
 {
     return Authd::Option::ServiceFactors + QLatin1Char('/') + service;
-}
-
-void unsubscribe(QDBusConnection bus, QObject *receiver, const QString &signal, const char *slot)
-{
-    bus.disconnect(QString(), Authd::SettingsPath, Authd::SettingsInterface, signal, receiver, slot);
 }
 
 const AuthSettingsClientPrivate *clientOf(const FactorListModel *model)
@@ -217,22 +206,19 @@ AuthSettingsClient *AuthSettingsClientPrivate::publicObject() const
 
 void AuthSettingsClientPrivate::setupConnection()
 {
-    const QDBusConnection bus = challengeHolder.connection->connection;
-    Authd::connectToSettingsSignal(this, bus, Authd::Signal::OptionChanged, OptionChangedSlot);
-    Authd::connectToSettingsSignal(this, bus, Authd::Signal::UserOptionChanged, UserOptionChangedSlot);
-
-    // As in the base.
-    connect(challengeHolder.connection, &QObject::destroyed, this, [this, bus] {
-        unsubscribe(bus, this, Authd::Signal::OptionChanged, OptionChangedSlot);
-        unsubscribe(bus, this, Authd::Signal::UserOptionChanged, UserOptionChangedSlot);
-        QCoreApplication::removePostedEvents(this, QEvent::MetaCall);
-    });
+    AuthdConnection *link = challengeHolder.connection;
+    const QDBusInterface &settings = link->settingsInterface;
+    // clang-format off
+    link->subscribe(this, settings, Authd::Signal::OptionChanged, SLOT(handleOptionChanged(QString,QDBusVariant)));
+    link->subscribe(this, settings, Authd::Signal::UserOptionChanged,
+                    SLOT(handleUserOptionChanged(uint,QString,QDBusVariant)));
+    // clang-format on
 }
 
 QVariant AuthSettingsClientPrivate::getOption(const QString &key)
 {
     const QDBusReply<QDBusVariant> reply =
-        challengeHolder.connection->settingsInterface.call(QDBus::Block, Authd::Method::GetOption, key);
+        callMethod(challengeHolder.connection->settingsInterface, Authd::Method::GetOption, {key});
     if (!reply.isValid()) {
         qWarning() << "getOption failed:" << reply.error().message();
         return false;
@@ -245,7 +231,7 @@ QVariant AuthSettingsClientPrivate::getUserOption(uint uid, const QString &key)
     if (isNoUser(uid))
         return QVariant();
     const QDBusReply<QDBusVariant> reply =
-        challengeHolder.connection->settingsInterface.call(QDBus::Block, Authd::Method::GetUserOption, uid, key);
+        callMethod(challengeHolder.connection->settingsInterface, Authd::Method::GetUserOption, {uid, key});
     if (!reply.isValid()) {
         qWarning() << "getUserOption failed:" << reply.error().message();
         return QVariant();
@@ -260,8 +246,8 @@ QVariantMap AuthSettingsClientPrivate::getUserOptions(uint uid, const QStringLis
     QStringList workerKeys;
     for (const QString &key : keys)
         workerKeys.append(workerKey(key));
-    const QDBusReply<QVariantMap> reply = challengeHolder.connection->settingsInterface.call(
-        QDBus::Block, Authd::Method::GetUserOptions, uid, workerKeys);
+    const QDBusReply<QVariantMap> reply =
+        callMethod(challengeHolder.connection->settingsInterface, Authd::Method::GetUserOptions, {uid, workerKeys});
     if (!reply.isValid()) {
         qWarning() << "getUserOptions failed:" << reply.error().message();
         return QVariantMap();
@@ -272,8 +258,8 @@ QVariantMap AuthSettingsClientPrivate::getUserOptions(uint uid, const QStringLis
 bool AuthSettingsClientPrivate::setUserOption(uint uid, const QString &key, const QVariant &value)
 {
     // Not a QDBusReply, which would make an error of an answer of another type.
-    const QDBusMessage reply = challengeHolder.connection->settingsInterface.call(
-        QDBus::Block, Authd::Method::SetUserOption, uid, m_authToken, key, QVariant::fromValue(QDBusVariant(value)));
+    const QDBusMessage reply = callMethod(challengeHolder.connection->settingsInterface, Authd::Method::SetUserOption,
+                                          {uid, m_authToken, key, QVariant::fromValue(QDBusVariant(value))});
     if (reply.type() == QDBusMessage::ErrorMessage) {
         qWarning() << "setUserOption failed:" << reply.errorMessage();
         return false;

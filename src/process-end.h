@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QtCore/qglobal.h>
+
+/**
+ * Something on the heap that uses Qt D-Bus. A host may own a client in a static object, which outlives the static objects
+ * of Qt D-Bus; what is left of these objects at the end of the process is deleted before that.
+ */
+class BusUser
+{
+    Q_DISABLE_COPY(BusUser)
+
+public:
+    virtual ~BusUser();
+
+protected:
+    BusUser() = default;
+    /** To be called at the end of construction. */
+    void enlist();
+
+private:
+    BusUser *m_next = nullptr;
+    /** What points to this object. */
+    BusUser **m_link = nullptr;
+};
