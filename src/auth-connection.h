@@ -74,7 +74,9 @@ void watchCall(const QDBusConnection &bus, const QDBusPendingCall &call, QObject
     private:
         void complete() override
         {
-            m_completion(this);
+            // The watcher may be deleted meanwhile.
+            const Completion completion = std::move(m_completion);
+            completion(this);
         }
 
         Completion m_completion;
