@@ -380,6 +380,8 @@ void Service::reply(const Call &call, const Outcome &outcome)
     } else {
         message = adopt(g_dbus_message_new_method_error_literal(call.message.get(), outcome.errorName.c_str(),
                                                                 outcome.errorMessage.c_str()));
+        if (outcome.errorMessage.empty())
+            g_dbus_message_set_body(message.get(), nullptr);
     }
     instance->send(call.peer, message);
 }

@@ -23,6 +23,7 @@ private Q_SLOTS:
     void daemonReturnsWithoutItsSocket();
     void daemonHandsOverWithoutASocket_data();
     void daemonHandsOverWithoutASocket();
+    void noMessageIsLogged();
 
     void processEnds_data();
     void processEnds();
@@ -185,6 +186,18 @@ void TestExit::daemonHandsOverWithoutASocket()
     daemon.request(R"({"do":"release-name"})");
     daemon.request(R"({"do":"own-name"})");
     checkEnd(host, 1, noSocket);
+}
+
+// Tokens and challenges are in the messages.
+void TestExit::noMessageIsLogged()
+{
+    qputenv("QDBUS_DEBUG", "1");
+    QProcess host;
+    start(host, testHost, {"app"_s, "client"_s, "stack"_s, "flight"_s, "return"_s});
+    qunsetenv("QDBUS_DEBUG");
+    checkEnd(host, 0);
+    QVERIFY(said.contains("connected to"_s));
+    QVERIFY2(!said.contains("QDBus"_s), qPrintable(said));
 }
 
 void TestExit::processEnds_data()
