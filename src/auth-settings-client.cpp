@@ -408,7 +408,13 @@ void AuthSettingsClientPrivate::setIsMultiFactorable(bool value)
 
 bool AuthSettingsClientPrivate::factorIsChosen(const QString &service, const QString &name) const
 {
-    return m_serviceFactors.value(service).contains(name);
+    const auto chosen = m_serviceFactors.constFind(service);
+    return chosen != m_serviceFactors.constEnd() && m_chosenLookups[service].contains(*chosen, name);
+}
+
+bool AuthSettingsClientPrivate::factorIsDisabled(const QString &name) const
+{
+    return m_disabledLookup.contains(m_disabledFactors, name);
 }
 
 void AuthSettingsClientPrivate::getAvailableServiceFactors()
@@ -420,7 +426,7 @@ void AuthSettingsClientPrivate::getAvailableServiceFactors()
             const QString title = qtTrId((Authd::FactorPrefix + name).toLatin1().constData());
             const bool chosen = factorIsChosen(service, name);
             m_factorIndexes[name].append(m_factors.size());
-            m_factors.append({service, name, title, chosen, chosen, m_disabledFactors.contains(name)});
+            m_factors.append({service, name, title, chosen, chosen, factorIsDisabled(name)});
         }
     }
     getPublicFactors();
@@ -435,7 +441,7 @@ void AuthSettingsClientPrivate::getPublicFactors()
     m_rows.clear();
     m_rowByName.clear();
     m_enabledLoginFactors = 0;
-    QSet<QString> seen;
+    const bool seesAll = m_isUserSettable || getuid() == AllSeeingUser;
     const auto show = [this](int index) {
         m_rowByName.insert(m_factors.at(index).name, m_rows.size());
         m_rows.append(index);
@@ -447,14 +453,15 @@ void AuthSettingsClientPrivate::getPublicFactors()
             continue;
         if (factor.enabled)
             ++m_enabledLoginFactors;
-        else if (!m_isUserSettable && getuid() != AllSeeingUser)
+        else if (!seesAll)
             continue;
-        seen.insert(factor.name);
         show(i);
     }
+    const int loginRows = m_rows.size();
     for (int i = 0; i < m_factors.size(); ++i) {
         const Factor &factor = m_factors.at(i);
-        if (factor.type != Authd::Value::Login && factor.enabled && !seen.contains(factor.name))
+        if (factor.type != Authd::Value::Login && factor.enabled
+            && m_rowByName.value(factor.name, loginRows) >= loginRows)
             show(i);
     }
 
@@ -467,6 +474,7 @@ void AuthSettingsClientPrivate::getPublicFactors()
 void AuthSettingsClientPrivate::updateChosenFactors()
 {
     const QPointer<AuthSettingsClientPrivate> self(this);
+    const QVector<int> roles{EnabledRole};
     bool disabledChanged = false;
     for (int i = 0; i < m_factors.size(); ++i) {
         Factor &factor = m_factors[i];
@@ -482,7 +490,7 @@ void AuthSettingsClientPrivate::updateChosenFactors()
             if (!self)
                 return;
         }
-        const bool disabled = m_disabledFactors.contains(factor.name);
+        const bool disabled = factorIsDisabled(factor.name);
         if (disabled != factor.disabled) {
             factor.disabled = disabled;
             disabledChanged = true;
@@ -490,7 +498,7 @@ void AuthSettingsClientPrivate::updateChosenFactors()
         const auto row = m_rowByName.constFind(factor.name);
         if (chosenChanged && row != m_rowByName.constEnd()) {
             const QModelIndex index = m_model.index(*row);
-            emit m_model.dataChanged(index, index, {EnabledRole});
+            emit m_model.dataChanged(index, index, roles);
             if (!self)
                 return;
         }

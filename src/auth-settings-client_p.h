@@ -5,9 +5,29 @@
 #include "factor-list-model.h"
 
 #include <QtCore/QHash>
+#include <QtCore/QSet>
 #include <QtCore/QStringList>
 #include <QtCore/QVector>
 #include <QtDBus/QDBusVariant>
+
+/** Finds names in a list that is asked for one after another, without searching all of it each time. */
+class NameLookup
+{
+public:
+    bool contains(const QStringList &list, const QString &name)
+    {
+        // A list shares its names with the copy until either is changed.
+        if (!m_list.isSharedWith(list)) {
+            m_list = list;
+            m_names = QSet<QString>(list.begin(), list.end());
+        }
+        return m_names.contains(name);
+    }
+
+private:
+    QStringList m_list;
+    QSet<QString> m_names;
+};
 
 class AuthSettingsClientPrivate : public AuthClientPrivate
 {
@@ -75,6 +95,7 @@ public:
 private:
     AuthSettingsClient *publicObject() const;
 
+    bool factorIsDisabled(const QString &name) const;
     void getAvailableServiceFactors();
     void getPublicFactors();
     void updateChosenFactors();
@@ -88,6 +109,9 @@ private:
 
     /** How often a user has been selected. */
     int m_selections = 0;
+    /** For each service of m_serviceFactors. */
+    mutable QHash<QString, NameLookup> m_chosenLookups;
+    mutable NameLookup m_disabledLookup;
 
 private Q_SLOTS:
     void handleOptionChanged(QString key, QDBusVariant value);

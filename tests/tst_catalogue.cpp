@@ -85,6 +85,8 @@ private Q_SLOTS:
     void handlersSeeTheMarksOneByOne();
     void handlersSeeTheDisabledMarkBeforeTheRebuild();
     void resetHandlersSeeTheRowsBeforeAndAfter();
+    void listsThatAHandlerBringsInAreHeededAtOnce_data();
+    void listsThatAHandlerBringsInAreHeededAtOnce();
     void unlockFactorsHandlerSeesTheFormerMarks();
 
     void smartcardSetsTheWarning_data();
@@ -1097,6 +1099,52 @@ void TestCatalogue::resetHandlersSeeTheRowsBeforeAndAfter()
     connect(client->factors(), &FactorListModel::loginFactorsCountChanged, this, look);
     announceDisabled(client.get(), names("b"));
     QCOMPARE(seen, (QStringList{"a chosen, b chosen disabled; several"_s, "a chosen"_s, "a chosen"_s}));
+}
+
+void TestCatalogue::listsThatAHandlerBringsInAreHeededAtOnce_data()
+{
+    QTest::addColumn<bool>("warning");
+    QTest::addColumn<QStringList>("expected");
+    QTest::addColumn<QString>("expectedRows");
+    const auto row = [](const char *name, bool warning, const QStringList &heard, const char *shown) {
+        QTest::newRow(name) << warning << heard << QString::fromLatin1(shown);
+    };
+    row("while a row changes", false,
+        QStringList{enabledChanged(0), enabledChanged(0), enabledChanged(3)} + resetSignals, "a, c, d chosen");
+    const QStringList takenBack{enabledChanged(0), warningChanged, enabledChanged(1), enabledChanged(3)};
+    row("while the warning changes", true,
+        QStringList{enabledChanged(0), warningChanged} + takenBack + resetSignals + QStringList{enabledChanged(1)},
+        "a, smartcard disabled, c, d chosen");
+}
+
+// The handler lets in what the daemon has announced since: the list being marked is another then, and so is the list of
+// disabled factors.
+void TestCatalogue::listsThatAHandlerBringsInAreHeededAtOnce()
+{
+    QFETCH(bool, warning);
+    QFETCH(QStringList, expected);
+    QFETCH(QString, expectedRows);
+    const char *const second = warning ? "smartcard" : "b";
+    offer({{"login"_s, {"a"_s, QString::fromLatin1(second), "c"_s, "d"_s}}});
+    const WatchedClient client = clientOf(1000);
+    SignalRecorder heard(client.get());
+    bool done = false;
+    const auto bringIn = [&] {
+        if (done)
+            return;
+        done = true;
+        announce(1000, "worker/service-factors/login", "['d']");
+        announceDisabled(client.get(), names(second));
+    };
+    if (warning)
+        connect(client.get(), &AuthSettingsClient::userWarningChanged, this, bringIn);
+    else
+        connect(client->factors(), &QAbstractItemModel::dataChanged, this, bringIn);
+    announceChosen(client.get(), "login", {"a"_s, QString::fromLatin1(second), "c"_s});
+    QVERIFY(done);
+    QCOMPARE(heard.list(), expected);
+    QCOMPARE(rows(*client), expectedRows);
+    QVERIFY(!severalCount(client, client->factors()->rowCount() - 1));
 }
 
 void TestCatalogue::unlockFactorsHandlerSeesTheFormerMarks()
