@@ -38,6 +38,12 @@ class AUTH_CLIENT_EXPORT FactorListModel : public QAbstractListModel
     Q_PROPERTY(int loginFactorsCount READ loginFactorsCount NOTIFY loginFactorsCountChanged)
 
 public:
+    /**
+     * Made by AuthSettingsClient with an inner object as its parent. A model with any other parent, be it an
+     * AuthSettingsClient, or with none has no rows.
+     */
+    explicit FactorListModel(QObject *parent);
+
     /** The number of rows, whatever @p parent is: the list is flat. */
     int rowCount(const QModelIndex &parent = QModelIndex()) const override;
 
@@ -55,5 +61,4 @@ Q_SIGNALS:
 
 private:
     friend class AuthSettingsClientPrivate;
-    explicit FactorListModel(QObject *parent);
 };

@@ -43,9 +43,10 @@ QString serviceFactorsKey(const QString &service)
     return Authd::Option::ServiceFactors + QLatin1Char('/') + service;
 }
 
+// Null for a model with another parent, and for one whose parent is past its own destructor.
 const AuthSettingsClientPrivate *clientOf(const FactorListModel *model)
 {
-    return static_cast<const AuthSettingsClientPrivate *>(model->QObject::parent());
+    return qobject_cast<const AuthSettingsClientPrivate *>(model->QObject::parent());
 }
 
 } // namespace
@@ -625,13 +626,14 @@ FactorListModel::FactorListModel(QObject *parent)
 
 int FactorListModel::rowCount(const QModelIndex &) const
 {
-    return clientOf(this)->m_rows.size();
+    const AuthSettingsClientPrivate *client = clientOf(this);
+    return client ? client->m_rows.size() : 0;
 }
 
 QVariant FactorListModel::data(const QModelIndex &index, int role) const
 {
     const AuthSettingsClientPrivate *client = clientOf(this);
-    if (!index.isValid() || index.row() >= client->m_rows.size())
+    if (!client || !index.isValid() || index.row() >= client->m_rows.size())
         return QVariant();
     const AuthSettingsClientPrivate::Factor &factor = client->m_factors.at(client->m_rows.at(index.row()));
     switch (role) {
@@ -661,6 +663,8 @@ QHash<int, QByteArray> FactorListModel::roleNames() const
 int FactorListModel::loginFactorsCount() const
 {
     const AuthSettingsClientPrivate *client = clientOf(this);
+    if (!client)
+        return 0;
     return int(std::count_if(client->m_rows.begin(), client->m_rows.end(),
                              [client](int index) { return client->m_factors.at(index).type == Authd::Value::Login; }));
 }

@@ -78,11 +78,12 @@ public:
     QHash<QString, QStringList> m_serviceFactors;
     QStringList m_disabledFactors;
     QVector<Factor> m_factors;
-    FactorListModel m_model;
     /** The factor that each row of the model shows. */
     QVector<int> m_rows;
     QHash<QString, QList<int>> m_factorIndexes;
     QHash<QString, int> m_rowByName;
+    /** Declared after what it shows, which so outlives it. */
+    FactorListModel m_model;
     bool m_showNotifications = false;
     bool m_isMultiFactorable = false;
     /** Until a user is selected, every login factor is shown. */

@@ -1,5 +1,6 @@
 #include "settings-test-case.h"
 
+#include <QtCore/QPointer>
 #include <QtCore/QTranslator>
 
 #include <sys/syscall.h>
@@ -122,6 +123,11 @@ private Q_SLOTS:
     void modelGivesNothingForOtherIndexes();
     void modelGivesNothingForARowThatIsGone();
     void modelCountsItsRowsWhateverTheParent();
+    void modelOfAnotherParentHasNoRows_data();
+    void modelOfAnotherParentHasNoRows();
+    void modelLosesItsRowsWithItsParent();
+    void anotherModelOfTheSameParentHasTheSameRows();
+    void rowsAreThereUntilTheirModelIsGone();
     void loginFactorsCountIsThatOfTheLoginRows();
     void loginFactorsCountIsToldThoughItIsTheSame();
     void loginFactorsCountIsReadWhenItIsTold();
@@ -1579,6 +1585,103 @@ void TestCatalogue::modelCountsItsRowsWhateverTheParent()
     const FactorListModel *model = client.factors();
     QCOMPARE(model->rowCount(), 5);
     QCOMPARE(model->rowCount(model->index(2)), 5);
+}
+
+namespace {
+// What a model shows that has no rows, asked also for a row of the model of a client.
+void checkEmpty(const FactorListModel &model, const QModelIndex &other)
+{
+    QCOMPARE(model.rowCount(), 0);
+    QCOMPARE(model.rowCount(other), 0);
+    QCOMPARE(model.loginFactorsCount(), 0);
+    QCOMPARE(model.property("loginFactorsCount"), QVariant(0));
+    QVERIFY(!model.index(0).isValid());
+    for (int role = 256; role <= 260; ++role) {
+        QVERIFY(!model.data(QModelIndex(), role).isValid());
+        QVERIFY(!model.data(other, role).isValid());
+    }
+    QCOMPARE(model.roleNames().size(), 5);
+}
+} // namespace
+
+void TestCatalogue::modelOfAnotherParentHasNoRows_data()
+{
+    QTest::addColumn<QByteArray>("parent");
+    for (const char *parent : {"none", "object", "settings client", "client", "model"})
+        QTest::newRow(parent) << QByteArray(parent);
+}
+
+void TestCatalogue::modelOfAnotherParentHasNoRows()
+{
+    QFETCH(QByteArray, parent);
+    const WatchedClient client = clientOf(1000);
+    AuthClient other;
+    QObject object;
+    const QHash<QByteArray, QObject *> parents{{"none", nullptr},
+                                               {"object", &object},
+                                               {"settings client", client.get()},
+                                               {"client", &other},
+                                               {"model", client->factors()}};
+    QVERIFY(parents.contains(parent));
+    FactorListModel model(parents.value(parent));
+    const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    QSignalSpy counts(&model, &FactorListModel::loginFactorsCountChanged);
+    QSignalSpy resets(&model, &QAbstractItemModel::modelReset);
+    const QModelIndex row = client->factors()->index(0);
+    QVERIFY(row.isValid());
+    checkEmpty(model, row);
+    announceDisabled(client.get(), names("sudis"));
+    checkEmpty(model, row);
+    QCOMPARE(rows(*client), "code chosen, smartcard, broken, slow"_s);
+    QCOMPARE(counts.size() + resets.size(), 0);
+}
+
+void TestCatalogue::modelLosesItsRowsWithItsParent()
+{
+    const WatchedClient client = clientOf(1000);
+    const QModelIndex row = client->factors()->index(0);
+    FactorListModel model(client->factors()->QObject::parent());
+    QCOMPARE(model.rowCount(), 5);
+    model.setParent(nullptr);
+    checkEmpty(model, row);
+    model.setParent(client.get());
+    checkEmpty(model, row);
+    QCOMPARE(client->factors()->rowCount(), 5);
+}
+
+void TestCatalogue::anotherModelOfTheSameParentHasTheSameRows()
+{
+    const WatchedClient client = clientOf(1000);
+    const FactorListModel model(client->factors()->QObject::parent());
+    QCOMPARE(model.rowCount(), client->factors()->rowCount());
+    QCOMPARE(model.loginFactorsCount(), 5);
+    for (int row = 0; row < 5; ++row) {
+        for (int role = 256; role <= 260; ++role)
+            QCOMPARE(model.data(model.index(row), role), client->factors()->data(client->factors()->index(row), role));
+    }
+}
+
+// A model that is no member of the client is asked at each point of the client's end.
+void TestCatalogue::rowsAreThereUntilTheirModelIsGone()
+{
+    auto client = newClientOf(1000);
+    QObject *const inner = client->factors()->QObject::parent();
+    QPointer<FactorListModel> model = new FactorListModel(inner);
+    const QModelIndex row = model->index(0);
+    QStringList seen;
+    const auto look = [&](const QString &when) {
+        seen.append("%1: %2 rows, %3 of login, the first is %4"_s.arg(when)
+                        .arg(model->rowCount())
+                        .arg(model->loginFactorsCount())
+                        .arg(model->data(row, 256).toString()));
+    };
+    connect(client->factors(), &QObject::destroyed, this, [&] { look("model"_s); });
+    connect(inner, &QObject::destroyed, this, [&] { look("parent"_s); });
+    client.reset();
+    QVERIFY(!model);
+    QCOMPARE(
+        seen,
+        (QStringList{"model: 5 rows, 5 of login, the first is code"_s, "parent: 0 rows, 0 of login, the first is "_s}));
 }
 
 void TestCatalogue::loginFactorsCountIsThatOfTheLoginRows()

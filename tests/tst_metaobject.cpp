@@ -83,8 +83,9 @@ public:
 
 static_assert(std::is_constructible<ExtendedSettings, QObject *, QString>::value, "can be extended");
 static_assert(!std::is_default_constructible<FactorSettingsBase>::value, "a method has to be named");
-static_assert(!std::is_default_constructible<FactorListModel>::value, "is made by the client alone");
-static_assert(!std::is_constructible<FactorListModel, QObject *>::value, "is made by the client alone");
+static_assert(!std::is_default_constructible<FactorListModel>::value, "a parent has to be named");
+static_assert(std::is_constructible<FactorListModel, QObject *>::value, "a parent may be named");
+static_assert(!std::is_convertible<QObject *, FactorListModel>::value, "a parent is no model");
 static_assert(!std::is_default_constructible<AuthSettingsClient>::value, "a parent has to be named");
 static_assert(!std::is_convertible<QObject *, AuthSettingsClient>::value, "a parent is no client");
 static_assert(std::is_default_constructible<AuthSettings>::value, "QML makes it without a parent");
