@@ -60,8 +60,12 @@ private Q_SLOTS:
     void clientIsOwnedByItsParent();
 
     void clientsAreIndependent();
+    void eachClientReadsForItself();
     void clientsShareASocketAndHearTheSameTokens();
+    void clientsHearEachSignalOnceEach();
     void clientGoesOnWhenAnotherOfItsConnectionIsDeleted();
+    void clientWritesWhenAnotherOfItsConnectionIsDeleted_data();
+    void clientWritesWhenAnotherOfItsConnectionIsDeleted();
     void clientAndAuthClientHaveTheirOwnConnections();
 
     void tokenIsTheBases();
@@ -580,6 +584,34 @@ void TestSettings::clientsAreIndependent()
     QCOMPARE(flagSignals(secondSignals).size(), 2);
 }
 
+void TestSettings::eachClientReadsForItself()
+{
+    const auto first = newSettingsClient();
+    daemon.arrangeOption("worker/available-service-factors/login", R"(["sudis","code"])");
+    daemon.arrangeOption("worker/can-switch-to-user", "false");
+    AuthSettingsClient second(nullptr);
+    QCOMPARE(onSocket(daemon.calls()),
+             firstCalls
+                 + (QStringList{getOption("worker/available-service-factors/login"),
+                                getOption("worker/available-service-factors/unlock")}));
+    QCOMPARE(rowNames(second), (QStringList{"sudis"_s, "code"_s}));
+    QVERIFY(!second.canSwitchToUser());
+    QCOMPARE(rowNames(*first).size(), 5);
+    QVERIFY(first->canSwitchToUser());
+
+    first->setUid(1000);
+    QVERIFY(!second.hasEnabledFactor("code"_s));
+    daemon.clearCalls();
+    second.setUid(1000);
+    QCOMPARE(onSocket(daemon.calls()).size(), 2);
+    QVERIFY(second.hasEnabledFactor("code"_s));
+    // The wishes are each one's own.
+    daemon.answer("SetUserOption", "(false,)");
+    second.triggerFactor(0);
+    QVERIFY(second.hasChosenFactor("sudis"_s));
+    QVERIFY(!first->hasChosenFactor("sudis"_s));
+}
+
 void TestSettings::clientsShareASocketAndHearTheSameTokens()
 {
     const auto first = newSettingsClient();
@@ -592,6 +624,37 @@ void TestSettings::clientsShareASocketAndHearTheSameTokens()
     first->dropAuthentication();
     QCOMPARE(first->token(), QByteArray());
     QCOMPARE(second->token(), token);
+}
+
+void TestSettings::clientsHearEachSignalOnceEach()
+{
+    const auto first = newClientOf(1000);
+    const auto second = newClientOf(1000);
+    QCOMPARE(daemon.peerCount(), 1);
+    const SignalRecorder firstSignals(first.get());
+    const SignalRecorder secondSignals(second.get());
+    daemon.emitSignal("OptionChanged", "('worker/can-switch-to-user', <true>)");
+    announce(1000, "worker/service-factors/unlock", "['code']");
+    announce(1000, "devlock/show-notifications", "false");
+    daemon.emitSignal("AuthDataChanged", "()");
+    daemon.emitSignal("ChangeAuthDataFailed", "()");
+    daemon.emitSignal("UnlockIfNeededFinished", "(true,)");
+    daemon.emitSignal("Factor", "('code', @a{sv} {})");
+    daemon.emitSignal("Authenticated", '(' + bytes(token) + ",)");
+    drain(first.get());
+    drain(second.get());
+    const QStringList expected{"canSwitchToUserChanged()"_s,
+                               "unlockFactorsChanged()"_s,
+                               "userWarningChanged()"_s,
+                               enabledChanged(1),
+                               "showNotificationsChanged()"_s,
+                               "authDataChanged()"_s,
+                               "changeAuthDataFailed()"_s,
+                               "unlockIfNeededFinished(true)"_s,
+                               "factorSignal(code, %1)"_s.arg(written(QVariantMap())),
+                               "authenticatedChanged(%1)"_s.arg(QLatin1String(token.toHex()))};
+    QCOMPARE(firstSignals.list(), expected);
+    QCOMPARE(secondSignals.list(), expected);
 }
 
 void TestSettings::clientGoesOnWhenAnotherOfItsConnectionIsDeleted()
@@ -612,6 +675,42 @@ void TestSettings::clientGoesOnWhenAnotherOfItsConnectionIsDeleted()
     // The connection's name is free.
     const auto third = newSettingsClient();
     QCOMPARE(daemon.peerCount(), 2);
+}
+
+void TestSettings::clientWritesWhenAnotherOfItsConnectionIsDeleted_data()
+{
+    QTest::addColumn<int>("deleted");
+    QTest::newRow("who opened it") << 0;
+    QTest::newRow("who found it open") << 1;
+}
+
+void TestSettings::clientWritesWhenAnotherOfItsConnectionIsDeleted()
+{
+    QFETCH(int, deleted);
+    std::unique_ptr<AuthSettingsClient> clients[] = {newClientOf(1000), newClientOf(1000)};
+    clients[deleted].reset();
+    AuthSettingsClient *const left = clients[1 - deleted].get();
+    // It has a socket of its own.
+    const auto third = newClientOf(1000);
+    QCOMPARE(daemon.peerCount(), 2);
+    authenticate(left);
+    drain(third.get());
+    QCOMPARE(third->token(), QByteArray());
+
+    SignalRecorder heard(left);
+    left->setShowNotifications(false);
+    left->triggerUnlockFactor("code"_s);
+    QCOMPARE(daemon.option("devlock/show-notifications", 1000), "false"_s);
+    QCOMPARE(daemon.option("worker/service-factors/unlock", 1000), "['smartcard']"_s);
+    for (AuthSettingsClient *client : {left, third.get()}) {
+        drain(client);
+        QVERIFY(!client->showNotifications());
+        QCOMPARE(client->unlockFactors(), QStringList{"smartcard"_s});
+    }
+    QCOMPARE(heard.list().count("showNotificationsChanged()"_s), 1);
+    QCOMPARE(heard.list().count("unlockFactorsChanged()"_s), 1);
+    third->setShowNotifications(true);
+    QCOMPARE(log->takeComplaints().size(), 1);
 }
 
 void TestSettings::clientAndAuthClientHaveTheirOwnConnections()

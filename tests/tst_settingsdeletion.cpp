@@ -42,6 +42,7 @@ private Q_SLOTS:
 
     // From here on there is the one object of the process, which stays.
     void besideTheOneObject();
+    void tokenOfTheOneObjectIsItsOwn();
     void authSettingsInsideItsSignals_data();
     void authSettingsInsideItsSignals();
     void authSettingsWithItsParent();
@@ -491,6 +492,30 @@ void TestSettingsDeletion::besideTheOneObject()
     drain(one);
     QCOMPARE(heard.take(), QStringList{"canSwitchToUserChanged()"_s});
     QCOMPARE(one->lastLoginDate(1000), "2026-11-20 08:15"_s);
+    checkQuiet();
+}
+
+// Which the other has heard too, and gives up and takes along.
+void TestSettingsDeletion::tokenOfTheOneObjectIsItsOwn()
+{
+    AuthSettingsClient *const one = AuthSettingsClient::get();
+    auto client = newClientOf(1001);
+    one->setUid(1000);
+    authenticate(one);
+    drain(client.get());
+    const QByteArray token = one->token();
+    QCOMPARE(client->token(), token);
+    client->dropAuthentication();
+    QCOMPARE(one->token(), token);
+    client.reset();
+    QCOMPARE(one->token(), token);
+    one->setShowNotifications(false);
+    QCOMPARE(daemon.option("devlock/show-notifications", 1000), "false"_s);
+    SignalRecorder heard(one);
+    announce(one, "worker/is-multi-factorable", "false");
+    QCOMPARE(heard.list().count("isMultiFactorableChanged()"_s), 1);
+    one->setUid(0);
+    one->dropAuthentication();
     checkQuiet();
 }
 
