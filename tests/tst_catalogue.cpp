@@ -34,6 +34,7 @@ private Q_SLOTS:
     void offerIsTheOptionAsAListOfStrings();
     void nothingIsMarkedAtTheStart();
     void nameOfferedTwiceHasTwoRows();
+    void nameOfferedTwiceCountsTwice();
     void serviceNamedTwiceIsOfferedTwice();
     void nameOfTwoServicesHasTheLoginRow();
     void otherServicesAreShownOnceChosen();
@@ -74,6 +75,8 @@ private Q_SLOTS:
     void markOfAnUnlockFactorIsAnnouncedOnTheRowOfItsName();
     void markWithoutARowIsNotAnnounced();
     void marksOfANameOfferedTwiceAreAnnouncedOnItsLastRow();
+    void unlockNameOfferedTwiceHasItsLastRow();
+    void loginNameOfferedTwiceHasItsLastRowForUnlockToo();
     void marksOfNamesakesOfOtherServicesAreAnnouncedOnTheLastRow();
     void chosenNamesAreCaseSensitive();
     void unofferedNamesMarkNothing();
@@ -471,6 +474,28 @@ void TestCatalogue::nameOfferedTwiceHasTwoRows()
     QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
     QCOMPARE(client->factors()->loginFactorsCount(), 3);
     QVERIFY(severalCount(client, 0));
+}
+
+void TestCatalogue::nameOfferedTwiceCountsTwice()
+{
+    offer({{"login"_s, names("a b a c")}});
+    const WatchedClient client = clientOf(1000);
+    announceChosen(client.get(), "login", names("a"));
+    QVERIFY(severalCount(client, 0));
+    QVERIFY(severalCount(client, 2));
+    announceChosen(client.get(), "login", names("b"));
+    QVERIFY(!severalCount(client, 1));
+    // The rebuild counts the same.
+    announceChosen(client.get(), "login", names("a a"));
+    announceDisabled(client.get(), names("c"));
+    QVERIFY(severalCount(client, 0));
+    announceDisabled(client.get(), names("a"));
+    QCOMPARE(rows(*client), "b, c"_s);
+    QVERIFY(client->hasEnabledFactor("a"_s));
+    QVERIFY(!client->hasFactor("a"_s));
+    QVERIFY(!client->hasChosenFactor("a"_s));
+    announceChosen(client.get(), "login", names("b"));
+    QVERIFY(!severalCount(client, 0));
 }
 
 void TestCatalogue::serviceNamedTwiceIsOfferedTwice()
@@ -945,6 +970,45 @@ void TestCatalogue::marksOfANameOfferedTwiceAreAnnouncedOnItsLastRow()
     announceChosen(client.get(), "login", names("a"));
     QCOMPARE(heard.list(), (QStringList{enabledChanged(2), enabledChanged(2)}));
     QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
+}
+
+void TestCatalogue::unlockNameOfferedTwiceHasItsLastRow()
+{
+    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b c b")}});
+    choose("unlock", names("b c"));
+    disable(names("x"));
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a, b chosen unlock, c chosen unlock, b chosen unlock"_s);
+    QCOMPARE(client->factors()->loginFactorsCount(), 1);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", names("c"));
+    QCOMPARE(heard.take(), (QStringList{unlockFactorsChanged, enabledChanged(3), enabledChanged(3)}));
+    QCOMPARE(rows(*client), "a, b unlock, c chosen unlock, b unlock"_s);
+    announceChosen(client.get(), "unlock", names("b b"));
+    QCOMPARE(heard.take(),
+             (QStringList{unlockFactorsChanged, enabledChanged(3), enabledChanged(2), enabledChanged(3)}));
+}
+
+void TestCatalogue::loginNameOfferedTwiceHasItsLastRowForUnlockToo()
+{
+    offer({{"login"_s, names("a smartcard b a smartcard")}, {"unlock"_s, names("a smartcard a")}});
+    const WatchedClient client = clientOf(1000);
+    QCOMPARE(rows(*client), "a, smartcard, b, a, smartcard"_s);
+    SignalRecorder heard(client.get());
+    announceChosen(client.get(), "unlock", names("smartcard a"));
+    QCOMPARE(
+        heard.take(),
+        (QStringList{unlockFactorsChanged, enabledChanged(3), warningChanged, enabledChanged(4), enabledChanged(3)}));
+    // A row shows its own factor.
+    QCOMPARE(rows(*client), "a, smartcard, b, a, smartcard"_s);
+    announceChosen(client.get(), "login", names("smartcard"));
+    QCOMPARE(heard.take(), (QStringList{enabledChanged(4), enabledChanged(4)}));
+    QCOMPARE(rows(*client), "a, smartcard chosen, b, a, smartcard chosen"_s);
+    announceDisabled(client.get(), names("a smartcard"));
+    QCOMPARE(rows(*client),
+             "smartcard chosen disabled, b, smartcard chosen disabled, a chosen disabled unlock, "
+             "a chosen disabled unlock"_s);
+    QCOMPARE(heard.take(), resetSignals);
 }
 
 void TestCatalogue::marksOfNamesakesOfOtherServicesAreAnnouncedOnTheLastRow()

@@ -32,6 +32,7 @@ private Q_SLOTS:
     void singleModeKeepsWhatHasNoRow();
     void singleModeKeepsTheUnlockFactorOfTheSameName();
     void singleModeKeepsNamesakesAsTheyAre();
+    void singleModeKeepsTheWishesForNamesakes();
     void severalModeChoosesInAddition();
     void severalModeUnchoosesOne();
     void severalModeKeepsUnlockRows();
@@ -75,6 +76,7 @@ private Q_SLOTS:
     void unlockFactorIsUnchosenBesideOthers();
     void sudisIsChosenAlone();
     void sudisIsChosenWhereNoneIs();
+    void sudisTakesAwayWhatIsOnlyWantedWithWhatIsChosen();
     void sudisIsUnchosenBesideOthers();
     void othersAreChosenBesideSudis();
     void onlySudisHasNoOtherLetters();
@@ -84,6 +86,7 @@ private Q_SLOTS:
     void unknownNameWritesTheChoiceAsItIs_data();
     void unknownNameWritesTheChoiceAsItIs();
     void unlockFactorOfferedTwiceIsToggledTwice();
+    void loginFactorOfferedTwiceIsToggledRowByRow();
     void lastNamesakeDecides_data();
     void lastNamesakeDecides();
     void unlockFactorsNeedNoRow();
@@ -384,6 +387,24 @@ void TestFactorChoice::singleModeKeepsNamesakesAsTheyAre()
     QCOMPARE(takeCalls(), writes("a a", ""));
     client->triggerFactor(1);
     QCOMPARE(takeCalls(), writes("b", ""));
+}
+
+void TestFactorChoice::singleModeKeepsTheWishesForNamesakes()
+{
+    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("a b d")}});
+    choose("unlock", names("b d"));
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerUnlockFactor("a"_s);
+    client->triggerUnlockFactor("b"_s);
+    QCOMPARE(takeCalls(), writes("", "a b d") + writes("", "a d"));
+    // The one is wanted and not chosen, the other is chosen and not wanted.
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a", "a d"));
+    client->triggerFactor(1);
+    QCOMPARE(takeCalls(), writes("b", "a d"));
+    client->triggerFactor(2);
+    QCOMPARE(takeCalls(), writes("c", "a d"));
 }
 
 void TestFactorChoice::severalModeChoosesInAddition()
@@ -932,6 +953,22 @@ void TestFactorChoice::sudisIsChosenWhereNoneIs()
     QCOMPARE(daemon.calls(), writes("", "sudis"));
 }
 
+void TestFactorChoice::sudisTakesAwayWhatIsOnlyWantedWithWhatIsChosen()
+{
+    offer({{"login"_s, names("a")}, {"unlock"_s, names("code smartcard sudis broken")}});
+    choose("unlock", names("code"));
+    const WatchedClient client = clientOf(1000);
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerUnlockFactor("broken"_s);
+    QCOMPARE(takeCalls(), writes("", "code broken"));
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(takeCalls(), writes("", "sudis"));
+    // Chosen by the daemon, it is still another, though it is not wanted.
+    client->triggerUnlockFactor("broken"_s);
+    client->triggerUnlockFactor("sudis"_s);
+    QCOMPARE(takeCalls(), writes("", "sudis broken") + writes("", "sudis"));
+}
+
 void TestFactorChoice::sudisIsUnchosenBesideOthers()
 {
     offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis smartcard broken")}});
@@ -1031,6 +1068,28 @@ void TestFactorChoice::unlockFactorOfferedTwiceIsToggledTwice()
     announceChosen(client.get(), "unlock", names("b"));
     client->triggerUnlockFactor("b"_s);
     QCOMPARE(takeCalls(), writes("", "c"));
+}
+
+void TestFactorChoice::loginFactorOfferedTwiceIsToggledRowByRow()
+{
+    offer({{"login"_s, names("a b a")}, {"unlock"_s, names("a a")}});
+    choose("login", names("a"));
+    choose("unlock", names("a"));
+    const WatchedClient client = clientOf(1000);
+    // Both rows count, so that neither is the only one.
+    QVERIFY(client->canTriggerFactor(0));
+    QVERIFY(client->canTriggerFactor(2));
+    daemon.answer("SetUserOption", "(false,)");
+    client->triggerFactor(0);
+    QCOMPARE(takeCalls(), writes("a", "a a"));
+    QCOMPARE(wishes(*client, "a b"), "a"_s);
+    client->triggerFactor(2);
+    QCOMPARE(takeCalls(), writes("", "a a"));
+    QCOMPARE(wishes(*client, "a b"), QString());
+    // The daemon says nothing new of them, and knows one name where there are two rows.
+    announceChosen(client.get(), "login", names("a"));
+    client->triggerFactor(1);
+    QCOMPARE(takeCalls(), writes("b", "a a"));
 }
 
 void TestFactorChoice::lastNamesakeDecides_data()
