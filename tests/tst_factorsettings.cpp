@@ -789,14 +789,34 @@ void TestFactorSettings::noticeOfAnotherMethodIsIgnored()
 void TestFactorSettings::noticeOfAnotherTypeIsIgnored_data()
 {
     QTest::addColumn<QByteArray>("type");
-    for (const char *type :
-         {"", "'type': <''>, ", "'type': <'action'>, ", "'type': <'get-option'>, ", "'type': <'set-option'>, ",
-          "'type': <'Option-Changed'>, ", "'type': <'option-changed '>, ", "'type': <'option-change'>, ",
-          "'Type': <'option-changed'>, ", "'type': <['option-changed']>, ", "'type': <<'option-changed'>>, ",
-          "'type': <('option-changed',)>, ", "'type': <[<'option-changed'>]>, ", "'type': <true>, ", "'type': <0>, ",
-          "'type': <{'option-changed': <true>}>, ", "'type': <signature 'ay'>, "})
+    for (const char *type : {"",
+                             "'type': <''>, ",
+                             "'type': <'action'>, ",
+                             "'type': <'get-option'>, ",
+                             "'type': <'set-option'>, ",
+                             "'type': <'Option-Changed'>, ",
+                             "'type': <'option-changed '>, ",
+                             "'type': <'option-change'>, ",
+                             "'Type': <'option-changed'>, ",
+                             "'type': <['option-changed']>, ",
+                             "'type': <<'option-changed'>>, ",
+                             "'type': <('option-changed',)>, ",
+                             "'type': <[<'option-changed'>]>, ",
+                             "'type': <true>, ",
+                             "'type': <0>, ",
+                             "'type': <{'option-changed': <true>}>, ",
+                             "'type': <signature 'ay'>, ",
+                             "'type': <1>, ",
+                             "'type': <1.5>, ",
+                             "'type': <byte 0x6f>, ",
+                             "'type': <uint64 1>, ",
+                             "'type': <@as []>, ",
+                             "'type': <@ay []>, ",
+                             "'type': <['option-changed', 'option-changed']>, ",
+                             "'type': <objectpath '/option_changed'>, "})
         QTest::newRow(type) << QByteArray(type);
     QTest::newRow("bytes") << "'type': <" + bytes("option-changed") + ">, ";
+    QTest::newRow("bytes with an end") << QByteArray("'type': <b'option-changed'>, ");
 }
 
 void TestFactorSettings::noticeOfAnotherTypeIsIgnored()
