@@ -149,9 +149,9 @@ void AuthClientPrivate::changeAuthData(const QString &method, const QVariantMap 
 void AuthClientPrivate::startRequest(const QString &call, const QString &subject, const QVariantMap &params,
                                      void (AuthClientPrivate::*finished)(QDBusPendingCallWatcher *))
 {
-    const AuthdConnection *link = challengeHolder.connection;
-    const QDBusConnection bus = link->connection;
-    const QDBusPendingCall pending = startCall(link->authInterface, call, {subject, params});
+    QDBusInterface &main = challengeHolder.connection->authInterface;
+    const QDBusConnection bus = main.connection();
+    const QDBusPendingCall pending = main.asyncCallWithArgumentList(call, {subject, params});
     // A handler may delete the client, and the call is given up then.
     const QPointer<AuthClientPrivate> self(this);
     setProgress(true);
@@ -180,8 +180,8 @@ void AuthClientPrivate::callChangeAuthDataFinished(QDBusPendingCallWatcher *call
 
 void AuthClientPrivate::unlockIfNeeded()
 {
-    const QDBusInterface &main = challengeHolder.connection->authInterface;
-    watchCall(main.connection(), startCall(main, Authd::Method::UnlockIfNeeded), this, [this](QDBusPendingCall *call) {
+    QDBusInterface &main = challengeHolder.connection->authInterface;
+    watchCall(main.connection(), main.asyncCall(Authd::Method::UnlockIfNeeded), this, [this](QDBusPendingCall *call) {
         if (call->isError())
             emit q->unlockIfNeededFinished(false);
     });
@@ -215,12 +215,12 @@ void AuthClientPrivate::dropAuthentication()
 
 void AuthClientPrivate::factorMethod(const QVariantMap &params, const QString &method, ValueCallBack callback)
 {
-    const QDBusInterface &main = challengeHolder.connection->authInterface;
+    QDBusInterface &main = challengeHolder.connection->authInterface;
     const QString problem = unsendableReason(params, main.connection());
     if (problem.isEmpty())
         challengeHolder.get();
     const QDBusPendingCall call = problem.isEmpty()
-        ? startCall(main, Authd::Method::FactorMethod, {m_authToken, method, params})
+        ? main.asyncCallWithArgumentList(Authd::Method::FactorMethod, {m_authToken, method, params})
         : QDBusPendingCall::fromError(QDBusError(QDBusError::InvalidArgs, problem));
     watchCall(main.connection(), call, q, [callback = std::move(callback)](QDBusPendingCall *finished) {
         const QDBusPendingReply<QDBusVariant> reply = *finished;
@@ -233,7 +233,7 @@ void AuthClientPrivate::factorMethod(const QVariantMap &params, const QString &m
 
 QVariant AuthClientPrivate::factorMethodWait(const QVariantMap &params, const QString &method)
 {
-    const QDBusInterface &main = challengeHolder.connection->authInterface;
+    QDBusInterface &main = challengeHolder.connection->authInterface;
     const QString problem = unsendableReason(params, main.connection());
     if (problem.isEmpty())
         challengeHolder.get();

@@ -71,25 +71,15 @@ QDBusConnection connectToPeer(const QString &name)
     return QDBusConnection::connectToPeer(Authd::SocketAddress, name);
 }
 
-// Not by the interfaces themselves: QDBusAbstractInterface of Qt 5.15 adds a value to an empty error reply, which the
-// D-Bus thread may still be reading.
-QDBusMessage methodCall(const QDBusInterface &object, const QString &method, const QVariantList &arguments)
-{
-    QDBusMessage message = QDBusMessage::createMethodCall(object.service(), object.path(), object.interface(), method);
-    message.setArguments(arguments);
-    return message;
-}
-
 } // namespace
 
-QDBusMessage callMethod(const QDBusInterface &object, const QString &method, const QVariantList &arguments)
+// Not QDBusInterface::call(): QDBusAbstractInterface of Qt 5.15 adds a value to an error reply without any, while the D-Bus
+// thread may still be reading the reply.
+QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVariantList &arguments)
 {
-    return object.connection().call(methodCall(object, method, arguments));
-}
-
-QDBusPendingCall startCall(const QDBusInterface &object, const QString &method, const QVariantList &arguments)
-{
-    return object.connection().asyncCall(methodCall(object, method, arguments));
+    QDBusPendingCall call = object.asyncCallWithArgumentList(method, arguments);
+    call.waitForFinished();
+    return call.reply();
 }
 
 PendingCallWatcher::PendingCallWatcher(const QDBusConnection &bus, const QDBusPendingCall &call, QObject *parent)

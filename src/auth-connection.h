@@ -16,10 +16,7 @@
 #include <utility>
 
 /** Calls @p method of @p object and waits for the answer. */
-QDBusMessage callMethod(const QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
-
-/** Calls @p method of @p object; to be given to a watcher at once. */
-QDBusPendingCall startCall(const QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
+QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
 
 /** Outlives the watcher that it is a base of; see PendingCallWatcher. */
 struct ConnectionReference

@@ -68,7 +68,7 @@ void AuthDevlockClientPrivate::setupConnection()
 
 void AuthDevlockClientPrivate::getState()
 {
-    watchCall(connection, startCall(devlockInterface, Authd::Method::GetState), this, [this](PendingCallWatcher *call) {
+    watchCall(connection, devlockInterface.asyncCall(Authd::Method::GetState), this, [this](PendingCallWatcher *call) {
         const QDBusPendingReply<int> reply = *call;
         if (reply.isError()) {
             qWarning() << "failed:" << reply.error().message();

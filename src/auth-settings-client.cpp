@@ -6,7 +6,6 @@
 #include <QtCore/QDebug>
 #include <QtCore/QMap>
 #include <QtCore/QPointer>
-#include <QtCore/QSet>
 #include <QtDBus/QDBusReply>
 
 #include <algorithm>
