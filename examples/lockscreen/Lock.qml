@@ -30,6 +30,10 @@ Item {
     property int retryPause: 2000
     // Milliseconds between looks at whether a change of the state was missed.
     property int lookPause: 30000
+    // Milliseconds until a look without an answer takes the unlocked picture away. A daemon that is well answers at once,
+    // and on a very busy device within seconds, for which the picture must not flicker. D-Bus would wait for 25 seconds:
+    // too long for a picture that may be wrong.
+    property int lookPatience: 10000
 
     readonly property int deviceState: devlock.item ? devlock.item.state : AuthDevlockClient.Undefined
     readonly property bool unlocked: deviceState === AuthDevlockClient.Unlocked
@@ -73,14 +77,14 @@ Item {
         locking.start();
     }
 
-    function askAnew() {
-        devlock.active = false;
-        devlock.active = true;
-    }
+    // The state is unknown at once; the new client is made when that has been drawn.
+    function askAnew() { devlock.active = false }
 
+    // A look that replaces another has the time that the other had left, or many looks could put the verdict off.
     function lookAtState() {
         look.active = false;
         look.active = true;
+        verdict.start();
     }
 
     function end() {
@@ -97,6 +101,8 @@ Item {
     }
 
     onDeviceStateChanged: {
+        look.active = false;
+        verdict.stop();
         locking.stop();
         check.stop();
         lockingFailed = false;
@@ -113,22 +119,34 @@ Item {
 
     Timer {
         interval: lock.frame
-        running: true
+        running: !devlock.active
         onTriggered: devlock.active = true
     }
 
     // An announcement may get lost, and a daemon that takes over from another without a gap need not make any. So now
-    // and then another client asks, and where it is told something else, ours begins anew.
+    // and then another client asks. Where it is told something else, ours begins anew.
+    //
+    // A client that gets no answer says nothing: it stays at Undefined, as it does when the answer is just that. Nobody
+    // knows then whether an unlocked device still is unlocked, so ours begins anew as well. A locked picture stays as it
+    // is: it cannot do harm, an attempt under way has limits of its own, and a slow daemon must not cost the user what
+    // they are entering.
     Loader {
         id: look
 
         active: false
-        sourceComponent: AuthDevlockClient {
-            onStateChanged: {
-                if (state !== lock.deviceState && lock.deviceState !== AuthDevlockClient.Undefined)
-                    lock.askAnew();
-                look.active = false;
-            }
+        sourceComponent: AuthDevlockClient {}
+    }
+
+    // An announcement reaches the two clients one after the other; what they know is compared when both have heard it.
+    Timer {
+        id: verdict
+
+        interval: look.item && look.item.state !== AuthDevlockClient.Undefined ? lock.frame : lock.lookPatience
+        onTriggered: {
+            const told = look.item.state;
+            look.active = false;
+            if (told !== lock.deviceState && (told !== AuthDevlockClient.Undefined || lock.unlocked))
+                lock.askAnew();
         }
     }
 
@@ -136,7 +154,7 @@ Item {
         interval: lock.lookPause
         repeat: true
         running: lock.deviceState !== AuthDevlockClient.Undefined
-        onTriggered: lock.lookAtState()
+        onTriggered: if (!look.active) lock.lookAtState()
     }
 
     // A daemon that has come back need not announce the state, and then the client stays as it is: another one asks. No

@@ -11,6 +11,7 @@ Sheet {
     property alias patience: lock.patience
     property alias retryPause: lock.retryPause
     property alias lookPause: lock.lookPause
+    property alias lookPatience: lock.lookPatience
     property alias unlocked: lock.unlocked
     // Whether the daemon has told a state, and the screen shows it.
     property bool settled: false

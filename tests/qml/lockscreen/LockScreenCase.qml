@@ -15,6 +15,7 @@ PatientTestCase {
     property int patience: 60000
     property int retryPause: 60000
     property int lookPause: 60000
+    property int lookPatience: 60000
     property bool isWatched: true
     property bool chooserWasOpened: false
     property int falseClaims: 0
@@ -42,6 +43,7 @@ PatientTestCase {
             patience: testCase.patience
             retryPause: testCase.retryPause
             lookPause: testCase.lookPause
+            lookPatience: testCase.lookPatience
         }
     }
 
@@ -70,6 +72,7 @@ PatientTestCase {
         patience = 60000;
         retryPause = 60000;
         lookPause = 60000;
+        lookPatience = 60000;
         extent = Qt.size(360, 720);
         Theme.dark = false;
     }
@@ -159,6 +162,11 @@ PatientTestCase {
     function waitForCalls(method, count) {
         tryVerify(() => daemon.calls(method).length >= count, undefined, method + " is called");
         compare(daemon.calls(method).length, count);
+    }
+
+    function waitForMoreCalls(method, count) {
+        const enough = daemon.calls(method).length + count;
+        tryVerify(() => daemon.calls(method).length >= enough, undefined, method + " is called " + count + " times");
     }
 
     function verifyUnlocks() {

@@ -13,6 +13,12 @@ LockScreenCase {
         AuthClient {}
     }
 
+    Component {
+        id: otherDevlockClient
+
+        AuthDevlockClient {}
+    }
+
     function lastCall(method) {
         const calls = daemon.calls(method);
         return calls[calls.length - 1];
@@ -1102,15 +1108,239 @@ LockScreenCase {
         verifyUnlocks();
     }
 
-    function test_aLookThatIsNotAnsweredChangesNothing() {
-        startUnlocked();
-        daemon.clearCalls();
-        daemon.mute("GetState");
-        lookPause = 300;
-        tryVerify(() => daemon.calls("GetState").length >= 3);
+    // A second look at the state.
+
+    // Somebody else locks the device, and nobody is told.
+    function lockUnannounced() {
+        daemon.misbehave("SetState", "lose-signals", 1);
+        createTemporaryObject(otherDevlockClient, test).state = AuthDevlockClient.Locked;
+        compare(daemon.lockState(), AuthDevlockClient.Locked);
         compare(screen.unlocked, true);
-        daemon.lock();
+    }
+
+    // The screen's states from now on.
+    function followStates() {
+        const lock = find("lock");
+        const states = [];
+        lock.deviceStateChanged.connect(() => states.push(lock.deviceState));
+        return states;
+    }
+
+    // One look that has no answer yet.
+    function look() {
+        settle();
+        daemon.clearCalls();
+        find("lock").lookAtState();
+        waitForCalls("GetState", 1);
+    }
+
+    function test_aLookWithoutAnAnswerTakesTheUnlockedPictureAway_data() {
+        return [{ tag: "mute", how: () => daemon.mute("GetState") },
+                { tag: "an answer that is lost", how: () => daemon.misbehave("GetState", "lose-reply") },
+                { tag: "error", how: () => daemon.fail("GetState") },
+                { tag: "Undefined", how: () => daemon.answer("GetState", "(4,)") },
+                { tag: "another type", how: () => daemon.answer("GetState", "('0',)") },
+                { tag: "mute altogether", how: () => {
+                    daemon.mute("*");
+                    daemon.mute("Introspect");
+                    daemon.request({ do: "accept", how: "mute" });
+                } }];
+    }
+
+    function test_aLookWithoutAnAnswerTakesTheUnlockedPictureAway(data) {
+        retryPause = 300;
+        startUnlocked();
+        lockUnannounced();
+        data.how();
+        lookPatience = 300;
+        lookPause = 300;
         tryVerify(() => !screen.unlocked);
+        compare(find("lock").deviceState, AuthDevlockClient.Undefined);
+        compare(text("title"), "One moment");
+        settle();
+        compare(screen.unlocked, false);
+        lookPause = 60000;
+        lookPatience = 60000;
+        daemon.behave();
+        daemon.request({ do: "accept", how: "normal" });
+        waitForEntry();
+        unlockWithCode();
+    }
+
+    function test_aLockingWithoutAnnouncementOrAnswerTakesTheUnlockedPictureAway() {
+        startUnlocked();
+        daemon.misbehave("SetState", "lose-signals", 1);
+        daemon.mute("GetState");
+        lookPatience = 300;
+        press("action");
+        tryVerify(() => !screen.unlocked);
+        compare(daemon.lockState(), AuthDevlockClient.Locked);
+        verify(isShown("notice"));
+    }
+
+    function test_aRefusedLockNowIsToldUntilALookHasNoAnswer() {
+        retryPause = 300;
+        daemon.fail("SetState");
+        startUnlocked();
+        daemon.hold("GetState");
+        press("action");
+        tryVerify(() => find("unlockedPage").text === "The device could not be locked. Please try again.");
+        compare(screen.unlocked, true);
+        lookPatience = 300;
+        tryVerify(() => !screen.unlocked);
+        compare(find("lock").lockingFailed, false);
+        compare(text("title"), "One moment");
+        lookPatience = 60000;
+        daemon.behave();
+        daemon.release();
+        verifyUnlocks();
+        compare(find("unlockedPage").text, "The device is in use.");
+    }
+
+    function test_theLockedPictureIsThereBeforeTheStateIsAskedForAnew() {
+        startUnlocked();
+        daemon.mute("GetState");
+        look();
+        setPauses(60001);
+        lookPatience = 300;
+        tryVerify(() => !screen.unlocked);
+        settle();
+        compare(daemon.calls("GetState").length, 1);
+        daemon.behave();
+        setPauses(find("lock").frame);
+        verifyUnlocks();
+    }
+
+    function test_aSlowAnswerToALookChangesNothing_data() {
+        return [{ tag: "Unlocked", state: 0 }, { tag: "Locked", state: 1 }];
+    }
+
+    function test_aSlowAnswerToALookChangesNothing(data) {
+        startLocked();
+        daemon.setLockState(data.state);
+        tryVerify(() => find("lock").deviceState === data.state);
+        daemon.hold("GetState");
+        look();
+        const states = followStates();
+        lookPause = 50;
+        // It is not disturbed by the next one.
+        settle();
+        compare(daemon.calls("GetState").length, 1);
+        daemon.behave();
+        daemon.release();
+        waitForMoreCalls("GetState", 3);
+        compare(states, []);
+    }
+
+    function test_aLookWithoutAnAnswerLeavesALockedScreenAsItIs_data() {
+        return [{ tag: "Locked", state: 1 }, { tag: "ManagerLockout", state: 2 }, { tag: "CodeEntryLockout", state: 3 },
+                { tag: "SecurityUi", state: 5 }, { tag: "another number", state: 77 }];
+    }
+
+    function test_aLookWithoutAnAnswerLeavesALockedScreenAsItIs(data) {
+        startLocked();
+        waitForCalls("GetState", 2);
+        daemon.setLockState(data.state);
+        tryVerify(() => find("lock").deviceState === data.state);
+        if (data.state === AuthDevlockClient.Locked)
+            type("12");
+        const states = followStates();
+        let refusals = 0;
+        find("lock").refused.connect(() => ++refusals);
+        daemon.mute("GetState");
+        lookPatience = 100;
+        lookPause = 100;
+        waitForMoreCalls("GetState", 4);
+        compare(states, []);
+        compare(refusals, 0);
+        if (data.state !== AuthDevlockClient.Locked)
+            return;
+        compare(find("code").digits, "12");
+        type("34");
+        keyClick(Qt.Key_Return);
+        tryVerify(() => states.length > 0);
+        compare(states[0], AuthDevlockClient.Unlocked);
+    }
+
+    function test_anAttemptOutlivesALookWithoutAnAnswer() {
+        daemon.hold("Authenticate");
+        startLocked();
+        typeCode("1234");
+        waitForCalls("Authenticate", 1);
+        let refusals = 0;
+        find("lock").refused.connect(() => ++refusals);
+        daemon.mute("GetState");
+        lookPatience = 100;
+        lookPause = 100;
+        waitForMoreCalls("GetState", 4);
+        compare(refusals, 0);
+        compare(text("message"), "Checking…");
+        lookPause = 60000;
+        lookPatience = 60000;
+        daemon.behave();
+        daemon.release();
+        verifyUnlocks();
+        compare(daemon.calls("Authenticate").length, 1);
+        compare(refusals, 0);
+    }
+
+    function test_looksInARowHaveNoMoreTimeThanOne() {
+        startUnlocked();
+        daemon.mute("GetState");
+        lookPatience = 1000;
+        tryVerify(() => {
+            if (screen.unlocked)
+                find("lock").lookAtState();
+            return !screen.unlocked;
+        });
+    }
+
+    function test_aLockingIsLookedForEvenDuringALook() {
+        lookPatience = 600000;
+        startUnlocked();
+        settle();
+        daemon.mute("GetState", 1);
+        look();
+        daemon.misbehave("SetState", "lose-signals", 1);
+        press("action");
+        waitForEntry();
+        compare(daemon.calls("SetState").length, 1);
+    }
+
+    function test_anAnnouncementDuringALookIsAllThatIsShown_data() {
+        return [{ tag: "Unlocked", from: 1, to: 0 }, { tag: "Locked", from: 0, to: 1 },
+                { tag: "ManagerLockout", from: 1, to: 2 }];
+    }
+
+    function test_anAnnouncementDuringALookIsAllThatIsShown(data) {
+        startLocked();
+        daemon.setLockState(data.from);
+        tryVerify(() => find("lock").deviceState === data.from);
+        daemon.hold("GetState");
+        look();
+        const states = followStates();
+        daemon.setLockState(data.to);
+        tryVerify(() => states.length > 0);
+        settle();
+        compare(states, [data.to]);
+    }
+
+    function test_aLookEndsWithTheDaemon() {
+        retryPause = 300;
+        lookPatience = 60002;
+        startUnlocked();
+        daemon.hold("GetState");
+        look();
+        const lock = find("lock");
+        const verdict = Array.from(lock.resources).find(object => object.interval === 60002);
+        compare(verdict.running, true);
+        daemon.stop();
+        tryVerify(() => !screen.unlocked);
+        compare(verdict.running, false);
+        daemon.behave();
+        daemon.start();
+        verifyUnlocks();
+        compare(verdict.running, false);
     }
 
     function test_aHalfEnteredCodeIsForgotten() {
