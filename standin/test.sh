@@ -140,6 +140,8 @@ status 2 'run wants a command' "$S" run
 status 2 'ctl wants a request' "$S" ctl
 status 2 'wrong number of arguments' "$S" check
 status 2 '--no-bus takes no value' "$S" run --no-bus=7 -- true
+status 2 '--bus-policy wants a file' "$W" --bus-policy /none -- true
+status 2 '--bus-policy goes without --no-bus' "$W" --no-bus --bus-policy /dev/null -- true
 for uid in 4294967295 99999999999999999999 x -1; do
     status 2 '--uid wants a number from 0 to 4294967294' "$S" run --uid $uid -- true
 done
