@@ -170,7 +170,7 @@ int Console::authenticate(AuthClient &client, const Request &request, const QByt
     if (token->isEmpty())
         return finish(Refused, QStringLiteral("not authenticated"));
     if (m_command == QLatin1String("authenticate")) {
-        return finish(Done, QStringLiteral("Authenticated for %1 (%2)").arg(request.service, tokenText(*token)),
+        return finish(Done, QStringLiteral("Authenticated for %1 (%2)").arg(shown(request.service), tokenText(*token)),
                       tokenDetails(*token));
     }
     return Done;
@@ -244,7 +244,7 @@ int Console::callFactor(const Request &request)
         return finish(NoOutcome, QStringLiteral("the factor did not answer in time"));
     if (!value->isValid())
         return finish(Refused, QStringLiteral("the call failed"));
-    return finish(Done, toText(toJson(*value)), {{QStringLiteral("value"), toJson(*value)}});
+    return finish(Done, shown(toJson(*value)), {{QStringLiteral("value"), toJson(*value)}});
 }
 
 int Console::follow(const Request &request)
@@ -281,7 +281,7 @@ void Console::printEvents()
     QObject::connect(&m_client, &AuthClient::factorSignal, &m_client,
                      [print](const QString &factor, const QVariantMap &params) {
                          const QJsonValue value = toJson(params);
-                         print("factor", factor + QLatin1Char(' ') + toText(value),
+                         print("factor", shown(factor) + QLatin1Char(' ') + shown(value),
                                {{QStringLiteral("factor"), factor}, {QStringLiteral("params"), value}});
                      });
     QObject::connect(&m_devlock, &AuthDevlockClient::stateChanged, &m_client,
@@ -327,7 +327,7 @@ std::optional<QByteArray> Console::readSecret(const Request &request)
     std::optional<QByteArray> secret;
     switch (request.secret) {
     case Request::Secret::Terminal: {
-        const QByteArray prompt = request.factor.toLocal8Bit() + ": ";
+        const QByteArray prompt = shown(request.factor).toLocal8Bit() + ": ";
         secret = readSecretFromTerminal(prompt.constData());
         if (!secret)
             finish(WrongUsage,

@@ -700,7 +700,8 @@ void Doctor::examinePolicy(BusLink &bus)
         tell(Warning, "policy",
              QStringLiteral("user %1 may send device-lock signals: the bus delivered one that it directed at authctl")
                  .arg(user),
-             "A host can be deceived: it believes the device-lock state whoever announces it.",
+             "A host can be deceived, or kept from hearing the daemon: it listens to whoever announces the device-lock "
+             "state, and believes it.",
              // A copy of the example would take the name from a daemon that is not run by root.
              QStringLiteral("Have the policy in /usr/share/dbus-1/system.d/%1.conf forbid them to all but the daemon's "
                             "user, as " EXAMPLES_DIR "/%1.conf does to all but root; then: systemctl reload dbus")
@@ -852,7 +853,7 @@ void Doctor::tell(Level level, const char *check, const QString &finding, const 
         if (!line.isEmpty())
             rows.append({QString(), QString(), line});
     }
-    m_output.print(stdout, toTable(rows).toLocal8Bit());
+    m_output.print(stdout, toTable(rows));
 }
 
 } // namespace

@@ -21,14 +21,15 @@ void showMessage(QtMsgType type, const QMessageLogContext &, const QString &text
 
 int main(int argc, char *argv[])
 {
+    keepSecretsFromDumps();
     QCoreApplication app(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.contains(QStringLiteral("--help")) || arguments.contains(QStringLiteral("-h"))) {
-        Output(false).print(stdout, Help);
+        Output(false).print(stdout, QString::fromUtf8(Help));
         return Done;
     }
     if (arguments.contains(QStringLiteral("--version"))) {
-        Output(false).print(stdout, "authctl " AUTHCTL_VERSION);
+        Output(false).print(stdout, QStringLiteral("authctl " AUTHCTL_VERSION));
         return Done;
     }
 

@@ -202,7 +202,7 @@ void SettingsConsole::connectEvents()
 {
     const auto print = [this](const char *name, const QString &text = QString(),
                               const QJsonObject &details = QJsonObject()) {
-        m_console.output().event(QLatin1String(name), details, text);
+        m_console.output().event(QLatin1String(name), details, shown(text));
     };
     const auto printFlag = [print](const char *name, bool on) { print(name, onOff(on), {{QStringLiteral("on"), on}}); };
     AuthSettingsClient *client = m_client;
@@ -335,7 +335,7 @@ int SettingsConsole::askOption(const Request &request)
     if (answer.status != Done)
         return m_console.finish(answer.status, answer.problem, {{QStringLiteral("key"), request.name}});
     const QJsonValue value = toJson(answer.value);
-    return m_console.finish(Done, toText(value),
+    return m_console.finish(Done, shown(value),
                             {{QStringLiteral("key"), request.name}, {QStringLiteral("value"), value}});
 }
 
@@ -375,7 +375,7 @@ int SettingsConsole::tellLastLogin()
     const QString date = settings.lastLoginDate();
     if (!warnings.words().isEmpty())
         return tellWarnings(warnings);
-    return finish(Done, orNone(date), {{QStringLiteral("last-login-date"), date}});
+    return finish(Done, shown(orNone(date)), {{QStringLiteral("last-login-date"), date}});
 }
 
 int SettingsConsole::setFlag(const Request &request)
@@ -534,7 +534,7 @@ int SettingsConsole::toggleUnlock(const Request &request)
         return tellWarnings(warnings);
     if (!announced.wait(m_console.deadline()))
         return finish(NoOutcome, QStringLiteral("the daemon did not announce the change in time"));
-    return finish(Done, QStringLiteral("Chosen for unlock: %1").arg(joined(m_client->unlockFactors())),
+    return finish(Done, QStringLiteral("Chosen for unlock: %1").arg(shown(joined(m_client->unlockFactors()))),
                   {{QStringLiteral("unlock-factors"), QJsonArray::fromStringList(m_client->unlockFactors())}});
 }
 
@@ -547,7 +547,7 @@ int SettingsConsole::getOption(const Request &request)
     const QVariant value = FactorSettings(request.calledFactor).getOption(m_user, request.name);
     if (!warnings.words().isEmpty())
         return tellWarnings(warnings);
-    return finish(Done, toText(toJson(value)),
+    return finish(Done, shown(toJson(value)),
                   {{QStringLiteral("name"), request.name}, {QStringLiteral("value"), toJson(value)}});
 }
 
@@ -578,9 +578,11 @@ int SettingsConsole::setOption(const Request &request)
     if (!done && !announced)
         return finish(NoOutcome, QStringLiteral("the daemon neither announced the change nor refused it in time"));
     const QJsonObject details{{QStringLiteral("name"), request.name}, {QStringLiteral("value"), *announced}};
-    if (!done)
-        return finish(Refused, QStringLiteral("the daemon made it %1").arg(toText(*announced)), details);
-    return finish(Done, QStringLiteral("%1 is %2").arg(request.name, toText(*announced)), details);
+    if (!done) {
+        const QString value = announced->isString() ? announced->toString() : shown(*announced);
+        return finish(Refused, QStringLiteral("the daemon made it %1").arg(value), details);
+    }
+    return finish(Done, QStringLiteral("%1 is %2").arg(shown(request.name), shown(*announced)), details);
 }
 
 int SettingsConsole::runAction(const Request &request)
@@ -598,5 +600,5 @@ int SettingsConsole::runAction(const Request &request)
         return finish(NoOutcome, QStringLiteral("the factor did not answer in time"));
     if (!value->isValid())
         return tellWarnings(warnings);
-    return finish(Done, toText(toJson(*value)), {{QStringLiteral("value"), toJson(*value)}});
+    return finish(Done, shown(toJson(*value)), {{QStringLiteral("value"), toJson(*value)}});
 }

@@ -1,26 +1,10 @@
 #include "table.h"
 
+#include "output.h"
+
 #include <cwchar>
 
 namespace {
-
-/** What a terminal would not show as a character is shown as one that stands for it. */
-QString printable(QString text)
-{
-    for (QChar &character : text) {
-        switch (character.category()) {
-        case QChar::Other_Control:
-        case QChar::Other_Format:
-        case QChar::Separator_Line:
-        case QChar::Separator_Paragraph:
-            character = QChar::ReplacementCharacter;
-            break;
-        default:
-            break;
-        }
-    }
-    return text;
-}
 
 int width(const QString &text)
 {
@@ -42,13 +26,13 @@ QString toTable(const QVector<QStringList> &rows)
     for (const QStringList &row : rows) {
         widths.resize(qMax(widths.size(), row.size()));
         for (int i = 0; i < row.size(); ++i)
-            widths[i] = qMax(widths.at(i), width(printable(row.at(i))));
+            widths[i] = qMax(widths.at(i), width(shown(row.at(i))));
     }
     QStringList lines;
     for (const QStringList &row : rows) {
         QString line;
         for (int i = 0; i < row.size(); ++i) {
-            const QString text = printable(row.at(i));
+            const QString text = shown(row.at(i));
             line += text;
             if (i + 1 < row.size())
                 line += QString(widths.at(i) - width(text) + 2, QLatin1Char(' '));

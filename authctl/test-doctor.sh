@@ -295,9 +295,30 @@ found 4 'the daemon does not answer Introspect' --standin "$elsewhere"'; fake "$
 found 0 'notice  *policy  *who may send device-lock signals was not measured: user 1000 is the daemon.s own.*see the notices$' \
     '--uid 1000 --standin' doctor
 
+# Without a daemon nobody is its user, so that an ordinary user finds out, too.
+stranger=$me
+[ "$me" -ne 0 ] || stranger=65534
+found 1 "warning  *policy  *user $stranger may send device-lock signals.*/usr/share/dbus-1/system.d/vantora.AuthService.conf forbid them" \
+    '' 'bus ""; doctor'
+found 1 "warning  *policy  *user $stranger may send device-lock signals" '' doctor
+found 1 "ok  *policy  *user $stranger may not send device-lock signals" '' \
+    'bus "<include>$ROOT/dbus/vantora.AuthService.conf</include>"; doctor'
+found 1 '"check":"policy","consequence":"[^"]*","event":"check","finding":"[^"]*","level":"warning","remedy":"[^"]*","status":3' \
+    '' 'doctor --json'
+
 # It believes no bus about whose signal it measures.
 found 3 'not measured: user [0-9]+ got no connection to the bus' --standin \
     'fake_bus "$OK" text=:1.7 error=a.b.NameHasNoOwner text=a number=5 text=a; doctor'
+
+# What others say is shown by its codes, so that it is one line and the terminal obeys none of it.
+foreign='x\u001b[1A\u009b\u202e\u2028\nok'
+for check in main-object settings-object devlock-object; do
+    found 3 "warning  *$check  *[^"$'\n'']*is refused: x\\u001b\[1A\\u009b\\u202e\\u2028\\nok'$'\n' --standin \
+        "misbehave '\"how\":\"error\",\"message\":\"$foreign\"'; doctor"
+done
+found 3 '"finding":"Introspect of /vantora/AuthService is refused: x\\u001b\[1A\\u009b\\u202e\\u2028\\nok"' --standin \
+    "misbehave '\"how\":\"error\",\"message\":\"$foreign\"'; doctor --json"
+found 1 'handshake with garbage: "\\u001b\[1A\\u202e\\\\u"' '' 'fake $'"'"'\e[1A\xe2\x80\xae\\u'"'"' mute; LC_ALL=C.UTF-8 doctor'
 
 # What comes late, and what takes no output
 found 4 'freeze  *time  *answers came so late' --no-bus '
@@ -319,7 +340,7 @@ if [ "$(id -u)" -eq 0 ]; then
         mkdir /run/services
         printf "[D-BUS Service]\nName=vantora.AuthService\nExec=/bin/touch /run/started\nUser=root\n" >/run/services/vantora.AuthService.service
         bus "$example"; serve; ctl "{\"do\":\"release-name\"}"; doctor && [ ! -e /run/started ]'
-    found 3 'warning  *policy  *user 65534 may send device-lock signals.*believes the device-lock state whoever announces it.*to all but' \
+    found 3 'warning  *policy  *user 65534 may send device-lock signals.*listens to whoever announces the device-lock state, and believes it.*to all but' \
         --standin 'without "cp " doctor'
     found 3 'warning  *policy  *user 65534' '' \
         'bus "<policy context=\"default\"><allow own=\"*\"/><allow send_type=\"method_call\"/></policy>"; serve; doctor'

@@ -27,6 +27,27 @@ status()
     fi
 }
 
+# What the daemon may say, as JSON and the texts of GVariant have it; and how it is shown, in words and in JSON.
+words='A\u001b[1A\u009b\u007f\u202e\u2066\u061c\u200e\u2028\u2029\ufeff\t\nauthctl: B\\C äع指é👨\u200d👩🏴\U000e0067\U000e007f🫠'
+region=$'\xf3\xa0\x81\xa7\xf3\xa0\x81\xbf' joiner=$'\xe2\x80\x8d'
+shown='A\u001b[1A\u009b\u007f\u202e\u2066\u061c\u200e\u2028\u2029\ufeff\u0009\nauthctl: B\\C äع指é👨'$joiner'👩🏴'$region'🫠'
+shown_json=${shown/'\u0009'/'\t'}
+
+# shows STATUS TEXT COMMAND…: COMMAND ends with STATUS and prints a text, and nothing that a terminal obeys.
+shows()
+{
+    local output got
+    output=$("${@:3}" 2>&1)
+    got=$?
+    count=$((count + 1))
+    if [ $got -ne "$1" ] || [[ $output != *"$2"* ]] || LC_ALL=C grep -qP \
+        '[\x00-\x09\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xd8\x9c|\xe2\x80[\x8e\x8f\xa8-\xae]|\xe2\x81[\xa6-\xa9]|\xef\xbb\xbf' <<<"$output"
+    then
+        failures=$((failures + 1))
+        printf 'FAIL: %s\n  status %s, expected %s; printed: %q\n  expected: %s\n' "${*:3}" $got "$1" "$output" "$2"
+    fi
+}
+
 ctl()
 {
     "$standin" ctl "$@" >/dev/null || { echo "FAIL: the stand-in refused $*" && exit 1; }
@@ -53,19 +74,53 @@ called() # METHOD [COUNT]: waits until the daemon has been called, and has dealt
     ctl "{\"do\":\"wait-calls\",\"method\":\"$1\",\"count\":${2-1},\"timeout\":60000}"
 }
 
-on_terminal() # KEYS COMMAND
+# Types keys when a secret is asked for the first time, and so on: a silent terminal would throw away earlier ones.
+# Keys that begin with a colon are something to do instead.
+on_terminal() # KEYS[|KEYS…] COMMAND
 {
-    # The keys are typed when the secret is asked for: a silent terminal would throw away earlier ones.
+    local keys terminal ended asked=0 deadline=$((SECONDS + 120)) IFS='|'
     mkfifo "$dir/keys"
     script -qefc "$2" "$dir/typescript" <"$dir/keys" &
+    terminal=$!
     exec 8>"$dir/keys"
-    while kill -0 $! 2>/dev/null && ! grep -qs 'code:' "$dir/typescript"; do :; done
-    printf '%b' "$1" >&8
-    wait $!
-    local ended=$?
+    for keys in $1; do
+        asked=$((asked + 1))
+        while kill -0 $terminal 2>/dev/null && [ "$(grep -aos 'code: ' "$dir/typescript" | wc -l)" -lt $asked ]; do
+            [ $SECONDS -lt $deadline ] || { echo "not asked $asked times" && kill $terminal; }
+        done
+        case $keys in
+        :*) IFS=' ' eval "${keys#:}" ;;
+        *) printf '%b' "$keys" >&8 ;;
+        esac
+    done
+    wait $terminal
+    ended=$?
     exec 8>&-
     rm "$dir/keys" "$dir/typescript"
     return $ended
+}
+
+# Something that asks for a secret, for a shell on a terminal.
+cat >"$dir/ask" <<END
+#!/bin/sh
+tty >"$dir/tty"
+echo \$\$ >"$dir/asking"
+exec "$authctl" authenticate login --factor code
+END
+# What has been typed there and not been read.
+cat >"$dir/left" <<'END'
+#!/bin/sh
+settings=$(stty -g)
+stty -icanon min 0 time 0
+echo "left:$(head -c 9)."
+stty "$settings"
+END
+chmod +x "$dir/ask" "$dir/left"
+PATH=$PATH:$dir
+
+send() # SIGNAL: to what asks
+{
+    kill -s "$1" "$(<"$dir/asking")"
 }
 
 tells() # TEXT COMMAND…
@@ -253,9 +308,59 @@ done
 status 0 'Authenticated for login.* echo ' on_terminal '1234\n' "$authctl authenticate login --factor code && stty -a"
 status 5 'code: ' on_terminal '\003' "trap : INT; $authctl authenticate login --factor code; status=\$?; stty -a | grep -q ' echo ' && exit \$status"
 
-# Nor can it be left silent by stopping the process.
-status 0 'Authenticated for login.* susp = \^Z' on_terminal '\x1a\x151234\n' \
-    "bash -mc '$authctl authenticate login --factor code && stty -a'"
+# Nor can it be left silent by a signal, or what has been typed be left to whoever reads next.
+for signal in INT TERM HUP QUIT ABRT ALRM PIPE USR1 USR2 XCPU; do
+    case $signal in
+    INT | TERM | HUP | QUIT) ended=5 ;;
+    *) ended=$((128 + $(kill -l $signal))) ;;
+    esac
+    status $ended 'code: .* echo ' on_terminal ":send $signal" "bash -mc 'ask; status=\$?; stty -a; exit \$status'"
+done
+for key in '\003' '\034'; do
+    status 5 'left:\.' on_terminal "12$key" "bash -mc 'stty noflsh; ask; status=\$?; left; exit \$status'"
+done
+for signal in TSTP TTIN TTOU; do
+    status 0 'code: .*stopped 1(48|49|50).* echo .*code: .*Authenticated for login.* echo ' on_terminal ":send $signal|1234\\n" \
+        "bash -mc 'ask; echo stopped \$?; stty -a; fg >/dev/null && stty -a'"
+done
+status 0 'stopped 148.*left:\..* echo .*code: .*Authenticated for login' on_terminal '12\x1a|1234\n' \
+    "bash -mc 'stty noflsh; ask; echo stopped \$?; left; stty -a; fg >/dev/null'"
+status 0 'Authenticated for login' on_terminal '12\x04\x1a|1234\n' "bash -mc 'ask; fg >/dev/null'"
+# In the background it waits for the foreground, and takes over nothing from what has the terminal meanwhile.
+status 0 'stopped 0.*left:x\..* echo .*foreground.*code: .*Authenticated for login.* echo ' \
+    on_terminal ':send TSTP; until grep -q "stopped 0" "$dir/typescript"; do :; done; printf x >&8|1234\n' \
+    "bash -mc 'ask; stty -icanon; echo stopped \$?; until read -t 0; do :; done
+        bg >/dev/null; until jobs -l | grep -q output; do :; done; left; stty -a; stty icanon
+        echo foreground; fg >/dev/null && stty -a'"
+status 0 'foreground.*code: .*Authenticated for login.* icanon.* echo ' on_terminal '1234\n' \
+    "bash -mc 'stty -icanon -icrnl -echo; ask & until jobs -l | grep -q output; do :; done; stty sane
+        echo foreground; fg >/dev/null && stty -a'"
+status 0 'stopped 148.*gone.* -icanon .*-echo ' on_terminal ':send TSTP' \
+    "bash -mc 'ask; echo stopped \$?; stty -icanon -echo; kill %1
+        while kill -0 \$(<$dir/asking); do :; done 2>/dev/null; echo gone; stty -a'"
+# Where no shell stops it, and where a shell has not seen to the terminal.
+status 0 'code: .*code: .*Authenticated for login' on_terminal ':send TSTP|1234\n' 'ask; exit'
+status 0 'code: .*code: .*Authenticated for login' on_terminal ':send STOP; stty -F "$(<"$dir/tty")" echo; send CONT|1234\n' 'ask; exit'
+
+# Nor does another process of the user's, or a core, get a secret.
+kept()
+{
+    local as=()
+    [ "$(id -u)" -ne 0 ] || as=(setpriv --reuid 1000 --regid 1000 --clear-groups)
+    rm -f "$dir/out"
+    mkfifo "$dir/lines"
+    "${as[@]}" "$authctl" session >"$dir/out" <"$dir/lines" &
+    {
+        echo state >&9
+        until_told Locked
+        grep core "/proc/$!/limits"
+        ! "${as[@]}" cat "/proc/$!/environ" || echo readable
+    } 9>"$dir/lines"
+    wait $!
+    rm "$dir/lines"
+}
+status 0 '^Max core file size  *0  *0  *bytes *
+cat: /proc/[0-9]*/environ: Permission denied$' kept
 
 # 4: no outcome in time, which asking for the state may use up as well. It goes by beside the other tests.
 ctl '{"do":"misbehave","method":"Authenticate","how":"mute"}' '{"do":"clear-calls"}'
@@ -305,7 +410,7 @@ for command in 'user 7 show' 'user 7 last-login' 'factors --user 7'; do
     status 3 '^authctl: the daemon refused: There is no user 7$' "$authctl" $command
 done
 misbehave GetUserOption '"error","message":"Not \"today\" C:\\\"n"'
-status 3 'refused: Not "today" C:\\"n$' "$authctl" user 1000 show
+status 3 'refused: Not "today" C:\\\\"n$' "$authctl" user 1000 show
 misbehave GetOption '"error","message":"Not at all"'
 status 3 'options could not be read: Not at all$' "$authctl" factors --user 1000
 status 3 'options could not be read: Not at all".*options could not be read: Not at all [(][^)]*start another session[)]"' \
@@ -343,8 +448,8 @@ status 0 '^ROW  NAME       TITLE .*
 1    ключ       authd-.*
 2    指紋       authd-.*
 3    '$accent'          authd-.*
-4    a�b        authd-.*
-5    �          authd-.*
+4    a\\u001bb   authd-.*
+5    \\u2028     authd-.*
 6    smartcard  authd-factor-smartcard  login    no      yes       yes$' env LC_ALL=C.UTF-8 "$authctl" factors --user 1000
 ctl '{"do":"set-option","key":"worker/available-service-factors/login","value":["code","sudis"]}'
 # No login row carries this name, and the rows are made anew for what is disabled.
@@ -531,6 +636,115 @@ watch_user()
 status 0 '' watch_user
 status 3 'refused: There is no user 7' "$authctl" watch --user 7
 
+# What others say is shown on its line, in any script, and cannot be taken for anything else.
+export LC_ALL=C.UTF-8
+json_words=${words/'\U000e0067\U000e007f'/$region}
+said="'${words//\\/\\\\}'"
+ctl "{\"do\":\"set-option\",\"key\":\"text\",\"value\":\"$json_words\"}" \
+    "{\"do\":\"set-option\",\"key\":\"list\",\"value\":[\"$json_words\",\"\\\"\"]}"
+shows 0 "$shown" "$authctl" options get text
+shows 0 "[\"$shown_json\",\"\\\"\"]" "$authctl" options get list
+shows 0 "\"value\":\"$shown_json\"" "$authctl" options get text --json
+shows 0 "\"value\":[\"$shown_json\",\"\\\"\"]" "$authctl" options get list --json
+# What is shown as JSON is JSON, of the same value.
+shows 0 "$("$authctl" options get list)" "$authctl" factor-method code echo "value:json=$("$authctl" options get list)"
+ctl '{"do":"remove-option","key":"text"}' '{"do":"remove-option","key":"list"}'
+
+misbehave FactorMethod "\"reply\",\"value\":\"(<{$said: <$said>}>,)\""
+shows 0 "{\"$shown_json\":\"$shown_json\"}" "$authctl" factor-method code any
+shows 0 "{\"$shown_json\":\"$shown_json\"}" "$authctl" factor-method code any --json
+shows 0 "{\"$shown_json\":\"$shown_json\"}" "$authctl" method code get length --user 1000
+shows 0 "{\"$shown_json\":\"$shown_json\"}" changes method code action reset --user 1000
+misbehave FactorMethod "\"reply\",\"value\":\"(<$said>,)\""
+shows 0 "$shown" "$authctl" factor-method code any
+shows 0 "$shown" "$authctl" method code get length --user 1000
+shows 0 "$shown" changes method code action reset --user 1000
+ctl '{"do":"behave"}'
+
+set_user() # KEY VALUE
+{
+    ctl "{\"do\":\"set-option\",\"uid\":1000,\"key\":\"$1\",\"value\":$2}"
+}
+set_user worker/last-login-date "\"$json_words\""
+set_user worker/service-factors/unlock "[\"code\",\"$json_words\"]"
+shows 0 "last-login-date      $shown" "$authctl" user 1000 show
+shows 0 "unlock-factors       code, $shown" "$authctl" user 1000 show
+shows 0 "\"last-login-date\":\"$shown_json\"" "$authctl" user 1000 show --json
+shows 0 "$shown" "$authctl" user 1000 last-login
+for service in login unlock; do
+    ctl "{\"do\":\"set-option\",\"key\":\"worker/available-service-factors/$service\",\"value\":[\"code\",\"smartcard\",\"$json_words\"]}"
+done
+shows 0 "$shown  authd-factor-A" "$authctl" factors --user 1000
+shows 0 "\"name\":\"$shown_json\"" "$authctl" factors --user 1000 --json
+shows 0 "Chosen for unlock: $shown" changes unlock-factors toggle code --user 1000
+shows 3 "offers: code, smartcard, $shown" "$authctl" unlock-factors toggle nosuch --user 1000 --factor code --data - </dev/null
+shows 3 "sees no login factor \"0$shown\"" "$authctl" factors toggle "0$(printf %b "$words")" --user 1000 --factor code --data - </dev/null
+
+# The value of an option that is changed, and what another makes of it
+option_changed() # [VALUE]
+{
+    local limit=60
+    [ $# -eq 0 ] || limit=10
+    ctl '{"do":"misbehave","method":"FactorMethod","how":"hold","times":1}' '{"do":"clear-calls"}'
+    changes method code set keypad="$(printf %b "$words")" --user 1000 --timeout $limit &
+    called FactorMethod
+    if [ $# -eq 0 ]; then
+        ctl '{"do":"release"}'
+    else
+        ctl "{\"do\":\"set-option\",\"uid\":1000,\"factor\":\"code\",\"name\":\"keypad\",\"value\":$1}"
+    fi
+    wait $!
+}
+shows 0 "keypad is $shown" option_changed
+shows 3 "made it 0$shown" option_changed "\"0$json_words\""
+shows 3 'made it ["\\u001b\\\\"]' option_changed '["\u001b\\"]'
+ctl '{"do":"release"}'
+
+# What happens by itself
+watched() # ARGUMENT…
+{
+    rm -f "$dir/out"
+    "$authctl" watch --user 1000 "$@" >"$dir/out" 2>&1 &
+    until_told Locked && until_told 1000
+    set_user worker/service-factors/unlock "[\"smartcard\",\"$json_words\"]"
+    set_user worker/service-factors/login "[\"$json_words\"]"
+    ctl "{\"do\":\"emit\",\"signal\":\"Factor\",\"args\":\"($said, {$said: <$said>})\"}" '{"do":"set-lock","state":5}'
+    until_told SecurityUi
+    ctl '{"do":"set-lock","state":1}'
+    kill -TERM $!
+    wait $!
+    cat "$dir/out"
+}
+shows 0 "factor              $shown {\"$shown_json\":\"$shown_json\"}" watched
+for event in 'unlock-factors      smartcard, ' 'factor-changed      '; do
+    shows 0 "$event$shown" cat "$dir/out"
+done
+set_user worker/service-factors/login '["code"]'
+set_user worker/service-factors/unlock '["code"]'
+shows 0 "\"factor\":\"$shown_json\",\"params\":{\"$shown_json\":\"$shown_json\"}" watched --json
+# The library's own messages
+misbehave Authenticate "\"error\",\"message\":\"$json_words\""
+shows 4 'failed: "A\\u001B[1A' with_code 1234 authenticate login --factor code --data - --timeout 5
+ctl '{"do":"behave"}'
+
+set_user devlock/show-notifications true
+for method in GetOption GetUserOptions SetUserOption FactorMethod; do
+    misbehave $method "\"error\",\"message\":\"$json_words\""
+    case $method in
+    GetOption)
+        shows 3 "$shown" "$authctl" options get nosuch
+        shows 3 "$shown" "$authctl" factors --user 1000
+        ;;
+    GetUserOptions) shows 3 "refused: $shown" "$authctl" user 1000 show ;;
+    SetUserOption) shows 3 "refused: $shown" changes user 1000 set show-notifications off ;;
+    FactorMethod)
+        shows 3 "refused: $shown" "$authctl" user 1000 last-login
+        shows 3 "refused: $shown" "$authctl" method code get length --user 1000
+        shows 3 "\"error\":\"the daemon refused: $shown_json\"" "$authctl" method code get length --user 1000 --json
+        ;;
+    esac
+done
+ctl '{"do":"behave"}'
 # 6: nobody takes the output
 for arguments in state 'state --json' session --help -h --version; do
     status 6 'the output cannot be written: No space left' bash -c "$authctl $arguments >/dev/full <<<state"

@@ -142,15 +142,6 @@ QString parseParameter(const QString &text, QVariantMap &params)
     return value.isValid() ? QString() : problem;
 }
 
-QString toText(const QJsonValue &value)
-{
-    if (value.isString())
-        return value.toString();
-    // Without the brackets that make it a document.
-    const QByteArray array = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(array.mid(1, array.size() - 2));
-}
-
 QJsonValue toJson(const QVariant &value)
 {
     switch (value.userType()) {

@@ -6,6 +6,32 @@ namespace {
 
 Warnings *current = nullptr;
 
+/** A text that `QDebug` of Qt 5.15 has written between quotes. */
+QString unquoted(const QString &text)
+{
+    static const QRegularExpression code(QStringLiteral("\\\\(?:u([0-9A-F]{4})|U([0-9A-F]{8})|(.))"));
+    const QString letters = QStringLiteral("bfnrt");
+    QString result;
+    int end = 0;
+    auto codes = code.globalMatch(text);
+    while (codes.hasNext()) {
+        const QRegularExpressionMatch match = codes.next();
+        result += text.midRef(end, match.capturedStart() - end);
+        end = match.capturedEnd();
+        const uint number = (match.captured(1) + match.captured(2)).toUInt(nullptr, 16);
+        if (match.capturedLength(2) > 0) {
+            result += QChar(QChar::highSurrogate(number));
+            result += QChar(QChar::lowSurrogate(number));
+        } else if (match.capturedLength(1) > 0) {
+            result += QChar(number);
+        } else {
+            const int letter = letters.indexOf(match.captured(3));
+            result += letter < 0 ? match.captured(3).at(0) : QLatin1Char("\b\f\n\r\t"[letter]);
+        }
+    }
+    return result + text.midRef(end);
+}
+
 } // namespace
 
 Warnings::Warnings()
@@ -27,9 +53,7 @@ bool Warnings::take(const QString &message)
     const QRegularExpressionMatch match = form.match(message);
     if (!current || !match.hasMatch())
         return false;
-    // As the toolkit writes texts in messages; what it writes for line breaks and the like may stay.
-    static const QRegularExpression escaped(QStringLiteral("\\\\([\\\\\"])"));
-    const QString words = match.captured(1).replace(escaped, QStringLiteral("\\1"));
+    const QString words = unquoted(match.captured(1));
     if (!current->m_words.contains(words))
         current->m_words.append(words);
     if (current->m_handler)
