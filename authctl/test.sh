@@ -308,13 +308,14 @@ done
 status 0 'Authenticated for login.* echo ' on_terminal '1234\n' "$authctl authenticate login --factor code && stty -a"
 status 5 'code: ' on_terminal '\003' "trap : INT; $authctl authenticate login --factor code; status=\$?; stty -a | grep -q ' echo ' && exit \$status"
 
-# Nor can it be left silent by a signal, or what has been typed be left to whoever reads next.
+# Nor can it be left silent by a signal, or what has been typed be left to whoever reads next. The shell names the process
+# that a signal has ended, whose number may be anything.
 for signal in INT TERM HUP QUIT ABRT ALRM PIPE USR1 USR2 XCPU; do
     case $signal in
     INT | TERM | HUP | QUIT) ended=5 ;;
     *) ended=$((128 + $(kill -l $signal))) ;;
     esac
-    status $ended 'code: .* echo ' on_terminal ":send $signal" "bash -mc 'ask; status=\$?; stty -a; exit \$status'"
+    status $ended 'code: .* echo ' on_terminal ":send $signal" "bash -mc 'exec 2>/dev/null; ask; status=\$?; stty -a; exit \$status'"
 done
 for key in '\003' '\034'; do
     status 5 'left:\.' on_terminal "12$key" "bash -mc 'stty noflsh; ask; status=\$?; left; exit \$status'"
