@@ -80,7 +80,8 @@ on_terminal() # KEYS[|KEYS…] COMMAND
 {
     local keys terminal ended asked=0 deadline=$((SECONDS + 120)) IFS='|'
     mkfifo "$dir/keys"
-    script -qefc "$2" "$dir/typescript" <"$dir/keys" &
+    # What a shell starts in the background ignores SIGINT and SIGQUIT unless told otherwise.
+    timeout --foreground 120 env --default-signal=INT,QUIT script -qefc "$2" "$dir/typescript" <"$dir/keys" &
     terminal=$!
     exec 8>"$dir/keys"
     for keys in $1; do
