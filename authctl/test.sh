@@ -339,7 +339,7 @@ status 0 'foreground.*code: .*Authenticated for login.* icanon.* echo ' on_termi
         echo foreground; fg >/dev/null && stty -a'"
 status 0 'stopped 148.*gone.* -icanon .*-echo ' on_terminal ':send TSTP' \
     "bash -mc 'ask; echo stopped \$?; stty -icanon -echo; kill %1
-        while kill -0 \$(<$dir/asking); do :; done 2>/dev/null; echo gone; stty -a'"
+        while grep -qs State:.[^Z] /proc/\$(<$dir/asking)/status; do :; done; echo gone; stty -a'"
 # Where no shell stops it, and where a shell has not seen to the terminal.
 status 0 'code: .*code: .*Authenticated for login' on_terminal ':send TSTP|1234\n' 'ask; exit'
 status 0 'code: .*code: .*Authenticated for login' on_terminal ':send STOP; stty -F "$(<"$dir/tty")" echo; send CONT|1234\n' 'ask; exit'
