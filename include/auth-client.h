@@ -22,9 +22,10 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * authentication failed, when the device becomes locked, when the daemon leaves the bus, and on dropAuthentication();
  * each of these emits discredit(). It follows a restart of the daemon by itself.
  *
- * A new client learns the present device-lock state from its event loop. When that is Locked, it emits discredit() once
- * and clears progress(), like at any other locking. A host that wants to tell this from a failed authentication waits
- * for AuthDevlockClient::stateChanged() before it calls authenticate() for the first time.
+ * A new client learns the present device-lock state from its event loop. When that is Locked, the client emits
+ * discredit() once and clears progress(), like at any other locking. A host that wants to tell this from a failed
+ * authentication makes an AuthDevlockClient after the client, and waits for its stateChanged() before it calls
+ * authenticate() for the first time. While the state cannot be learned, no stateChanged() comes.
  *
  * All objects of this library belong to one and the same thread, usually the main one. Signals are emitted there, from
  * its event loop, except where a member says that it emits by itself.
@@ -32,18 +33,22 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * @section restart When the daemon restarts
  * The loss of the daemon forgets the token. Its return reconnects the client, from the event loop, and fetches a new
  * challenge if one was held; this blocks for three short requests (for at most 25 seconds each, should the daemon be
- * mute, and before them for 25 seconds until it has room for the connection). When one daemon instance takes over from another without a gap, the client reconnects as well, but keeps the
- * token, which the new instance may refuse, and progress(): the old instance is no longer heard.
+ * mute, and before them for 25 seconds until the daemon has room for the connection). When one daemon instance takes
+ * over from another without a gap, the client reconnects as well, but keeps the token, which the new instance may
+ * refuse, and progress(): signals of the old instance are no longer heard, its replies still count.
+ *
+ * When the system bus itself dies, nobody tells of the daemon's loss any more: the token is kept, although no locking
+ * will be heard of. AuthDevlockClient becomes Undefined then, and a host that sees this drops the authentication.
  *
  * @section trust Who is believed
  * Signals are taken from whoever sends them. On the socket that is the daemon. On the system bus it is anybody whom the
  * bus lets send them, so a device needs a policy like the example in `dbus/vantora.AuthService.conf`: without it any
- * process can announce a device-lock state, and can make a client deaf to the daemon by signals so large that more than
- * 63 MiB of them wait while the host is blocked in a call. A signal that does not carry what the daemon's would carry is
- * never heard.
+ * process can announce a device-lock state, and can make all clients deaf to the daemon by signals so large that more
+ * than 63 MiB of them wait while the hosts are blocked in calls. A signal that does not carry what the daemon's would
+ * carry is never heard.
  *
- * Tokens, challenges and parameters are never logged. QDBUS_DEBUG, which would have Qt D-Bus log every message, is taken
- * out of the environment when the library is loaded; this comes too late in a process that has used D-Bus before.
+ * Tokens, challenges and parameters are never logged. QDBUS_DEBUG, which would have Qt D-Bus log every message, is
+ * taken out of the environment when the library is loaded; this comes too late in a process that has used D-Bus before.
  *
  * @section sharing Several clients in one process
  * Several AuthClient objects share one connection until the daemon restarts for the first time. The daemon answers
@@ -61,10 +66,10 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  *
  * @section lifetime Deleting a client
  * A client may be deleted at any time, with calls under way, from a callback and from a handler of any of its signals;
- * what was under way ends unheard then. There is one exception: while the daemon's name changes hands (it leaves the
- * bus, or another instance takes over), the signals progressChanged(), authenticatedChanged() and discredit() are
- * emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater() in handlers of these three. A
- * client that a static object of the host owns must not be called any more when static objects are destroyed.
+ * what was under way ends unheard then. There is one exception: while the daemon leaves the bus, the signals
+ * progressChanged(), authenticatedChanged() and discredit() are emitted from inside QDBusServiceWatcher, which does not
+ * survive it. Use deleteLater() in handlers of these three. A client that a static object of the host owns must not be
+ * called any more when static objects are destroyed.
  *
  * @note Constructing the object ends the process with exit status 1, after a critical "Cannot connect to" message, when
  *       the system bus is not connected or the daemon's socket cannot be reached. So does the daemon's return to the
@@ -75,8 +80,8 @@ class AUTH_CLIENT_EXPORT AuthClient : public QObject
     Q_OBJECT
 
     /**
-     * True from the daemon's word that the user is authenticated until the next discredit(). A token is held then, unless
-     * the daemon has sent an empty one: setLocked() takes that for none.
+     * True from the daemon's word that the user is authenticated until the next discredit(). A token is held then,
+     * unless the daemon has sent an empty one: setLocked() takes that for none.
      */
     Q_PROPERTY(bool authenticated READ authenticated NOTIFY authenticatedChanged)
     /** Whether a request made with authenticate() or changeAuthData() is under way. */
@@ -88,8 +93,8 @@ public:
      *
      * Waits for the daemon's introspection data on the system bus and on the socket (a daemon that accepts and stays
      * mute holds each of the three requests for 25 seconds). A daemon that no longer accepts connections, and has no
-     * room left for one that waits, is given 25 seconds before the process ends. Makes no call of the daemon's own but the
-     * asynchronous one for the device-lock state.
+     * room left for one that waits, is given 25 seconds before the process ends. Makes no call of the daemon's own but
+     * the asynchronous one for the device-lock state.
      *
      * @param parent the owner, or nullptr
      */

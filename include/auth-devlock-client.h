@@ -11,16 +11,16 @@ class AuthDevlockClientPrivate;
  * Follows and sets the device-lock state.
  *
  * The state is the one that the daemon last reported on the system bus, never a guess: setState() changes nothing here
- * until the daemon announces the change. It is Undefined until the daemon has answered for the first time and whenever
+ * until the daemon announces the change. It is Undefined until the daemon has told for the first time and whenever
  * the daemon is away. After the daemon's return it stays Undefined until the daemon announces a state. When the system
- * bus dies it becomes Undefined for good: the toolkit does not connect anew. A screen must treat Undefined as locked.
+ * bus dies it becomes Undefined for good: Qt D-Bus does not connect anew. A screen must treat Undefined as locked.
  *
  * The object may be deleted at any time, also from a handler of stateChanged(), with one exception: while the daemon
  * leaves the bus, the signal is emitted from inside QDBusServiceWatcher, which does not survive it. Use deleteLater()
  * there.
  *
- * Whoever may send signals on the system bus can announce a state: a device needs a policy for its bus such as the example
- * in `dbus/vantora.AuthService.conf`.
+ * Whoever may send signals on the system bus can announce a state: a device needs a policy for its bus such as the
+ * example in `dbus/vantora.AuthService.conf`.
  *
  * All objects of this library belong to one and the same thread, usually the main one; signals are emitted there, from
  * its event loop.
@@ -52,7 +52,8 @@ public:
     /**
      * Connects to the daemon on the system bus and asks for the present state.
      *
-     * The answer arrives later: the first stateChanged() comes with it. The constructor itself waits only for the bus
+     * The answer arrives later: the first stateChanged() comes with it, or with an announcement that comes before it;
+     * none comes while the daemon cannot tell. The constructor itself waits only for the bus
      * and for the daemon's introspection data, at most 25 seconds when a daemon owns the name and does not answer.
      *
      * @param parent the owner, or nullptr

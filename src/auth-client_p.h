@@ -48,6 +48,7 @@ public:
     bool progress = false;
     AuthDevlockClient devlock;
     SignalRelay relay;
+    // After the relay, which its connection's subscriptions need to the end.
     AuthChallengeHolder challengeHolder;
     QByteArray m_authToken;
     AuthClient *const q;

@@ -11,6 +11,7 @@
 #include <QtDBus/QDBusReply>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -22,13 +23,14 @@ namespace {
 
 // Qt D-Bus writes every message to the log when this is set, tokens and challenges in full. It looks when the process
 // makes its first connection.
-const bool busIsSilent = qunsetenv("QDBUS_DEBUG");
+const bool busIsSilent = !qEnvironmentVariableIsSet("QDBUS_DEBUG") || qunsetenv("QDBUS_DEBUG");
 
 /** As long as D-Bus waits for an answer. */
 constexpr std::chrono::seconds ConnectionTimeout(25);
 
-// D-Bus would wait without an end, and all its connections with it, for room in the queue of a daemon that does not
-// accept. To connect a socket that is connected already tells whether there is room, and takes none.
+// libdbus would wait without an end, and all connections of Qt D-Bus with it, for room in the queue of a daemon that
+// does not accept. connect() of a socket that is connected already takes no room: Linux looks at the queue first, waits
+// until it has room, and only then refuses.
 bool awaitRoomInQueue()
 {
     sockaddr_un address = {};
@@ -44,10 +46,12 @@ bool awaitRoomInQueue()
     while (error == EINTR && !deadline.hasExpired()) {
         // None at all would be no limit.
         const qint64 left = qMax(deadline.remainingTime(), qint64(1));
-        const timeval limit = {left / 1000, left % 1000 * 1000};
+        const timeval limit = {time_t(left / 1000), suseconds_t(left % 1000 * 1000)};
         setsockopt(sockets[0], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        connect(sockets[0], reinterpret_cast<const sockaddr *>(&address), sizeof address);
-        error = errno;
+        if (connect(sockets[0], reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0)
+            error = errno;
+        else
+            error = EISCONN;
     }
     close(sockets[0]);
     close(sockets[1]);
@@ -73,8 +77,8 @@ QDBusConnection connectToPeer(const QString &name)
 
 } // namespace
 
-// Not QDBusInterface::call(): QDBusAbstractInterface of Qt 5.15 adds a value to an error reply without any, while the D-Bus
-// thread may still be reading the reply.
+// Not QDBusInterface::call(): QDBusAbstractInterface of Qt 5.15 adds a value to an error reply without any, while the
+// D-Bus thread may still be reading the reply.
 QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVariantList &arguments)
 {
     QDBusPendingCall call = object.asyncCallWithArgumentList(method, arguments);
@@ -121,8 +125,7 @@ AuthdConnection::~AuthdConnection()
 {
     for (const Subscription &subscription : qAsConst(m_subscriptions)) {
         connection.disconnect(QString(), subscription.object->path(), subscription.object->interface(),
-                              subscription.signal, Authd::signatureOf(subscription.receiver, subscription.slot),
-                              subscription.receiver, subscription.slot);
+                              subscription.signal, subscription.signature, subscription.receiver, subscription.slot);
         QCoreApplication::removePostedEvents(subscription.receiver, QEvent::MetaCall);
     }
     QDBusConnection::disconnectFromPeer(name);
@@ -136,7 +139,7 @@ void AuthdConnection::subscribe(QObject *receiver, const QDBusInterface &object,
         ? Authd::connectToSettingsSignal(receiver, connection, signal, slot)
         : Authd::connectToAuthdSignal(receiver, connection, signal, slot);
     if (isSubscribed)
-        m_subscriptions.append({receiver, &object, signal, slot});
+        m_subscriptions.append({receiver, &object, signal, Authd::signatureOf(receiver, slot), slot});
 }
 
 AuthChallengeHolder::AuthChallengeHolder(QObject *parent, const QString &name)

@@ -34,7 +34,10 @@ struct ConnectionReference
 class PendingCallWatcher : private ConnectionReference, public QDBusPendingCallWatcher, private BusUser
 {
 public:
-    /** Whether the call had ended before it was watched; signals that came after the answer may come before it then. */
+    /**
+     * Whether the call had ended before it was watched. Signals that the daemon sent after its answer may be delivered
+     * before the completion then.
+     */
     bool mayBeOvertaken() const
     {
         return m_mayBeOvertaken;
@@ -92,9 +95,10 @@ public:
     ~AuthdConnection() override;
 
     /**
-     * Subscribes @p slot of @p receiver (as written by SLOT(), or by SIGNAL() for a relay) to a signal of @p object, one
-     * of the two interfaces, until this object goes. Calls under way, and other clients, keep a replaced connection
-     * open: its signals end all the same, with those that wait to be delivered.
+     * Subscribes @p slot of @p receiver (as written by SLOT(), or by SIGNAL() for a relay) to a signal of @p object,
+     * one of the two interfaces, until the AuthdConnection goes; @p receiver has to outlive that. Calls under way, and
+     * other clients, keep a replaced D-Bus connection open: its signals end all the same, with those that wait to be
+     * delivered.
      */
     void subscribe(QObject *receiver, const QDBusInterface &object, const QString &signal, const char *slot);
 
@@ -111,6 +115,7 @@ private:
         QObject *receiver;
         const QDBusInterface *object;
         QString signal;
+        QString signature;
         const char *slot;
     };
     QVector<Subscription> m_subscriptions;

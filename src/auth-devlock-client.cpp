@@ -73,7 +73,7 @@ void AuthDevlockClientPrivate::getState()
         if (reply.isError()) {
             qWarning() << "failed:" << reply.error().message();
             handleStateChanged(AuthDevlockClient::Undefined);
-        } else if (!call->mayBeOvertaken() || !m_told) {
+        } else if (!call->mayBeOvertaken() || !m_told) { // Else an announcement is newer than the answer.
             handleStateChanged(reply.value());
         }
     });

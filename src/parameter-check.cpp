@@ -14,7 +14,7 @@ constexpr int MaximumDepth = 64;
 // An array can have 64 MiB, and the whole map is one; what is left out here is room for the challenge.
 constexpr qint64 MaximumSize = qint64(63) * 1024 * 1024;
 
-// The most that a number takes, a structure of the toolkit's own, and the signature, length and padding of another
+// The most that a number takes, a structure of Qt D-Bus' own, and the signature, length and padding of another
 // value.
 constexpr qint64 NumberSize = 16;
 constexpr qint64 StructureSize = 48;

@@ -3,8 +3,8 @@
 #include <QtCore/qglobal.h>
 
 /**
- * Something on the heap that uses Qt D-Bus. A host may own a client in a static object, which outlives the static objects
- * of Qt D-Bus; what is left of these objects at the end of the process is deleted before that.
+ * Something on the heap that uses Qt D-Bus. A host may own a client in a static object, which outlives the static
+ * objects of Qt D-Bus. Whatever BusUser is left at the end of the process is deleted before those are destroyed.
  */
 class BusUser
 {
