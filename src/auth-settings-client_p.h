@@ -10,6 +10,15 @@
 #include <QtCore/QVector>
 #include <QtDBus/QDBusVariant>
 
+/** The roles of FactorListModel. */
+enum Role : int {
+    NameRole = Qt::UserRole,
+    TitleRole,
+    EnabledRole,
+    DisabledRole,
+    IsUnlockRole,
+};
+
 /** Finds names in a list that is asked for one after another, without searching all of it each time. */
 class NameLookup
 {
