@@ -10,6 +10,17 @@
 
 #include <cstdlib>
 
+namespace {
+
+// Each client uses D-Bus here first.
+QDBusConnection systemBus()
+{
+    makeTimerList();
+    return QDBusConnection::systemBus();
+}
+
+} // namespace
+
 // The parent comes last: should the process end meanwhile, a parent that is a static object must not find a half-made
 // child.
 AuthDevlockClient::AuthDevlockClient(QObject *parent)
@@ -36,7 +47,7 @@ void AuthDevlockClient::setState(LockState state)
 }
 
 AuthDevlockClientPrivate::AuthDevlockClientPrivate(AuthDevlockClient *publicObject)
-    : connection(QDBusConnection::systemBus())
+    : connection(systemBus())
     , devlockInterface(Authd::Service, Authd::DevlockPath, Authd::DevlockInterface, connection)
     , watcher(Authd::Service, connection,
               QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration)

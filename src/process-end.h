@@ -2,6 +2,9 @@
 
 #include <QtCore/qglobal.h>
 
+/** To be called before D-Bus is used for the first time: makes something that the thread of Qt D-Bus needs to its end. */
+void makeTimerList();
+
 /**
  * Something on the heap that uses Qt D-Bus. A host may own a client in a static object, which outlives the static
  * objects of Qt D-Bus. Whatever BusUser is left at the end of the process is deleted before those are destroyed.
