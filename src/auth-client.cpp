@@ -150,6 +150,7 @@ void AuthClientPrivate::startRequest(const QString &call, const QString &subject
                                      void (AuthClientPrivate::*finished)(QDBusPendingCallWatcher *))
 {
     QDBusInterface &main = challengeHolder.connection->authInterface;
+    // Outlives the call, also where the client is deleted.
     const QDBusConnection bus = main.connection();
     const QDBusPendingCall pending = main.asyncCallWithArgumentList(call, {subject, params});
     // A handler may delete the client, and the call is given up then.
