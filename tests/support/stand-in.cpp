@@ -58,26 +58,29 @@ void flushSystemBus()
 }
 } // namespace
 
-StandIn::StandIn()
-    : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+void StandIn::connect()
 {
+    m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     static_assert(sizeof socketPath <= sizeof address.sun_path, "the path fits");
     memcpy(address.sun_path, socketPath, sizeof socketPath);
     const timeval timeout = {180, 0};
     setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (connect(m_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+    if (::connect(m_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         qFatal("No stand-in at %s: %s", socketPath, strerror(errno));
 }
 
 StandIn::~StandIn()
 {
-    close(m_socket);
+    if (m_socket >= 0)
+        close(m_socket);
 }
 
 QJsonObject StandIn::request(const QByteArray &json)
 {
+    if (m_socket < 0)
+        connect();
     const QByteArray line = json + '\n';
     for (int sent = 0; sent < line.size();) {
         const ssize_t count = send(m_socket, line.constData() + sent, size_t(line.size() - sent), MSG_NOSIGNAL);

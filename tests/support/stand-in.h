@@ -12,7 +12,7 @@
 class StandIn
 {
 public:
-    StandIn();
+    StandIn() = default;
     ~StandIn();
     Q_DISABLE_COPY(StandIn)
 
@@ -47,6 +47,8 @@ public:
     QString owner();
 
 private:
+    void connect();
+
     int m_socket = -1;
     QByteArray m_input;
 };

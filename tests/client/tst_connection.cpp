@@ -1,4 +1,4 @@
-#include "../authd/options.h"
+#include "authd/options.h"
 #include "test-case.h"
 
 #include <QtDBus/QDBusConnection>
