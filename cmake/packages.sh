@@ -7,6 +7,8 @@ SCREEN_PACKAGES=(qtdeclarative5-dev qml-module-qtqml-models2 qml-module-qtquick2
     qml-module-qtquick-layouts qml-module-qtquick-controls2 fonts-dejavu-core)
 TEST_PACKAGES=("${SCREEN_PACKAGES[@]}" qml-module-qttest qtdeclarative5-dev-tools)
 VALGRIND_PACKAGES=(valgrind)
+LINT_PACKAGES=(clang clang-format-14 clang-tidy-14 clazy shellcheck)
+COVERAGE_PACKAGES=(gcovr)
 
 # Installs what is missing of the packages named; where that takes rights that one has not, says what to do.
 need_packages()
