@@ -5,14 +5,16 @@
 #include <QtCore/QJsonArray>
 
 #include <algorithm>
+#include <initializer_list>
 
 namespace {
 
 using Action = std::function<void(Play &play)>;
+using Names = std::initializer_list<QByteArray>;
 
 // A token that the daemon has not given out.
-const QByteArray foreignToken = "([byte 0x01, 0x02, 0x03],)";
-const QByteArray once = R"("times":1)";
+constexpr char foreignToken[] = "([byte 0x01, 0x02, 0x03],)";
+constexpr char once[] = R"("times":1)";
 
 bool isPeerCall(const QByteArray &method)
 {
@@ -325,11 +327,11 @@ std::vector<Day> makeDays()
             add("mute-" + call.name, "leaves one " + call.method + " unanswered", slipsAt(call.method, "mute"),
                 call.method == "Authenticate" ? Day::GivesUp : Day::Freezes);
     }
-    for (const QByteArray method : {"RequestChallenge", "Authenticate", "SetDevlockState"}) {
+    for (const QByteArray &method : Names{"RequestChallenge", "Authenticate", "SetDevlockState"}) {
         add("lose-reply-" + method, "does what " + method + " asks, and loses the reply", slipsAt(method, "lose-reply"),
             method == "Authenticate" ? Day::Quick : Day::Freezes);
     }
-    for (const QByteArray method : {"Authenticate", "SetDevlockState"}) {
+    for (const QByteArray &method : Names{"Authenticate", "SetDevlockState"}) {
         add("lose-signals-" + method, "does what " + method + " asks, and loses the signal",
             slipsAt(method, "lose-signals"), Day::GivesUp);
         add("signal-first-" + method, "sends the signal of " + method + " before its reply",
@@ -370,7 +372,7 @@ std::vector<Day> makeDays()
     const Action restarts = asks(restart);
     add("stale-RequestChallenge", "gives a challenge that it does not take; restarts later",
         answersAt("RequestChallenge", "([byte 0x01],)", restarts));
-    for (const QByteArray method : {"Authenticate", "SetDevlockState"}) {
+    for (const QByteArray &method : Names{"Authenticate", "SetDevlockState"}) {
         addAnswers(method,
                    {{"error", ""},
                     {"false", "(false,)"},
@@ -380,7 +382,7 @@ std::vector<Day> makeDays()
                     {"variant", "(<true>,)"},
                     {"empty", "()"}});
     }
-    for (const QByteArray method : {"GetOption", "GetUserOption", "GetUserOptions"})
+    for (const QByteArray &method : Names{"GetOption", "GetUserOption", "GetUserOptions"})
         addAnswers(method, {{"error", ""}, {"text", "('code',)"}, {"number", "(1,)"}, {"empty", "()"}});
 
     add("restart-idle", "restarts while the device is locked", idles(asks(restart)));
@@ -398,7 +400,7 @@ std::vector<Day> makeDays()
             play.daemon(start);
             play.usable();
         });
-    for (const QByteArray how : {"mute", "lose-signals", "error"}) {
+    for (const QByteArray &how : Names{"mute", "lose-signals", "error"}) {
         add(
             "left-alone-" + how, "does not tell what came of a code (" + how + "), and the user has gone",
             [=](Play &play) {

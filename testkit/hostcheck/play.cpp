@@ -26,7 +26,7 @@ const int Alone = 65000;
 const int EntryPause = 2000;
 const int Tick = 20;
 
-[[noreturn]] void find(const QString &what)
+[[noreturn]] void fail(const QString &what)
 {
     throw Outcome{Outcome::Failed, what};
 }
@@ -191,7 +191,7 @@ void Play::enter(const QByteArray &code)
     // That the host has ended is seen elsewhere.
     const ssize_t sent = send(m_probe, line.constData(), size_t(line.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0 && sent != line.size())
-        find(QStringLiteral("did not read from the probe"));
+        fail(QStringLiteral("did not read from the probe"));
 }
 
 QByteArray Play::wrongCode() const
@@ -231,7 +231,7 @@ void Play::reach(const QByteArray &method, int nth)
     if (!reached()
         && !enterUntil(
             m_code, [&] { return reached() || isUnlocked(); }, EntryPause))
-        find(QStringLiteral("the right code had no effect within %1").arg(seconds(m_patience.code)));
+        fail(QStringLiteral("the right code had no effect within %1").arg(seconds(m_patience.code)));
     if (!reached())
         throw Outcome{Outcome::NotReached, QStringLiteral("the host made no such call")};
 }
@@ -270,7 +270,7 @@ void Play::unlock()
 
 void Play::failToUnlock()
 {
-    find(isDaemonUnlocked()
+    fail(isDaemonUnlocked()
              ? QStringLiteral("did not tell within %1 that the right code had unlocked").arg(seconds(m_patience.code))
              : QStringLiteral("the right code did not unlock within %1").arg(seconds(m_patience.code)));
 }
@@ -308,7 +308,7 @@ void Play::end()
     const bool asAsked = WIFSIGNALED(m_status) ? WTERMSIG(m_status) == SIGTERM
                                                : WEXITSTATUS(m_status) == 0 || WEXITSTATUS(m_status) == 128 + SIGTERM;
     if (!asAsked)
-        find(endText(m_status) + QStringLiteral(" when asked to end"));
+        fail(endText(m_status) + QStringLiteral(" when asked to end"));
     awaitNoChildren();
     // What it has claimed ends with it.
     m_claimsUnlocked = false;
@@ -332,10 +332,10 @@ Outcome Play::judgeEnd(const HostEnded &end)
     m_isEnding = true;
     observe();
     if (m_claimsUnlocked && !isDaemonUnlocked())
-        find(endText(end.status) + QStringLiteral(" while it claimed to be unlocked and the daemon was ")
+        fail(endText(end.status) + QStringLiteral(" while it claimed to be unlocked and the daemon was ")
              + daemonState());
     if (!WIFEXITED(end.status) || WEXITSTATUS(end.status) != 1 || !m_mayEnd())
-        find(endText(end.status) + (m_isUp ? QString() : QStringLiteral(" before it was up")));
+        fail(endText(end.status) + (m_isUp ? QString() : QStringLiteral(" before it was up")));
     awaitNoChildren();
     return {Outcome::Passed, endText(end.status)};
 }
@@ -365,7 +365,7 @@ QString Play::daemonState() const
 void Play::await(const std::function<bool()> &condition, int milliseconds, const QString &finding)
 {
     if (!until(condition, milliseconds))
-        find(finding);
+        fail(finding);
 }
 
 bool Play::until(const std::function<bool()> &condition, qint64 milliseconds)
@@ -445,7 +445,7 @@ void Play::hear(const QByteArray &line)
         return;
     }
     if (line != "unlocked")
-        find(QStringLiteral("told neither locked nor unlocked, but \"%1\"").arg(QString::fromUtf8(line)));
+        fail(QStringLiteral("told neither locked nor unlocked, but \"%1\"").arg(QString::fromUtf8(line)));
     m_claimsUnlocked = true;
     // The host may be late. It speaks of the first time that the daemon was Unlocked, of those that it has not yet left
     // behind and that have not ended too long ago.
@@ -456,13 +456,13 @@ void Play::hear(const QByteArray &line)
             return;
         }
     }
-    find(QStringLiteral("claimed to be unlocked while the daemon was ") + daemonState());
+    fail(QStringLiteral("claimed to be unlocked while the daemon was ") + daemonState());
 }
 
 void Play::checkClaim()
 {
     if (m_claimsUnlocked && !isDaemonUnlocked() && m_clock.elapsed() - m_truth.last().since > Grace) {
-        find(QStringLiteral("still claimed to be unlocked after the daemon had been %1 for %2")
+        fail(QStringLiteral("still claimed to be unlocked after the daemon had been %1 for %2")
                  .arg(daemonState(), seconds(Grace)));
     }
 }

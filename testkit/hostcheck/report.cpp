@@ -148,7 +148,8 @@ QByteArray Report::endOfLog(const Day &day, int lines) const
     while (!all.isEmpty() && all.last().isEmpty())
         all.removeLast();
     QByteArray result;
-    for (const QByteArray &line : all.mid(qMax(0, all.size() - lines)))
+    const QList<QByteArray> end = all.mid(qMax(0, all.size() - lines));
+    for (const QByteArray &line : end)
         result += "    " + line + '\n';
     return result;
 }
