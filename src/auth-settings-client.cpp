@@ -43,7 +43,7 @@ AuthClientPrivate *createFunc(AuthClient *q)
 
 AuthSettingsClient *AuthSettingsClient::get()
 {
-    // Made after the toolkit's static objects, which its construction touches, and so destroyed before them.
+    // Constructing the object touches the static objects of Qt D-Bus, which are so made earlier and destroyed later.
     static const std::unique_ptr<AuthSettingsClient> holder(new AuthSettingsClient(nullptr));
     return holder.get();
 }
@@ -243,7 +243,7 @@ QVariantMap AuthSettingsClientPrivate::getUserOptions(uint uid, const QStringLis
 
 bool AuthSettingsClientPrivate::setUserOption(uint uid, const QString &key, const QVariant &value)
 {
-    // Not a QDBusReply, which would make an error of an answer of another type.
+    // Not a QDBusReply<bool>: an answer of another type than bool would be an error.
     const QDBusMessage reply = callMethod(challengeHolder.connection->settingsInterface, Authd::Method::SetUserOption,
                                           {uid, m_authToken, key, QVariant::fromValue(QDBusVariant(value))});
     if (reply.type() == QDBusMessage::ErrorMessage) {
@@ -384,7 +384,7 @@ void AuthSettingsClientPrivate::setIsUserSettable(bool value)
         updateIsUserSettable(value);
 }
 
-// Unlike the others it leaves the change to the daemon's announcement.
+// Unlike the other two setters, this one leaves the change to the daemon's announcement.
 void AuthSettingsClientPrivate::setIsMultiFactorable(bool value)
 {
     if (m_uid == 0 || m_isMultiFactorable == value)
@@ -549,40 +549,31 @@ void AuthSettingsClientPrivate::triggerFactorInternal(int row)
     saveFactorsInternal();
 }
 
-template <typename Function> void AuthSettingsClientPrivate::forEachUnlockFactor(Function function)
-{
-    for (Factor &factor : m_factors) {
-        if (factor.type == Authd::Value::Unlock)
-            function(factor);
-    }
-}
-
 void AuthSettingsClientPrivate::triggerUnlockFactor(const QString &name)
 {
     bool turnedOn = false;
     bool wasOn = false;
     bool otherOn = false;
-    forEachUnlockFactor([&](Factor &factor) {
+    QVector<Factor *> others;
+    for (Factor &factor : m_factors) {
+        if (factor.type != Authd::Value::Unlock)
+            continue;
         if (factor.name == name) {
             factor.selected = !factor.enabled;
             turnedOn = factor.selected;
             wasOn = factor.enabled;
-        } else if (factor.enabled) {
-            otherOn = true;
+        } else {
+            others.append(&factor);
+            otherOn = otherOn || factor.enabled;
         }
-    });
-    const auto selectOthers = [&](bool selected) {
-        forEachUnlockFactor([&](Factor &factor) {
-            if (factor.name != name)
-                factor.selected = selected;
-        });
-    };
-    // This factor is exclusive.
-    if (turnedOn && otherOn && name == Authd::Value::Sudis)
-        selectOthers(false);
-    // Unlocking is never left without a factor.
-    if (wasOn && !otherOn)
-        selectOthers(true);
+    }
+    // One factor is exclusive, and unlocking is never left without a factor.
+    const bool excludesOthers = turnedOn && otherOn && name == Authd::Value::Sudis;
+    const bool leavesNone = wasOn && !otherOn;
+    if (excludesOthers || leavesNone) {
+        for (Factor *other : qAsConst(others))
+            other->selected = leavesNone;
+    }
     saveFactorsInternal();
 }
 
