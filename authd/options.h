@@ -8,7 +8,10 @@
 
 // clazy:excludeall=non-pod-global-static
 
-/** The names exchanged with the authentication daemon. */
+/**
+ * The names exchanged with the authentication daemon, and nothing else of the daemon: it is another project, whose names
+ * these are. authd/ holds this header alone.
+ */
 namespace Authd {
 
 const QString Service = QStringLiteral("vantora.AuthService");

@@ -57,7 +57,7 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * @section parameters Parameter maps
  * The maps given to authenticate(), changeAuthData(), factorMethod() and factorMethodWait() travel over D-Bus. They may
  * hold booleans, integers of 8 (unsigned), 16, 32 and 64 bits, doubles, strings, byte arrays, string lists, lists and
- * maps of such values, and what else the toolkit can marshal, types registered with qDBusRegisterMetaType() included
+ * maps of such values, and what else Qt D-Bus can marshal, types registered with qDBusRegisterMetaType() included
  * (what the stream operator of such a type writes is the host's own responsibility). These cannot be carried: an
  * invalid value (QML's undefined), a null pointer (null), a function, an object, any other type; a string with a NUL
  * character or half a surrogate pair, which would arrive altered; 20 maps or 30 lists inside each other, fewer when

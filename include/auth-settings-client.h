@@ -40,7 +40,7 @@ class AuthSettingsClientPrivate;
  * as a list of one.
  *
  * @section blocking Blocking
- * Reads and writes wait for the daemon: at most 25 seconds each, the toolkit's default. Signals of the daemon that
+ * Reads and writes wait for the daemon: at most 25 seconds each, the default of Qt D-Bus. Signals of the daemon that
  * arrive meanwhile are delivered afterwards, from the event loop. A call that fails is logged as a warning
  * ("getOption", "getUserOption", "getUserOptions" or "setUserOption", "failed:" and the daemon's words); a write that
  * the daemon answers with false is not. The getters, hasFactor(), hasEnabledFactor(), hasChosenFactor(),

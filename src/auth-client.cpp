@@ -150,7 +150,7 @@ void AuthClientPrivate::startRequest(const QString &call, const QString &subject
                                      void (AuthClientPrivate::*finished)(QDBusPendingCallWatcher *))
 {
     QDBusInterface &main = challengeHolder.connection->authInterface;
-    // Outlives the call, also where the client is deleted.
+    // This reference to the connection outlives the call, also where a handler deletes the client.
     const QDBusConnection bus = main.connection();
     const QDBusPendingCall pending = main.asyncCallWithArgumentList(call, {subject, params});
     // A handler may delete the client, and the call is given up then.

@@ -21,8 +21,8 @@
 
 namespace {
 
-// Qt D-Bus writes every message to the log when this is set, tokens and challenges in full. It looks when the process
-// makes its first connection.
+// Where QDBUS_DEBUG is set, Qt D-Bus 5.15 writes every message to the log, tokens and challenges in full. Qt D-Bus looks
+// at the variable when the process makes its first connection.
 const bool busIsSilent = !qEnvironmentVariableIsSet("QDBUS_DEBUG") || qunsetenv("QDBUS_DEBUG");
 
 /** As long as D-Bus waits for an answer. */
@@ -44,7 +44,7 @@ bool awaitRoomInQueue()
     const QDeadlineTimer deadline(ConnectionTimeout);
     int error = EINTR;
     while (error == EINTR && !deadline.hasExpired()) {
-        // None at all would be no limit.
+        // A limit of zero would be no limit.
         const qint64 left = qMax(deadline.remainingTime(), qint64(1));
         const timeval limit = {time_t(left / 1000), suseconds_t(left % 1000 * 1000)};
         setsockopt(sockets[0], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
@@ -66,7 +66,7 @@ bool awaitRoomInQueue()
 
 QDBusConnection connectToPeer(const QString &name)
 {
-    // A connection of the same name is handed out again, even if the daemon has closed it.
+    // QDBusConnection::connectToPeer() of Qt 5.15 hands out a connection that has the name, even a closed one.
     if (!QDBusConnection(name).isConnected()) {
         QDBusConnection::disconnectFromPeer(name);
         if (!awaitRoomInQueue())
@@ -95,8 +95,8 @@ PendingCallWatcher::PendingCallWatcher(const QDBusConnection &bus, const QDBusPe
     enlist();
 }
 
-// QDBusPendingCallWatcher of Qt 5.15 says twice that a call has ended which fails in the D-Bus thread, for want of a
-// connection, while the watcher is being made.
+// When a call fails in the D-Bus thread, for want of a connection, while its QDBusPendingCallWatcher of Qt 5.15 is being
+// made, the watcher says twice that the call has ended.
 void PendingCallWatcher::handleFinished()
 {
     if (m_isComplete)

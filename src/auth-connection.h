@@ -18,7 +18,7 @@
 /** Calls @p method of @p object and waits for the answer. */
 QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
 
-/** Outlives the watcher that it is a base of; see PendingCallWatcher. */
+/** The base of PendingCallWatcher that outlives the others; why, is told there. */
 struct ConnectionReference
 {
     QDBusConnection connection;
@@ -27,9 +27,9 @@ struct ConnectionReference
 /**
  * Watches one call, and completes it once.
  *
- * A connection that closes frees its pending calls while their watchers still point at them, so each watcher keeps its
- * own reference to the connection. It is the first base because it has to be released after the other base's pending
- * call.
+ * QDBusConnection of Qt 5.15 frees the pending calls of a connection that closes while their watchers still point at the
+ * calls, so each watcher keeps a reference of its own to the connection. The reference is the first base because it has to
+ * be released after the pending call of the second.
  */
 class PendingCallWatcher : private ConnectionReference, public QDBusPendingCallWatcher, private BusUser
 {

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Each client uses D-Bus here first.
+// Every client's first use of D-Bus is this one.
 QDBusConnection systemBus()
 {
     makeTimerList();

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Null for a model with another parent, and for one whose parent is past its own destructor.
+// Null for a model with another parent, and for a model whose parent's own destructor has run.
 const AuthSettingsClientPrivate *clientOf(const FactorListModel *model)
 {
     return qobject_cast<const AuthSettingsClientPrivate *>(model->QObject::parent());

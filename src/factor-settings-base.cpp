@@ -17,7 +17,7 @@ FactorSettingsBase::FactorSettingsBase(QObject *parent, const QString &method)
 {
     connect(d->client, &AuthClient::factorSignal, this, [this](const QString &factor, const QVariantMap &params) {
         const QVariant type = params.value(Authd::Key::Type);
-        // Compared as variants, a byte array or a list of one string would do as well.
+        // QVariant of Qt 5.15 finds a byte array, and a list of one string, equal to a string.
         if (factor != d->method || type.userType() != QMetaType::QString
             || type.toString() != Authd::Request::OptionChanged)
             return;

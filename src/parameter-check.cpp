@@ -118,7 +118,7 @@ bool ParameterCheck::compound(const QVariant &value, int depth)
     if (type == qMetaTypeId<QDBusArgument>())
         return argument(value.value<QDBusArgument>(), depth);
 
-    // Empty for a type whose own operator is faulty.
+    // The signature of a type whose own operator is faulty is empty.
     const QByteArray signature = type == QMetaType::UnknownType ? nullptr : QDBusMetaType::typeToSignature(type);
     bool sendable = !signature.isEmpty();
     if (type == qMetaTypeId<QDBusObjectPath>())
@@ -132,7 +132,7 @@ bool ParameterCheck::compound(const QVariant &value, int depth)
 
     if (!enter(signature, depth))
         return false;
-    // Not toMap() and toList(), which give nothing for types that a host has registered.
+    // Not QVariant::toMap() and toList(), which in Qt 5.15 give nothing for types that a host has registered.
     if (value.canConvert<QVariantMap>())
         return map(value.value<QVariantMap>(), depth);
     if (value.canConvert<QVariantList>())
@@ -145,7 +145,7 @@ bool ParameterCheck::argument(const QDBusArgument &argument, int depth)
 {
     const QByteArray signature = argument.currentSignature().toLatin1();
     const QDBusArgument::ElementType type = argument.currentType();
-    // Empty, read to its end, or still being written.
+    // The argument is empty, read to its end, or still being written.
     if (type == QDBusArgument::UnknownType)
         return refuse(QStringLiteral("cannot be sent over D-Bus"));
     if (type == QDBusArgument::BasicType || type == QDBusArgument::VariantType || signature == "ay"

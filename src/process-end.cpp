@@ -15,7 +15,7 @@ struct BusUsers
 
     ~BusUsers()
     {
-        // Each takes itself off the list.
+        // Every user takes itself off the list.
         while (first)
             delete first; // NOLINT(clang-analyzer-cplusplus.NewDelete)
     }

@@ -7,7 +7,7 @@ void makeTimerList();
 
 /**
  * Something on the heap that uses Qt D-Bus. A host may own a client in a static object, which outlives the static
- * objects of Qt D-Bus. Whatever BusUser is left at the end of the process is deleted before those are destroyed.
+ * objects of Qt D-Bus. A BusUser that is left at the end of the process is deleted before those of Qt D-Bus.
  */
 class BusUser
 {
