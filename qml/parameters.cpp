@@ -80,7 +80,7 @@ QVariant ParameterReader::value(const QJSValue &value)
     if (value.isQObject())
         return refuse(QStringLiteral("QObject"), notCarried());
     if (value.isVariant()) {
-        const QVariant variant = value.toVariant();
+        QVariant variant = value.toVariant();
         if (variant.userType() == qMetaTypeId<AuthParameterMap>())
             return variant.value<AuthParameterMap>().values;
         return variant;
@@ -103,7 +103,7 @@ QVariant ParameterReader::value(const QJSValue &value)
     if (m_containers.size() == MaximumDepth)
         return refuse(kind, QStringLiteral("is nested too deeply for D-Bus"));
     m_containers.append(value);
-    const QVariant result = isList ? list(value) : map(value);
+    QVariant result = isList ? list(value) : map(value);
     m_containers.removeLast();
     return result;
 }
