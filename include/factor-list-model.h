@@ -10,7 +10,7 @@ class AuthSettingsClientPrivate;
  * The factors that the current user may see and choose, a row each: the login factors first, then the chosen unlock
  * factors whose name no login row carries.
  *
- * It belongs to an AuthSettingsClient, which hands it out as its `factors` property and through
+ * The model belongs to an AuthSettingsClient, which hands it out as its `factors` property and through
  * AuthSettingsClient::factors(), and lives exactly as long as that. A host neither makes, deletes nor reparents it.
  *
  * The roles, by the names that delegates use:

@@ -18,7 +18,7 @@
 /** Calls @p method of @p object and waits for the answer. */
 QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
 
-/** The base of PendingCallWatcher that outlives the others; why, is told there. */
+/** The base of PendingCallWatcher that is destroyed last. */
 struct ConnectionReference
 {
     QDBusConnection connection;
