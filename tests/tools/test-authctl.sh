@@ -225,21 +225,6 @@ status 0 "'a': <byte 0x01>, 'b': <int16 -2>, 'c': <uint16 3>, 'd': <-4>, 'e': <u
     "$standin" ctl '{"do":"calls"}'
 
 # 2: wrong usage
-status 2 'no command' "$authctl"
-status 2 'no such command: "bogus"' "$authctl" bogus
-status 2 'wants --factor' "$authctl" authenticate login
-status 2 'everybody can see' "$authctl" authenticate login --factor code --data geheim
-status 2 'never from the command line' "$authctl" authenticate login geheim --factor code
-status 2 'never from the command line' "$authctl" unlock geheim --factor code
-status 2 'too many arguments for state \(see' "$authctl" state extra
-status 2 'no such state: "open"' "$authctl" set-state open
-for seconds in soon 0 -1 1e9 nan; do
-    status 2 'wants a number of seconds, more than 0 and at most 1000000 ' "$authctl" state --timeout $seconds
-done
-for command in lock 'user 1000 set is-user-settable on' 'authenticate login'; do
-    status 2 "--factor wants a factor's name" "$authctl" $command --factor '' --data - </dev/null
-    status 2 "--factor wants a factor's name" "$authctl" $command --factor=
-done
 status 2 'not KEY=VALUE' "$authctl" factor-method code echo value
 status 2 'no such type: "value:z=1"' "$authctl" factor-method code echo value:z=1
 status 2 'not of its type' "$authctl" factor-method code echo value:b=yes
@@ -253,11 +238,6 @@ status 2 'not a number from -32768 to 32767' "$authctl" factor-method code echo 
 status 2 'not a number from 0 to 65535' "$authctl" factor-method code echo value:q=-1
 status 2 'given twice' "$authctl" factor-method code echo type:u=7
 status 2 'given twice' "$authctl" factor-method code echo value=a value=b
-status 2 'in a session' "$authctl" lock --token
-status 2 'a command of a session' "$authctl" drop
-status 2 'the commands of options are: get \(see' "$authctl" options
-status 2 'more arguments' "$authctl" options get
-status 2 'the commands of user are: show, set, last-login' "$authctl" user 1000 dance
 status 2 'user is given by a number, the user id: "alex"' "$authctl" user alex show
 status 2 'user is given by a number' "$authctl" factors --user 4294967296
 for nobody in 0 4294967295; do
@@ -267,14 +247,6 @@ done
 status 2 'no such flag: "is-settable"' "$authctl" user 1000 set is-settable on --factor code
 status 2 'on or off: "yes"' "$authctl" user 1000 set is-user-settable yes --factor code
 status 2 'never from the command line' "$authctl" user 1000 set is-user-settable on geheim --factor code
-status 2 'does not take --user' "$authctl" user 1000 show --user 1001
-status 2 'does not authenticate' "$authctl" factors --factor code
-status 2 'works only in a session' "$authctl" factors toggle code --token
-status 2 'wants an authentication: --factor \(see' "$authctl" factors toggle code
-status 2 'wants an authentication' "$authctl" user 1000 set is-user-settable on
-status 2 'wants an authentication' "$authctl" unlock-factors toggle code
-status 2 'wants an authentication' "$authctl" method code set length:u=5
-status 2 'wants an authentication' "$authctl" method code action reset
 status 2 'not KEY=VALUE' "$authctl" method code set length --factor code
 status 2 'not a number from 0 to 4294967295: "length:u=-1"' "$authctl" method code set length:u=-1 --factor code
 status 2 'no terminal' setsid -w "$authctl" authenticate login --factor code
