@@ -1,5 +1,5 @@
 #include "console.h"
-#include "doctor.h"
+#include "examine.h"
 #include "secret-input.h"
 #include "warnings.h"
 

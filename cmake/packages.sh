@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2034
 # The Debian packages that the project needs, and how demo and check get them. To be sourced by bash.
 
-BUILD_PACKAGES=(g++ cmake ninja-build pkgconf qtbase5-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build pkgconf qtbase5-dev libdbus-1-dev)
 STANDIN_PACKAGES=(libglib2.0-dev libjson-glib-dev dbus-daemon util-linux mount)
 SCREEN_PACKAGES=(qtdeclarative5-dev qml-module-qtqml-models2 qml-module-qtquick2 qml-module-qtquick-window2
     qml-module-qtquick-layouts qml-module-qtquick-controls2 fonts-dejavu-core)

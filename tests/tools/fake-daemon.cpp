@@ -69,7 +69,8 @@ void addField(Bytes &fields, char field, const Bytes &type, const Bytes &value)
 Bytes message(char type, uint32_t replySerial, const Bytes &signature, const Bytes &body, const Bytes &errorName = {})
 {
     Bytes fields;
-    addField(fields, 5, "u", number(replySerial));
+    if (replySerial != 0)
+        addField(fields, 5, "u", number(replySerial));
     if (!errorName.empty())
         addField(fields, 4, "s", text(errorName));
     if (type == 4) {

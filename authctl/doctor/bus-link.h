@@ -4,7 +4,10 @@
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QString>
 
+#include <memory>
 #include <sys/socket.h>
+
+struct DBusMessage;
 
 /** What may come of a step of a conversation. */
 enum class Outcome {
@@ -39,9 +42,11 @@ struct BusReply
 
 /**
  * A conversation with a bus, or with a daemon on its own socket, that keeps its deadlines whatever the other side does
- * and believes nothing that it says about lengths.
+ * and believes nothing that the other side says about lengths.
  *
- * The toolkit's connections wait for 25 seconds, in places for ever, so they are of no use for a search after faults.
+ * libdbus puts the messages together and takes them apart. The handshake is made by hand: `QDBusConnection` of Qt 5.15
+ * and `dbus_connection_open` of libdbus wait for 25 seconds, in places for ever, so they are of no use for a search
+ * after faults.
  */
 class BusLink
 {
@@ -54,11 +59,12 @@ public:
     Outcome connectTo(const QByteArray &name, const QDeadlineTimer &deadline);
     /** Shakes hands, with the mechanism EXTERNAL. */
     Outcome authenticate(const QDeadlineTimer &deadline);
-    /** Calls a method, but starts no daemon with it. */
+    /** Calls a method, but has no daemon started for the call. */
     Outcome call(const BusMessage &message, BusReply &reply, const QDeadlineTimer &deadline);
+    /** Sends a signal; where the destination is no name of a bus, it is garbage and not sent. */
     Outcome sendSignal(const BusMessage &message, const QDeadlineTimer &deadline);
 
-    /** The longest name of a socket that the toolkit takes. */
+    /** The longest name of a socket that libdbus takes. */
     static const int LongestName = 99;
     /** What the other side called itself in the handshake. */
     QByteArray guid() const;
@@ -74,13 +80,13 @@ public:
     ucred listener() const;
 
 private:
-    struct Header;
+    using Message = std::unique_ptr<DBusMessage, void (*)(DBusMessage *)>;
 
     Outcome send(QByteArray data, const QDeadlineTimer &deadline);
+    Outcome send(const Message &message, const QString &argument, const QDeadlineTimer &deadline);
     Outcome receive(const QDeadlineTimer &deadline);
-    Outcome receiveMessage(Header &header, QByteArray &body, const QDeadlineTimer &deadline);
+    Outcome receive(Message &message, const QDeadlineTimer &deadline);
     Outcome garbage(const QString &words);
-    QByteArray marshal(uchar type, uchar flags, const BusMessage &message);
 
     int m_socket = -1;
     int m_error = 0;
