@@ -1,9 +1,11 @@
 #include "console.h"
 
 #include "awaited.h"
+#include "command.h"
 #include "secret-input.h"
 #include "values.h"
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QJsonArray>
 #include <QtCore/QMetaEnum>
 #include <QtCore/QRegularExpression>
@@ -94,7 +96,7 @@ Console::Console(Output &output)
 
 int Console::perform(const Request &request)
 {
-    m_command = request.command;
+    m_command = request.command->name();
     m_deadline.setRemainingTime(request.timeout);
 
     std::optional<QByteArray> secret;
@@ -103,27 +105,24 @@ int Console::perform(const Request &request)
         if (!secret)
             return WrongUsage;
     }
-    if (SettingsConsole::knows(m_command))
-        return m_settings.perform(request, secret);
-    if (secret) {
-        const int status = authenticate(m_client, request, *secret);
-        if (status != Done)
-            return status;
-    }
-    if (m_command == QLatin1String("state"))
-        return tellState();
-    if (m_command == QLatin1String("unlock-if-needed"))
-        return unlockIfNeeded();
-    if (m_command == QLatin1String("factor-method"))
-        return callFactor(request);
-    if (m_command == QLatin1String("drop")) {
-        m_client.dropAuthentication();
-        m_settings.dropAuthentication();
-        return finish(Done, QStringLiteral("Token dropped"));
-    }
-    if (m_command != QLatin1String("authenticate"))
-        return setState(request);
-    return Done;
+    if (const auto *ofSettings = std::get_if<SettingsAction>(&request.command->action))
+        return m_settings.perform(*ofSettings, request, secret);
+    const int status = secret ? authenticate(m_client, request, *secret) : Done;
+    const auto action = std::get<ConsoleAction>(request.command->action);
+    return status == Done && action ? (this->*action)(request) : status;
+}
+
+int Console::drop(const Request &)
+{
+    m_client.dropAuthentication();
+    m_settings.dropAuthentication();
+    return finish(Done, QStringLiteral("Token dropped"));
+}
+
+int Console::quit(const Request &)
+{
+    m_hasQuit = true;
+    return m_status;
 }
 
 int Console::finish(int status, const QString &text, const QJsonObject &details)
@@ -176,9 +175,23 @@ int Console::authenticate(AuthClient &client, const Request &request, const QByt
     return Done;
 }
 
+int Console::lock(const Request &request)
+{
+    return changeState(request, AuthDevlockClient::Locked);
+}
+
+int Console::unlock(const Request &request)
+{
+    return changeState(request, AuthDevlockClient::Unlocked);
+}
+
 int Console::setState(const Request &request)
 {
-    const auto wanted = AuthDevlockClient::LockState(request.state);
+    return changeState(request, AuthDevlockClient::LockState(request.state));
+}
+
+int Console::changeState(const Request &request, AuthDevlockClient::LockState wanted)
+{
     if (request.token || !request.factor.isEmpty()) {
         if (!m_client.setLocked(wanted))
             return finish(Refused, QStringLiteral("the state may not be set"));
@@ -197,7 +210,7 @@ int Console::setState(const Request &request)
     return finish(Done, stateName(*state), stateDetails(*state));
 }
 
-int Console::tellState()
+int Console::tellState(const Request &)
 {
     const auto state = askState();
     if (!state)
@@ -220,7 +233,7 @@ std::optional<AuthDevlockClient::LockState> Console::askState()
     return answer;
 }
 
-int Console::unlockIfNeeded()
+int Console::unlockIfNeeded(const Request &)
 {
     Awaited<bool> outcome;
     QObject::connect(&m_client, &AuthClient::unlockIfNeededFinished, &outcome, &Awaited<bool>::set);
@@ -249,10 +262,9 @@ int Console::callFactor(const Request &request)
 
 int Console::follow(const Request &request)
 {
-    m_command = request.command;
-    m_deadline.setRemainingTime(request.timeout);
     printEvents();
-    return request.user ? m_settings.follow(request) : Done;
+    const int status = request.user ? m_settings.follow(request) : Done;
+    return status == Done ? QCoreApplication::exec() : status;
 }
 
 void Console::printEvents()
@@ -296,9 +308,8 @@ int Console::runSession(const Request &session)
 {
     m_session = true;
     printEvents();
-    int status = Done;
     QByteArray line;
-    while (readLine(line)) {
+    while (!m_hasQuit && readLine(line)) {
         const QString text = QString::fromLocal8Bit(line).trimmed();
         if (text.isEmpty() || text.startsWith(QLatin1Char('#')))
             continue;
@@ -306,20 +317,19 @@ int Console::runSession(const Request &session)
         const QStringList words = splitLine(text);
         const auto request = parseRequest(words, &session, problem);
         if (!request) {
-            m_command = isCommand(words.value(1)) ? words.value(1) : QString();
+            const QString word = words.value(1);
+            m_command = findCommand({word}) || !verbs(word).isEmpty() ? word : QString();
             const bool secretFollows = announcesSecret(text);
             if (secretFollows)
                 problem += QStringLiteral("; the next line is dropped: it should be the secret");
-            status = finish(WrongUsage, problem);
+            m_status = finish(WrongUsage, problem);
             if (secretFollows && !readLine(line))
                 break;
             continue;
         }
-        if (request->command == QLatin1String("quit"))
-            break;
-        status = perform(*request);
+        m_status = perform(*request);
     }
-    return status;
+    return m_status;
 }
 
 std::optional<QByteArray> Console::readSecret(const Request &request)

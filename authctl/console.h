@@ -22,10 +22,20 @@ public:
 
     /** Does one command; returns its status. */
     int perform(const Request &request);
-    /** Prints everything that happens, from now on; returns the status. */
+
+    // What single commands do, for their table; each returns its status.
+    int tellState(const Request &request);
+    int lock(const Request &request);
+    int unlock(const Request &request);
+    int setState(const Request &request);
+    int unlockIfNeeded(const Request &request);
+    int callFactor(const Request &request);
+    /** Prints everything that happens, from now on. */
     int follow(const Request &request);
-    /** Does the commands that come on standard input; returns the status of the last one. */
+    /** Does the commands that come on standard input; the status is that of the last one. */
     int runSession(const Request &session);
+    int drop(const Request &request);
+    int quit(const Request &request);
 
     /** Tells the result of the command being done; returns the status. */
     int finish(int status, const QString &text, const QJsonObject &details = QJsonObject());
@@ -37,11 +47,7 @@ public:
 
 private:
     void printEvents();
-    int setState(const Request &request);
-    int tellState();
-    int unlockIfNeeded();
-    int callFactor(const Request &request);
-
+    int changeState(const Request &request, AuthDevlockClient::LockState wanted);
     std::optional<AuthDevlockClient::LockState> askState();
     std::optional<QByteArray> readSecret(const Request &request);
     bool readLine(QByteArray &line);
@@ -55,5 +61,7 @@ private:
     QString m_command;         ///< the one being done
     QDeadlineTimer m_deadline; ///< the time it has left
     bool m_session = false;
-    QByteArray m_input; ///< read from standard input, not yet used
+    bool m_hasQuit = false;
+    int m_status = Done; ///< of the session's last command
+    QByteArray m_input;  ///< read from standard input, not yet used
 };

@@ -1,7 +1,6 @@
 #include "examine.h"
 
 #include "doctor/checks.h"
-#include "request.h"
 #include "table.h"
 
 namespace {
@@ -58,7 +57,7 @@ void tell(Output &output, bool json, const Finding &finding)
 
 } // namespace
 
-int examine(Output &output, bool json)
+int examine(Output &output, const Request &request)
 {
     output.setWaiting(true);
     Machine machine;
@@ -66,7 +65,7 @@ int examine(Output &output, bool json)
     const auto tellAll = [&](const Findings &findings) {
         for (const Finding &finding : findings) {
             worst = qMax(worst, finding.level);
-            tell(output, json, finding);
+            tell(output, request.json, finding);
         }
     };
     for (const auto check : Checks) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "output.h"
+#include "request.h"
 
 /**
  * Looks for what would end, hold up or deceive a host on this machine, and tells it together with what is all right.
@@ -11,4 +12,4 @@
  *
  * @returns the exit status
  */
-int examine(Output &output, bool json);
+int examine(Output &output, const Request &request);

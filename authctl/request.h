@@ -16,6 +16,8 @@ enum Status {
     CannotWrite = 6,
 };
 
+struct Command;
+
 /** One command with its arguments, as typed on the command line or as a line of a session. */
 struct Request
 {
@@ -25,9 +27,10 @@ struct Request
         Descriptor
     };
 
-    QString command; ///< its words, without the arguments between them
-    QString service; ///< what to authenticate for
-    QString factor;  ///< what to authenticate with; empty: no authentication is asked for
+    const Command *command = nullptr;
+    QString information;                        ///< what is to be printed instead of doing the command
+    QString service = QStringLiteral("unlock"); ///< what to authenticate for
+    QString factor;                             ///< what to authenticate with; empty: no authentication is asked for
     std::optional<uint> uid;
     Secret secret = Secret::Terminal;
     int descriptor = -1;
@@ -41,22 +44,12 @@ struct Request
     QString name;             ///< of an option, a flag or a factor
     bool on = false;
     QVariant value;
+    QStringList words; ///< to be completed
 
     int timeout = 30000; ///< milliseconds
     bool json = false;
     bool verbose = false;
 };
-
-/** What may be set for a user. */
-extern const char ShowNotifications[];
-extern const char IsMultiFactorable[];
-extern const char IsUserSettable[];
-
-/** The help text. */
-extern const char Help[];
-
-/** Whether a word begins a command. */
-bool isCommand(const QString &word);
 
 /** Whether a user id means nobody. */
 bool isNobody(uint uid);

@@ -1,6 +1,7 @@
 #include "settings-console.h"
 
 #include "awaited.h"
+#include "command.h"
 #include "console.h"
 #include "table.h"
 #include "values.h"
@@ -21,6 +22,10 @@
 #include <utility>
 
 namespace {
+
+const char ShowNotifications[] = "show-notifications";
+const char IsMultiFactorable[] = "is-multi-factorable";
+const char IsUserSettable[] = "is-user-settable";
 
 struct Flag
 {
@@ -108,20 +113,20 @@ SettingsConsole::SettingsConsole(Console &console)
 {
 }
 
-bool SettingsConsole::knows(const QString &command)
+QStringList SettingsConsole::flags()
 {
-    static const QStringList words{QStringLiteral("options"), QStringLiteral("user"), QStringLiteral("factors"),
-                                   QStringLiteral("unlock-factors"), QStringLiteral("method")};
-    return words.contains(command.section(QLatin1Char(' '), 0, 0));
+    QStringList names;
+    for (const Flag &flag : Flags)
+        names.append(QLatin1String(flag.name));
+    return names;
 }
 
-int SettingsConsole::perform(const Request &request, const std::optional<QByteArray> &secret)
+int SettingsConsole::perform(int (SettingsConsole::*action)(const Request &), const Request &request,
+                             const std::optional<QByteArray> &secret)
 {
-    const QString &command = request.command;
     m_secret = secret;
-    if (command == QLatin1String("options get"))
-        return askOption(request);
-
+    if (!request.command->has(UsesSettings))
+        return (this->*action)(request);
     if (request.user)
         m_user = *request.user;
     else if (isNobody(m_user))
@@ -130,28 +135,10 @@ int SettingsConsole::perform(const Request &request, const std::optional<QByteAr
         return m_console.finish(WrongUsage,
                                 QStringLiteral("the user id %1 means nobody; name a user with --user").arg(m_user));
     }
-    const int status = makeClient();
-    if (status != Done)
-        return status;
-    if (command == QLatin1String("user last-login"))
-        return tellLastLogin();
-    if (command == QLatin1String("method get"))
-        return getOption(request);
-    if (command == QLatin1String("method set"))
-        return setOption(request);
-    if (command == QLatin1String("method action"))
-        return runAction(request);
-
-    const int selected = select();
-    if (selected != Done)
-        return selected;
-    if (command == QLatin1String("user show"))
-        return show();
-    if (command == QLatin1String("user set"))
-        return setFlag(request);
-    if (command == QLatin1String("factors"))
-        return listFactors();
-    return command == QLatin1String("factors toggle") ? toggleLogin(request) : toggleUnlock(request);
+    int status = makeClient();
+    if (status == Done && request.command->has(ShowsUser))
+        status = select();
+    return status == Done ? (this->*action)(request) : status;
 }
 
 int SettingsConsole::follow(const Request &request)
@@ -339,7 +326,7 @@ int SettingsConsole::askOption(const Request &request)
                             {{QStringLiteral("key"), request.name}, {QStringLiteral("value"), value}});
 }
 
-int SettingsConsole::show()
+int SettingsConsole::show(const Request &)
 {
     const Warnings warnings;
     const QString date = m_client->lastLoginDate(m_user);
@@ -367,7 +354,7 @@ int SettingsConsole::show()
     return finish(Done, toTable(table), details);
 }
 
-int SettingsConsole::tellLastLogin()
+int SettingsConsole::tellLastLogin(const Request &)
 {
     const Warnings warnings;
     AuthSettings settings;
@@ -439,7 +426,7 @@ QJsonArray SettingsConsole::rows() const
     return all;
 }
 
-int SettingsConsole::listFactors()
+int SettingsConsole::listFactors(const Request &)
 {
     const QJsonArray all = rows();
     return finish(Done, tableOf(all), {{QStringLiteral("factors"), all}});
@@ -503,7 +490,7 @@ int SettingsConsole::toggleLogin(const Request &request)
         return finish(NoOutcome, QStringLiteral("the daemon did not announce the change in time"));
     // The choice for unlock is announced after that for login.
     catchUp();
-    return listFactors();
+    return listFactors(request);
 }
 
 int SettingsConsole::toggleUnlock(const Request &request)

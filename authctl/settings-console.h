@@ -17,15 +17,29 @@ public:
     /** @param console asks for authentications and tells results */
     explicit SettingsConsole(Console &console);
 
-    /** Whether a command is one about settings. */
-    static bool knows(const QString &command);
+    /** What may be set for a user. */
+    static QStringList flags();
 
     /**
      * Does one command; returns its status.
      *
+     * @param action what it does in the end
      * @param secret what to authenticate with, if that is asked for
      */
-    int perform(const Request &request, const std::optional<QByteArray> &secret);
+    int perform(int (SettingsConsole::*action)(const Request &), const Request &request,
+                const std::optional<QByteArray> &secret);
+    // What single commands do, for their table; each returns its status.
+    int askOption(const Request &request);
+    int show(const Request &request);
+    int setFlag(const Request &request);
+    int tellLastLogin(const Request &request);
+    int listFactors(const Request &request);
+    int toggleLogin(const Request &request);
+    int toggleUnlock(const Request &request);
+    int getOption(const Request &request);
+    int setOption(const Request &request);
+    int runAction(const Request &request);
+
     /** Selects a user whose settings are followed from now on; returns the status. */
     int follow(const Request &request);
     /** From now on, prints what happens to the settings as soon as there is a client. */
@@ -41,17 +55,6 @@ private:
         QVariant value;
         QString problem;
     };
-
-    int askOption(const Request &request);
-    int show();
-    int setFlag(const Request &request);
-    int tellLastLogin();
-    int listFactors();
-    int toggleLogin(const Request &request);
-    int toggleUnlock(const Request &request);
-    int getOption(const Request &request);
-    int setOption(const Request &request);
-    int runAction(const Request &request);
 
     int makeClient();
     void connectEvents();
