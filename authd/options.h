@@ -9,8 +9,8 @@
 // clazy:excludeall=non-pod-global-static
 
 /**
- * The names exchanged with the authentication daemon, and nothing else of the daemon: it is another project, whose names
- * these are. authd/ holds this header alone.
+ * The names exchanged with the authentication daemon. The daemon itself is another project: authd/ holds this header and
+ * nothing else.
  */
 namespace Authd {
 

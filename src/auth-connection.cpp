@@ -21,8 +21,8 @@
 
 namespace {
 
-// Where QDBUS_DEBUG is set, Qt D-Bus 5.15 writes every message to the log, tokens and challenges in full. Qt D-Bus looks
-// at the variable when the process makes its first connection.
+// Where QDBUS_DEBUG is set, Qt D-Bus 5.15 writes every message to the log, tokens and challenges in full. It is read when
+// the process makes its first connection.
 const bool busIsSilent = !qEnvironmentVariableIsSet("QDBUS_DEBUG") || qunsetenv("QDBUS_DEBUG");
 
 /** As long as D-Bus waits for an answer. */
@@ -95,8 +95,8 @@ PendingCallWatcher::PendingCallWatcher(const QDBusConnection &bus, const QDBusPe
     enlist();
 }
 
-// When a call fails in the D-Bus thread, for want of a connection, while its QDBusPendingCallWatcher of Qt 5.15 is being
-// made, the watcher says twice that the call has ended.
+// When a call fails in the D-Bus thread, for want of a connection, while its QDBusPendingCallWatcher (of Qt 5.15) is
+// being made, the watcher says twice that the call has ended.
 void PendingCallWatcher::handleFinished()
 {
     if (m_isComplete)

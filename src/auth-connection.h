@@ -27,9 +27,9 @@ struct ConnectionReference
 /**
  * Watches one call, and completes it once.
  *
- * QDBusConnection of Qt 5.15 frees the pending calls of a connection that closes while their watchers still point at the
- * calls, so each watcher keeps a reference of its own to the connection. The reference is the first base because it has to
- * be released after the pending call of the second.
+ * QDBusConnection of Qt 5.15 frees the pending calls of a connection that closes while their watchers still point at
+ * the calls, so each watcher keeps a reference of its own to the connection. The reference is the first base because
+ * it has to be released after the pending call of the second.
  */
 class PendingCallWatcher : private ConnectionReference, public QDBusPendingCallWatcher, private BusUser
 {

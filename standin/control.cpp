@@ -38,7 +38,7 @@ void addCalls(JsonObject *answer, const CallLog &log, int64_t since, const std::
 /** A misspelt name would wait for ever, or find that nobody has called. */
 std::optional<std::string> readMethod(JsonMembers &members)
 {
-    const std::optional<std::string> method = members.text("method");
+    std::optional<std::string> method = members.text("method");
     if (method && !objectWithMethod(*method))
         failJson(members.pathOf("method"), "the daemon has no method \"" + *method + "\"");
     return method;
