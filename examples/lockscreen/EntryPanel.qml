@@ -2,8 +2,8 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import QtQuick.Templates 2.15 as T
+import "../logic"
 import "../style"
-import "../style/factors.js" as Factors
 
 // Where the user enters a code, on the keyboard or the keypad, or another factor's secret.
 ColumnLayout {

@@ -2,8 +2,8 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import Vantora.Auth 1.0
+import "../logic"
 import "../style"
-import "../style/factors.js" as Factors
 
 // Lets the user choose among the factors that unlock for them.
 FocusScope {
@@ -17,10 +17,8 @@ FocusScope {
 
     // Waits for the daemon, with several calls: when it is mute to all of them, the locked screen is frozen for minutes.
     // The settings client stays afterwards, and waits again for a daemon that comes back and is mute.
-    // Selecting a user reads the values; the one selected already would not be read again.
     function read() {
-        AuthSettingsClient.uid = 0;
-        AuthSettingsClient.uid = user;
+        Factors.read(user);
         const names = AuthSettingsClient.unlockFactors;
         factors = names.length ? names : ["code"];
     }

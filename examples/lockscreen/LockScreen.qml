@@ -101,7 +101,7 @@ Sheet {
                 factor: screen.factor
                 busy: lock.busy
                 overdue: lock.overdue
-                onSubmitted: lock.attempt(screen.factor, secret)
+                onSubmitted: lock.unlock(screen.factor, secret)
                 onGivenUp: lock.giveUp()
                 onChooserWanted: {
                     clear();

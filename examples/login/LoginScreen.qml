@@ -2,8 +2,8 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import Vantora.Auth 1.0
+import "../logic"
 import "../style"
-import "../style/factors.js" as Factors
 
 Sheet {
     id: login
@@ -12,10 +12,10 @@ Sheet {
     property var users: [{ uid: 1000, name: "Alex" }, { uid: 1001, name: "Robin" }]
     // The user who is to sign in; 0 while none is chosen.
     property real user: 0
-    property alias patience: form.patience
+    property alias patience: attempt.patience
     property alias memory: form.memory
-    property alias deviceInterval: device.interval
-    readonly property bool settled: device.isKnown && !form.asking
+    property alias deviceInterval: device.retryPause
+    readonly property bool settled: device.isKnown && !attempt.busy
 
     // The user's login factors. The daemon judges each by itself and hands out a token for each; that a user who has
     // chosen several is asked for all of them is up to the screen. It asks for one after the other, and starts over
@@ -41,9 +41,7 @@ Sheet {
         lastLogin = "";
         if (!device.isKnown)
             return;
-        // Selecting a user reads the values; the user who is selected already would not be read again.
-        AuthSettingsClient.uid = 0;
-        AuthSettingsClient.uid = user;
+        Factors.read(user);
         // Each of these waits for the daemon, so they are no bindings.
         lastLogin = AuthSettingsClient.showLastLogin(user) ? AuthSettingsClient.lastLoginDate(user) : "";
         updateChosen();
@@ -57,8 +55,7 @@ Sheet {
     }
 
     function updateChosen() {
-        let rows = Factors.rows(AuthSettingsClient.factors)
-                   .filter(row => !row.isUnlock && row.enabled && !row.disabled);
+        let rows = Factors.chosenForLogin(Factors.rows());
         // A user who may not set factors may have got no rows yet. What is chosen is known all the same, but not
         // whether for login or for unlocking: one at a time is tried.
         guesses = rows.length || AuthSettingsClient.isUserSettable
@@ -73,7 +70,7 @@ Sheet {
 
     padding: 0
     Component.onCompleted: {
-        offered = Factors.rows(AuthSettingsClient.factors);
+        offered = Factors.rows();
         if (!name)
             user = 0;
     }
@@ -88,9 +85,9 @@ Sheet {
         id: attempt
 
         objectName: "attempt"
-        deviceState: device.state
+        service: "login"
+        deviceState: device.lockState
         onPassed: {
-            form.accept();
             if (login.step + 1 < login.chosen.length)
                 ++login.step;
             else
@@ -100,15 +97,23 @@ Sheet {
             form.refuse();
             login.startOver();
         }
-        onLost: {
-            form.giveUp();
+        onLost: login.startOver()
+        onExpired: {
             login.startOver();
+            form.expire();
         }
     }
 
-    Device {
+    DeviceLock {
         id: device
 
+        // This ends what is under way, and takes back what has been granted.
+        onLockStateChanged: {
+            if (lockState !== AuthDevlockClient.Locked && isKnown)
+                return;
+            form.giveUp();
+            login.startOver();
+        }
         // The daemon is there, perhaps again and with other values.
         onIsKnownChanged: if (isKnown && !login.signedIn) login.read()
     }
@@ -192,6 +197,8 @@ Sheet {
 
                 visible: !!row && login.user !== 0 && !login.signedIn
                 uid: login.user
+                busy: attempt.busy
+                overdue: attempt.overdue
                 factor: row ? row.name : ""
                 label: row ? Factors.title(row.name, row.title) : ""
                 action: login.step + 1 < login.chosen.length ? qsTr("Next") : qsTr("Sign in")
@@ -224,7 +231,7 @@ Sheet {
                 text: qsTr("Another way")
                 flat: true
                 visible: form.visible && login.guesses.length > 1
-                enabled: !form.asking
+                enabled: !attempt.busy
                 Layout.fillWidth: true
                 onClicked: {
                     login.guesses = login.guesses.slice(1).concat(login.guesses[0]);
@@ -236,7 +243,7 @@ Sheet {
                 text: login.signedIn ? qsTr("Sign out") : qsTr("Someone else")
                 flat: !login.signedIn
                 visible: login.user
-                enabled: !form.asking
+                enabled: !attempt.busy
                 Layout.fillWidth: true
                 onClicked: login.user = 0
             }

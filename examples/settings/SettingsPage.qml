@@ -2,8 +2,8 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import Vantora.Auth 1.0
+import "../logic"
 import "../style"
-import "../style/factors.js" as Factors
 
 Sheet {
     id: page
@@ -12,21 +12,26 @@ Sheet {
     property var users: [{ uid: 1000, name: "Alex" }, { uid: 1001, name: "Robin" }]
     // The user whose settings are shown; 0 while none is chosen.
     property real user: 0
-    property alias patience: form.patience
+    property alias patience: request.patience
     property alias memory: form.memory
-    property alias deviceInterval: device.interval
-    readonly property bool settled: device.isKnown && !form.asking
+    property alias deviceInterval: device.retryPause
+    readonly property bool settled: device.isKnown && !request.busy
     readonly property string name: nameOf(user)
 
+    // Made before the device's state is asked for, and so hears of a locked device first: it says discredit() then, which
+    // must not look like a failed authentication.
+    readonly property QtObject client: AuthSettingsClient
     readonly property bool isUnlocked: AuthSettingsClient.authenticated && device.isKnown
     // Why a change was refused is not known. Where a daemon has taken over from another without a gap, the client still
     // has the other's token and challenge, and gets no new ones.
     property Toggle lastRefused: null
     readonly property bool isRefused: lastRefused !== null && lastRefused.refused
-    // What the daemon has told, as far as no property of AuthSettingsClient follows it.
+    // What the daemon has told, as far as no property of AuthSettingsClient follows it. A row is isPending when a wish
+    // that the daemon has not followed waits in the client, perhaps made for another user; it is written with the next
+    // choice.
     property var rows: []
     property var unlockFactors: []
-    readonly property var loginFactors: rows.filter(row => !row.isUnlock && row.enabled && !row.disabled)
+    readonly property var loginFactors: Factors.chosenForLogin(rows)
     // The daemon tells what is chosen for unlocking, but not what it offers: usually what it offers for login.
     property var unlockNames: []
 
@@ -35,6 +40,8 @@ Sheet {
     // the changes only. Changes need the token of this very client, whose connection lasts as long as the daemon. So
     // nobody else can unlock their settings until the daemon has gone.
     property real unheard: 0
+    // Whom the last request was about.
+    property real asked: 0
 
     function nameOf(uid) {
         const found = users.find(entry => entry.uid === uid);
@@ -49,14 +56,15 @@ Sheet {
     function read() {
         if (!device.isKnown)
             return;
-        // Selecting a user reads the values; the user who is selected already would not be read again.
-        AuthSettingsClient.uid = 0;
-        AuthSettingsClient.uid = user;
+        Factors.read(user);
         update();
     }
 
     function update() {
-        rows = Factors.rows(AuthSettingsClient.factors);
+        rows = Factors.rows().map((row, index) => Object.assign(row, {
+            isPending: AuthSettingsClient.hasChosenFactor(row.name) !== row.enabled,
+            canBeTriggered: !row.isUnlock && AuthSettingsClient.canTriggerFactor(index)
+        }));
         unlockFactors = AuthSettingsClient.unlockFactors;
         const names = rows.map(row => row.name);
         names.push(...unlockFactors.filter(name => !names.includes(name)));
@@ -79,9 +87,19 @@ Sheet {
             user = 0;
     }
 
-    Device {
+    Request {
+        id: request
+
+        onExpired: {
+            form.giveUp();
+            form.expire();
+        }
+    }
+
+    DeviceLock {
         id: device
 
+        active: page.client !== null
         // The daemon is there, perhaps again and with other values.
         onIsKnownChanged: {
             if (isKnown)
@@ -90,7 +108,7 @@ Sheet {
                 page.unheard = 0;
         }
         // This ends what is under way, and the daemon may answer it all the same.
-        onStateChanged: if (state === AuthDevlockClient.Locked) form.giveUp()
+        onLockStateChanged: if (lockState === AuthDevlockClient.Locked) form.giveUp()
     }
 
     Connections {
@@ -99,17 +117,22 @@ Sheet {
         function onAuthenticatedChanged() {
             if (!AuthSettingsClient.authenticated)
                 return;
-            if (!form.asking) {
+            if (!request.busy) {
                 // The late answer to a request that was given up, perhaps another user's.
                 AuthSettingsClient.dropAuthentication();
                 return;
             }
-            form.accept();
+            request.busy = false;
             // A daemon that has just answered can be read: changes must not start from values that are not this
             // user's.
             page.read();
         }
-        function onDiscredit() { form.refuse() }
+        function onDiscredit() {
+            if (!request.busy)
+                return;
+            request.busy = false;
+            form.refuse();
+        }
     }
     Connections {
         target: AuthSettingsClient.factors
@@ -194,6 +217,8 @@ Sheet {
 
                         visible: page.user && !page.isUnlocked
                         uid: page.user
+                        busy: request.busy
+                        overdue: request.overdue
                         // For a token one login factor is enough.
                         factor: page.loginFactors.length ? page.loginFactors[0].name : "code"
                         label: page.titleOf(factor)
@@ -207,11 +232,14 @@ Sheet {
                         Layout.fillWidth: true
                         // The toolkit would send a number that a real property holds as one with a fraction.
                         onSubmitted: {
+                            page.asked = uid;
+                            request.busy = true;
                             const params = { factor: factor, data: secret, uid: uid };
                             AuthSettingsClient.authenticate("login", AuthParameters.from(params));
                         }
                         onGivenUp: {
-                            page.unheard = askedUid;
+                            page.unheard = page.asked;
+                            request.busy = false;
                             AuthSettingsClient.dropAuthentication();
                         }
                     }
@@ -262,23 +290,19 @@ Sheet {
                         model: AuthSettingsClient.factors
 
                         Toggle {
-                            // Whether a wish that the daemon has not followed waits in the client, perhaps made for
-                            // another user. It is written with the next choice.
-                            readonly property bool isPending:
-                                page.rows && AuthSettingsClient.hasChosenFactor(model.name) !== model.enabled
+                            readonly property var row: page.rows[index]
 
                             objectName: "login-" + model.name
                             text: Factors.title(model.name, model.title)
-                            note: isPending ? qsTr("Not accepted yet; asked for again with the next change")
+                            note: row && row.isPending ? qsTr("Not accepted yet; asked for again with the next change")
                                   : model.disabled ? qsTr("Disabled on this device") : ""
                             on: model.enabled
                             visible: !model.isUnlock && (model.enabled || AuthSettingsClient.isUserSettable)
                             // Where only one may be chosen, another choice replaces it. (Unchoosing one of several
                             // that are chosen all the same would leave none.)
-                            enabled: page.isUnlocked && AuthSettingsClient.isUserSettable && visible && page.rows
-                                     && index >= 0
+                            enabled: page.isUnlocked && AuthSettingsClient.isUserSettable && visible
                                      && (AuthSettingsClient.isMultiFactorable || !model.enabled)
-                                     && AuthSettingsClient.canTriggerFactor(index)
+                                     && row !== undefined && row.canBeTriggered
                             onWished: AuthSettingsClient.triggerFactor(index)
                             onRefusedChanged: if (refused) page.lastRefused = this
                         }
@@ -344,7 +368,7 @@ Sheet {
                             text: modelData.name
                             leftPadding: 0
                             rightPadding: 0
-                            enabled: !form.asking
+                            enabled: !request.busy
                             onClicked: page.user = modelData.uid
                         }
                     }

@@ -3,7 +3,7 @@ import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
 import QtQuick.Templates 2.15 as T
 
-// Asks for a user's secret. Who uses it has the daemon judge the secret, and tells the form the outcome.
+// Asks for a user's secret. Who uses the form has the daemon judge the secret, and tells the form the outcome.
 ColumnLayout {
     id: form
 
@@ -14,47 +14,39 @@ ColumnLayout {
     // Why nobody can authenticate now; empty when one can.
     property string obstacle
     property string message
-    // How long to wait for the daemon before offering to try again.
-    property int patience: 10000
+    // Whether the daemon's outcome is awaited, and has been for so long that trying again is offered.
+    property bool busy: false
+    property bool overdue: false
     // Milliseconds until what was entered last, and not submitted, is forgotten.
     property int memory: 30000
-    property bool asking: false
-    property bool isStuck: false
+    // The label of what was submitted last.
     property string asked
-    property real askedUid: 0
     signal submitted(string secret)
-    // Nobody waits for the outcome any more, which may come all the same; it is about askedUid.
+    // Nobody waits for the outcome any more, which may come all the same.
     signal givenUp()
 
-    function ask() {
-        if (asking || obstacle || !secret.text)
+    function submit() {
+        if (busy || obstacle || !secret.text)
             return;
         message = "";
         asked = label;
-        askedUid = uid;
-        asking = true;
         const data = secret.text;
         secret.clear();
         submitted(data);
     }
 
     function giveUp() {
-        if (!asking)
+        if (!busy)
             return;
-        asking = false;
         givenUp();
         focusSecret();
     }
 
-    function accept() {
-        asking = false;
-    }
+    function refuse() { tell(qsTr("%1 was not accepted. Please try again.").arg(asked)) }
+    function expire() { tell(qsTr("There was no answer. Please try again.")) }
 
-    function refuse() {
-        if (!asking)
-            return;
-        asking = false;
-        message = qsTr("%1 was not accepted. Please try again.").arg(asked);
+    function tell(text) {
+        message = text;
         focusSecret();
     }
 
@@ -64,7 +56,6 @@ ColumnLayout {
     }
 
     spacing: Theme.gap / 2
-    onAskingChanged: isStuck = false
     // An answer that is still to come is about something else then.
     onFactorChanged: {
         giveUp();
@@ -81,11 +72,6 @@ ColumnLayout {
             secret.clear();
     }
 
-    Timer {
-        interval: form.patience
-        running: form.asking
-        onTriggered: form.isStuck = true
-    }
     // Who has begun to enter a secret may have gone.
     Timer {
         id: forgetting
@@ -116,7 +102,7 @@ ColumnLayout {
         // What is hidden would keep the keyboard's focus.
         enabled: form.visible && !form.obstacle
         opacity: enabled ? 1 : 0.5
-        readOnly: form.asking
+        readOnly: form.busy
         echoMode: TextInput.Password
         // All that the toolkit tells of a field for passwords. It is not drawn: who can see reads the label.
         placeholderText: form.label
@@ -129,7 +115,7 @@ ColumnLayout {
             border.width: secret.activeFocus ? 2 : 1
         }
         Layout.fillWidth: true
-        onAccepted: form.ask()
+        onAccepted: form.submit()
         onTextEdited: form.message = ""
         onTextChanged: text ? forgetting.restart() : forgetting.stop()
         // At once: a screen that is settled shows where the focus is.
@@ -141,7 +127,7 @@ ColumnLayout {
         Layout.minimumHeight: 40
 
         BusyIndicator {
-            visible: form.asking && !form.isStuck
+            visible: form.busy && !form.overdue
             running: visible
             implicitWidth: 32
             implicitHeight: 32
@@ -153,8 +139,8 @@ ColumnLayout {
 
             objectName: "note"
             textFormat: Text.PlainText
-            text: form.obstacle ? form.obstacle : form.isStuck ? qsTr("There is no answer yet.")
-                  : form.asking ? qsTr("Checking…") : form.message
+            text: form.obstacle ? form.obstacle : form.overdue ? qsTr("There is no answer yet.")
+                  : form.busy ? qsTr("Checking…") : form.message
             color: form.message && !form.obstacle ? Theme.danger : Theme.quiet
             font.pixelSize: 14
             wrapMode: Text.Wrap
@@ -165,10 +151,10 @@ ColumnLayout {
     }
     PushButton {
         objectName: "submit"
-        text: form.isStuck ? qsTr("Try again") : form.action
+        text: form.overdue ? qsTr("Try again") : form.action
         highlighted: true
-        enabled: form.isStuck || !form.asking && !form.obstacle && secret.text
+        enabled: form.overdue || !form.busy && !form.obstacle && secret.text
         Layout.fillWidth: true
-        onClicked: form.isStuck ? form.giveUp() : form.ask()
+        onClicked: form.overdue ? form.giveUp() : form.submit()
     }
 }

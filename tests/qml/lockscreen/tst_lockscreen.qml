@@ -247,7 +247,7 @@ LockScreenCase {
         waitForCalls("Authenticate", 1);
         typeCode("1234");
         screen.enter("1234");
-        compare(find("lock").attempt("code", "1234"), false);
+        compare(find("lock").unlock("code", "1234"), false);
         settle();
         compare(daemon.calls("Authenticate").length, 1);
         daemon.behave();
@@ -281,12 +281,12 @@ LockScreenCase {
             for (const name in item) {
                 const value = item[name];
                 if (typeof value === "string" && value.indexOf("73519") >= 0
-                        || value && name === "request" && JSON.stringify(value).indexOf("73519") >= 0)
+                        || value && name === "params" && JSON.stringify(value).indexOf("73519") >= 0)
                     holders.push(item + "." + name);
             }
         }
         compare(holders, []);
-        compare(find("lock").request, null);
+        compare(find("attempt").params, null);
     }
 
     function test_lockNowLocks_data() {
@@ -810,12 +810,7 @@ LockScreenCase {
     }
 
     // How long the screen pauses before a call that may freeze it.
-    function setPauses(milliseconds) {
-        const lock = find("lock");
-        const pauses = Array.from(lock.resources).filter(object => [lock.frame, 60001].includes(object.interval));
-        compare(pauses.length, 5);
-        pauses.forEach(timer => timer.interval = milliseconds);
-    }
+    function setPauses(milliseconds) { find("lock").frame = milliseconds }
 
     function test_theScreenIsThereBeforeItAsksForTheState() {
         start();
@@ -824,7 +819,7 @@ LockScreenCase {
         verify(isShown("notice"));
         compare(text("title"), "One moment");
         compare(daemon.calls("GetState"), []);
-        setPauses(find("lock").frame);
+        setPauses(50);
         waitForEntry();
     }
 
@@ -832,16 +827,16 @@ LockScreenCase {
         startLocked();
         const lock = find("lock");
         const locking = () => {
-            if (lock.stage !== 3)
+            if (find("attempt").stage !== 3)
                 return;
             setPauses(60001);
             daemon.lockout("manager");
         };
-        lock.stageChanged.connect(locking);
+        find("attempt").stageChanged.connect(locking);
         typeCode("1234");
         tryVerify(() => isShown("notice"));
-        lock.stageChanged.disconnect(locking);
-        setPauses(lock.frame);
+        find("attempt").stageChanged.disconnect(locking);
+        setPauses(50);
         settle();
         compare(screen.unlocked, false);
         compare(daemon.calls("SetDevlockState").length, 0);
@@ -854,17 +849,16 @@ LockScreenCase {
         startLocked();
         const lock = find("lock");
         const dropping = () => {
-            if (lock.stage !== 3)
+            if (find("attempt").stage !== 3)
                 return;
             setPauses(60001);
             daemon.emitSignal("AuthenticationFailed", "()");
         };
-        lock.stageChanged.connect(dropping);
+        find("attempt").stageChanged.connect(dropping);
         typeCode("1234");
-        tryVerify(() => lock.stage === 3 && !lock.existing.authenticated);
-        lock.stageChanged.disconnect(dropping);
-        setPauses(lock.frame);
         waitForRefusal();
+        find("attempt").stageChanged.disconnect(dropping);
+        setPauses(50);
         compare(text("message"), "The device could not be unlocked. Please try again.");
         compare(daemon.calls("SetDevlockState").length, 0);
         unlockWithCode();
@@ -965,7 +959,7 @@ LockScreenCase {
         waitForCalls("GetState", 2);
         typeCode("1234");
         makeOverdue();
-        compare(find("lock").request, null);
+        compare(find("attempt").params, null);
         // Now the attempt's client learns that the device is locked, and could ask.
         daemon.lock();
         settle();
@@ -980,10 +974,10 @@ LockScreenCase {
         startLocked();
         typeCode("1234");
         waitForCalls("Authenticate", 1);
-        const longest = find("lock").longestAttempt;
-        find("lock").longestAttempt = 100;
+        const longest = find("attempt").longest;
+        find("attempt").longest = 100;
         waitForRefusal();
-        find("lock").longestAttempt = longest;
+        find("attempt").longest = longest;
         compare(text("message"), "There was no answer. Please try again.");
         daemon.release();
         settle();
@@ -1130,7 +1124,7 @@ LockScreenCase {
     function look() {
         settle();
         daemon.clearCalls();
-        find("lock").lookAtState();
+        find("device").look();
         waitForCalls("GetState", 1);
     }
 
@@ -1207,7 +1201,7 @@ LockScreenCase {
         settle();
         compare(daemon.calls("GetState").length, 1);
         daemon.behave();
-        setPauses(find("lock").frame);
+        setPauses(50);
         verifyUnlocks();
     }
 
@@ -1290,7 +1284,7 @@ LockScreenCase {
         lookPatience = 1000;
         tryVerify(() => {
             if (screen.unlocked)
-                find("lock").lookAtState();
+                find("device").look();
             return !screen.unlocked;
         });
     }
@@ -1331,8 +1325,7 @@ LockScreenCase {
         startUnlocked();
         daemon.hold("GetState");
         look();
-        const lock = find("lock");
-        const verdict = Array.from(lock.resources).find(object => object.interval === 60002);
+        const verdict = Array.from(find("device").resources).find(object => object.objectName === "verdict");
         compare(verdict.running, true);
         daemon.stop();
         tryVerify(() => !screen.unlocked);

@@ -182,7 +182,7 @@ LockScreenCase {
     function test_theLockedPageIsDrawnBeforeAClientIsMade() {
         startUnlocked();
         let drawn = -1;
-        find("lock").existingChanged.connect(() => drawn = frames);
+        find("attempt").existingChanged.connect(() => drawn = frames);
         screen.unlockedChanged.connect(() => frames = 0);
         daemon.lock();
         tryVerify(() => drawn >= 0);
@@ -191,8 +191,8 @@ LockScreenCase {
 
     function test_progressIsDrawnBeforeTheDaemonIsAsked() {
         startLocked();
-        tryVerify(() => find("lock").existing !== null);
-        const lock = find("lock");
+        tryVerify(() => find("attempt").existing !== null);
+        const lock = find("attempt");
         const drawn = {};
         lock.stageChanged.connect(() => {
             drawn[lock.stage] = frames;

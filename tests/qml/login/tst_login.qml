@@ -6,7 +6,7 @@ import Vantora.Auth.Testing 1.0
 import Vantora.Tests 1.0
 import "../../../examples/login"
 import "../../../examples/style"
-import "../../../examples/style/factors.js" as Factors
+import "../../../examples/logic"
 
 Item {
     id: scene
