@@ -90,6 +90,7 @@ Sheet {
     Request {
         id: request
 
+        objectName: "request"
         onExpired: {
             form.giveUp();
             form.expire();

@@ -1,15 +1,128 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Templates 2.15 as T
+import QtQuick.Window 2.15
+import Vantora.Auth 1.0
+import Vantora.Auth.Testing 1.0
 import Vantora.Tests 1.0
 import "../../../examples/style"
 import ".."
 
-// What the tests of pages have in common: fingers, keys and eyes.
+// What the tests of pages have in common: a page for each, the daemon, fingers, keys and eyes.
 PatientTestCase {
+    id: testCase
+
+    property Component screen
     property Item page
+    property alias daemon: standIn
+    readonly property string notAccepted: "Code was not accepted. Please try again."
+    readonly property string longName: "Wolfeschlegelsteinhausenbergerdorffwelchevoralternwarengewissenhaft"
+    readonly property string away: "Waiting for the authentication service…"
+    // Keys that press what has the focus.
+    readonly property var pressingKeys: [{ tag: "Return", key: Qt.Key_Return }, { tag: "Enter", key: Qt.Key_Enter },
+                                         { tag: "Space", key: Qt.Key_Space }]
+    // Ids that fit into no signed number of 32 bits.
+    readonly property var highIds: [{ tag: "2^31", uid: 2147483648 }, { tag: "2^32-2", uid: 4294967294 }]
 
     when: windowShown
+    visible: true
+    width: 360
+    height: 720
+
+    StandIn { id: standIn }
+
+    function init() {
+        daemon.reset();
+        dress({ dark: false, width: 360, height: 720 });
+    }
+
+    function dress(looks) {
+        Theme.dark = looks.dark;
+        width = looks.width;
+        height = looks.height;
+    }
+
+    // Nobody waits for the daemon in vain, unless a test says so.
+    function show(user, users) {
+        page = createTemporaryObject(screen, testCase, Object.assign({ user: user, patience: 600000 },
+                                                                     users ? { users: users } : {}));
+        tryCompare(page, "settled", true);
+        daemon.clearCalls();
+    }
+
+    // That the form asks for this factor, and can be used.
+    function tryForm(label) {
+        const secret = item("secret");
+        tryVerify(() => secret.visible && secret.enabled && secret.placeholderText === label, undefined, label);
+    }
+
+    function enter(secret) {
+        tryVerify(() => item("secret").activeFocus);
+        type(secret);
+        keyClick(Qt.Key_Return);
+    }
+
+    // Enters a secret, and waits until the daemon has been asked about it.
+    function ask(secret) {
+        const count = asked().length;
+        enter(secret);
+        tryVerify(() => asked().length > count);
+    }
+
+    // What the daemon was asked, without the challenges.
+    function asked() {
+        return daemon.calls("Authenticate").map(call => call.args.replace(/'challenge': <\[[^\]]*\]>, /, ""));
+    }
+
+    function question(factor, secret, uid) {
+        return "('login', {'data': <'" + secret + "'>, 'factor': <'" + factor + "'>, 'uid': <" + uid + ">})";
+    }
+
+    // That a wrong secret is told.
+    function tryRefusal(text = notAccepted) {
+        tryVerify(() => note() === text);
+        compare(page.settled, true);
+        compare(item("secret").text, "");
+    }
+
+    // Waits until the screen offers to try again, and does.
+    function giveUp() {
+        page.patience = 100;
+        tryVerify(() => item("submit").text === "Try again");
+        compare(note(), "There is no answer yet.");
+        compare(page.settled, false);
+        page.patience = 600000;
+        click("submit");
+    }
+
+    function note() { return item("note").text }
+    function heading() { return item("heading").text }
+
+    // That nothing is pressed or entered where the focus is.
+    function verifyFocusOn(name, role) {
+        type("12");
+        compare(item("secret").text, "");
+        const focused = testCase.Window.activeFocusItem;
+        compare(Pictures.accessibleName(focused), name);
+        compare(Pictures.role(focused), role);
+    }
+
+    // The daemon's option changes, and nobody is told.
+    function setUnannounced(key, value, uid) {
+        daemon.request({ do: "set-option", key: key, value: value, uid: uid, announce: false });
+    }
+
+    // The daemon answers whatever it is asked about a user of any id.
+    function knowAnyUser(option) {
+        daemon.answer("GetUserOptions", "({'worker/service-factors/login': <['code']>},)");
+        daemon.answer("GetUserOption", "(<" + option + ">,)");
+        daemon.answer("Authenticate", "(true,)");
+    }
+
+    function verifyReadsAreAbout(uid) {
+        const reads = daemon.calls("GetUserOptions").concat(daemon.calls("GetUserOption"));
+        compare(reads.filter(call => !call.args.startsWith("(uint32 " + uid + ", ")), []);
+    }
 
     function item(name) {
         const found = findChild(page, name);
@@ -160,9 +273,10 @@ PatientTestCase {
         return rows;
     }
 
-    // Keeps a picture where there is a directory for it.
-    function keep(name) {
+    // Looks, and keeps a picture where there is a directory for it.
+    function lookAt(state, data, texts) {
+        look(texts);
         item("scroller").contentY = 0;
-        Pictures.save(page, "pictures/" + name + ".png");
+        Pictures.save(page, "pictures/" + name + "-" + state + "-" + data.tag + ".png");
     }
 }
