@@ -215,6 +215,7 @@ ColumnLayout {
         Layout.fillWidth: true
         Layout.maximumWidth: implicitWidth
         Layout.alignment: Qt.AlignHCenter
+        // It could not have the focus before.
         onEnabledChanged: if (panel.overdue) forceActiveFocus(Qt.TabFocusReason)
         onClicked: panel.overdue ? panel.givenUp() : panel.chooserWanted()
     }

@@ -5,8 +5,8 @@ import "../logic"
 // Follows the device lock, and unlocks it in attempts. It draws nothing.
 //
 // The device is unlocked when the daemon says so and at no other time: the outcome of a call, an error, or the time
-// that has passed is never taken for it. What the daemon may do late, or twice, or for somebody else ends with every
-// change of the state, as every attempt does.
+// that has passed is never taken for it. An attempt ends with every change of the state, so what the daemon says late,
+// or twice, or for somebody else finds nobody any more.
 Item {
     id: lock
 

@@ -26,13 +26,13 @@ Request {
     // Whether a client is made before there is a secret to be sent.
     property bool prepared: false
     // Calls that wait for the daemon freeze the screen, for 25 seconds each when the daemon is mute: making a client,
-    // and fetching its challenge. This many milliseconds before each, so that what the user is to see meanwhile is drawn.
+    // and fetching its challenge. This many milliseconds before each, so that what is to be seen meanwhile is drawn.
     property int frame: 50
 
     property int stage: Attempt.Idle
     // What is still to be sent.
     property var params: null
-    // The client that there is, until it is really gone: Component.onDestruction comes before that.
+    // The client that there is. QML makes it null when the client is really gone; Component.onDestruction comes before.
     property QtObject existing: null
 
     signal passed()

@@ -11,9 +11,9 @@ Item {
     property int retryPause: 2000
     // Milliseconds between looks at whether a change of the state was missed; 0 for no looks.
     property int lookPause: 0
-    // Milliseconds until a look without an answer takes the unlocked picture away. A daemon that is well answers at once,
-    // and on a very busy device within seconds, for which the picture must not flicker. D-Bus would wait for 25 seconds:
-    // too long for a picture that may be wrong.
+    // Milliseconds until a look without an answer takes the unlocked picture away. A daemon that is well answers at
+    // once, and on a very busy device within seconds, for which the picture must not flicker. D-Bus would wait for 25
+    // seconds: too long for a picture that may be wrong.
     property int lookPatience: 10000
     // Milliseconds before calls that may freeze the screen, so that what the user is to see meanwhile is drawn: above
     // all a locked device.
@@ -70,9 +70,9 @@ Item {
     // and then another client asks. Where it is told something else, ours begins anew.
     //
     // A client that gets no answer says nothing: it stays at Undefined, as it does when the answer is just that. Nobody
-    // knows then whether an unlocked device still is unlocked, so ours begins anew as well. A locked picture stays as it
-    // is: it cannot do harm, an attempt under way has limits of its own, and a slow daemon must not cost the user what
-    // they are entering.
+    // knows then whether an unlocked device still is unlocked, so ours begins anew as well. A locked picture stays as
+    // it is: it cannot do harm, an attempt under way has limits of its own, and a slow daemon must not cost the user
+    // what they are entering.
     Loader {
         id: witness
 
@@ -85,7 +85,8 @@ Item {
         id: verdict
 
         objectName: "verdict"
-        interval: witness.item && witness.item.state !== AuthDevlockClient.Undefined ? device.frame : device.lookPatience
+        interval: witness.item && witness.item.state !== AuthDevlockClient.Undefined ? device.frame
+                                                                                     : device.lookPatience
         onTriggered: {
             const told = witness.item.state;
             witness.active = false;

@@ -18,8 +18,8 @@ Sheet {
     readonly property bool settled: device.isKnown && !request.busy
     readonly property string name: nameOf(user)
 
-    // Made before the device's state is asked for, and so hears of a locked device first: it says discredit() then, which
-    // must not look like a failed authentication.
+    // Made before the device's state is asked for, and so hears of a locked device first: it says discredit() then,
+    // which must not look like a failed authentication.
     readonly property QtObject client: AuthSettingsClient
     readonly property bool isUnlocked: AuthSettingsClient.authenticated && device.isKnown
     // Why a change was refused is not known. Where a daemon has taken over from another without a gap, the client still

@@ -16,6 +16,7 @@ CheckDelegate {
     function wish() {
         if (!enabled)
             return;
+        // The user's press has put a value in the place of the binding.
         checked = Qt.binding(() => on);
         refused = false;
         answer.wanted = !on;

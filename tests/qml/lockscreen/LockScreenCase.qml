@@ -6,7 +6,7 @@ import "../../../examples/style"
 import ".."
 
 // A lock screen for each test, with a watch over it: it must never claim to be unlocked while the device is not.
-PatientTestCase {
+ScreenTestCase {
     id: testCase
 
     property size extent: Qt.size(360, 720)
@@ -23,8 +23,6 @@ PatientTestCase {
     property alias screen: loader.item
     property alias daemon: standIn
 
-    when: windowShown
-    visible: true
     width: 1280
     height: 1280
 
@@ -135,23 +133,14 @@ PatientTestCase {
         choices.contentY = Math.max(0, Math.min(y, choices.contentHeight - choices.height));
     }
 
-    function press(name) {
+    function usable(name) {
         const item = find(name);
-        verify(item && item.visible && item.enabled, name + " can be pressed");
-        mouseClick(item);
+        verify(item && item.visible && item.enabled, name + " can be used");
+        return item;
     }
 
-    function tap(name) {
-        const item = find(name);
-        verify(item && item.visible && item.enabled, name + " can be tapped");
-        touchEvent(item).press(0, item).commit();
-        touchEvent(item).release(0, item).commit();
-    }
-
-    function type(keys) {
-        for (const key of keys)
-            keyClick(key);
-    }
+    function press(name) { mouseClick(usable(name)) }
+    function tap(name) { touch(usable(name)) }
 
     function typeCode(code) {
         type(code);

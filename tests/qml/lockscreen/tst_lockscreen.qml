@@ -384,16 +384,15 @@ LockScreenCase {
     }
 
     function test_startsInEachState_data() {
-        return [{ tag: "Unlocked", state: 0, shown: "unlockedPage" }, { tag: "ManagerLockout", state: 2, shown: "notice" },
-                { tag: "CodeEntryLockout", state: 3, shown: "notice" }, { tag: "SecurityUi", state: 5, shown: "notice" },
-                { tag: "another number", state: 9, shown: "notice" }];
+        return [{ tag: "Unlocked", state: 0 }, { tag: "ManagerLockout", state: 2 }, { tag: "CodeEntryLockout", state: 3 },
+                { tag: "SecurityUi", state: 5 }, { tag: "another number", state: 9 }];
     }
 
     function test_startsInEachState(data) {
         daemon.setLockState(data.state);
         start();
         tryCompare(screen, "settled", true);
-        verify(isShown(data.shown));
+        verify(isShown(data.state === 0 ? "unlockedPage" : "notice"));
         verify(!isShown("prompt"));
         compare(screen.unlocked, data.state === 0);
         // Nothing to enter, nobody to ask.
@@ -519,16 +518,6 @@ LockScreenCase {
         compare(find("field").text, "");
     }
 
-    function test_aFactorsNameIsNoMarkup() {
-        offer(["code", "<b>x</b>"]);
-        startLocked();
-        choose("<b>x</b>");
-        const prompt = find("prompt");
-        const width = prompt.contentWidth;
-        prompt.textFormat = Text.PlainText;
-        compare(prompt.contentWidth, width);
-    }
-
     function test_theChooserIsOperatedByKeys() {
         startLocked();
         keyClick(Qt.Key_Tab);
@@ -549,13 +538,15 @@ LockScreenCase {
         verify(find("field").activeFocus);
     }
 
-    function test_escapeLeavesTheChooser() {
+    function test_theChooserIsLeftAndTheDigitsAreForgotten() {
         startLocked();
+        type("12");
         openChooser();
         keyClick(Qt.Key_Escape);
         verify(!isShown("factor-code"));
         verify(isShown("keypad"));
         verify(find("code").activeFocus);
+        compare(find("code").digits, "");
         openChooser();
         press("leave");
         verify(isShown("keypad"));
@@ -571,14 +562,6 @@ LockScreenCase {
         daemon.lockout("none");
         waitForEntry();
         unlockWithCode();
-    }
-
-    function test_openingTheChooserForgetsTheDigits() {
-        startLocked();
-        type("12");
-        openChooser();
-        keyClick(Qt.Key_Escape);
-        compare(find("code").digits, "");
     }
 
     function test_aChosenFactorIsForgotten() {
@@ -653,7 +636,8 @@ LockScreenCase {
                 { tag: "handover", rule: () => daemon.mute("Authenticate", 1), then: () => daemon.handover() },
                 { tag: "empty token", rule: () => daemon.answer("Authenticate", "(true,)", 1),
                   then: () => daemon.emitSignal("Authenticated", "(@ay [],)") },
-                { tag: "unlocking not done", rule: () => daemon.answer("SetDevlockState", "(true,)", 1), unlockings: 1 }];
+                { tag: "unlocking not done", unlockings: 1,
+                  rule: () => daemon.answer("SetDevlockState", "(true,)", 1) }];
     }
 
     function test_anAttemptWithoutAnOutcomeCanBeGivenUp(data) {
@@ -875,7 +859,12 @@ LockScreenCase {
         unlockWithCode();
     }
 
-    function test_aCodeThatCouldNotBeSentInTimeIsNeverSent() {
+    function test_aCodeThatCouldNotBeSentInTimeIsNeverSent_data() {
+        // Whether the attempt's client learns that the device is locked, and could ask, when it is too late.
+        return [{ tag: "learnt late", learns: true }, { tag: "never learnt", learns: false }];
+    }
+
+    function test_aCodeThatCouldNotBeSentInTimeIsNeverSent(data) {
         daemon.fail("GetState", "", 1);
         answerTheScreen();
         startLocked();
@@ -883,8 +872,8 @@ LockScreenCase {
         typeCode("1234");
         makeOverdue();
         compare(find("attempt").params, null);
-        // Now the attempt's client learns that the device is locked, and could ask.
-        daemon.lock();
+        if (data.learns)
+            daemon.lock();
         settle();
         compare(daemon.calls("Authenticate").length, 0);
         compare(screen.unlocked, false);
@@ -905,42 +894,36 @@ LockScreenCase {
 
     // The daemon is away.
 
-    function test_aDaemonThatIsAwayAtTheStartIsAwaited() {
-        retryPause = 300;
-        daemon.stop();
-        start();
-        settle();
-        waitForNotice("One moment");
-        compare(screen.settled, false);
-        daemon.start();
-        tryCompare(screen, "settled", true);
-        unlockWithCode();
+    function test_aDaemonThatIsAwayIsAwaited_data() {
+        return [{ tag: "at the start", before: () => {
+            daemon.stop();
+            start();
+            settle();
+            compare(screen.settled, false);
+        } }, { tag: "locked", before: () => {
+            startLocked();
+            type("12");
+            daemon.stop();
+        } }, { tag: "unlocked", before: () => {
+            startUnlocked();
+            daemon.stop();
+            daemon.setLockState(1);
+            daemon.clearCalls();
+        } }];
     }
 
-    function test_aDaemonThatLeavesAndReturnsIsFollowed() {
+    function test_aDaemonThatIsAwayIsAwaited(data) {
         retryPause = 300;
-        startLocked();
-        type("12");
-        daemon.stop();
+        data.before();
         waitForNotice("One moment");
         typeCode("1234");
         screen.enter("1234");
         daemon.start();
         waitForEntry();
+        compare(screen.settled, true);
+        compare(screen.unlocked, false);
         compare(find("code").digits, "");
         compare(daemon.calls("Authenticate").length, 0);
-        unlockWithCode();
-    }
-
-    function test_aDaemonThatLeavesWhenUnlockedLeavesALockedScreen() {
-        retryPause = 300;
-        startUnlocked();
-        daemon.stop();
-        waitForNotice();
-        daemon.setLockState(1);
-        daemon.start();
-        waitForEntry();
-        compare(screen.unlocked, false);
         unlockWithCode();
     }
 
@@ -1036,6 +1019,32 @@ LockScreenCase {
         waitForCalls("GetState", 1);
     }
 
+    // A look in this state whose answer is still to come; gives the screen's states from now on.
+    function startLookIn(state) {
+        startLocked();
+        daemon.setLockState(state);
+        waitForState(state);
+        daemon.hold("GetState");
+        look();
+        return followStates();
+    }
+
+    // Looks again and again, without an answer and without consequences.
+    function lookInVain() {
+        let refusals = 0;
+        find("lock").refused.connect(() => ++refusals);
+        const states = followStates();
+        daemon.mute("GetState");
+        lookPatience = 100;
+        lookPause = 100;
+        waitForMoreCalls("GetState", 4);
+        lookPause = 60000;
+        lookPatience = 60000;
+        daemon.behave();
+        compare(states, []);
+        compare(refusals, 0);
+    }
+
     function test_aLookWithoutAnAnswerTakesTheUnlockedPictureAway_data() {
         return [{ tag: "mute", how: () => daemon.mute("GetState") },
                 { tag: "an answer that is lost", how: () => daemon.misbehave("GetState", "lose-reply") },
@@ -1117,12 +1126,7 @@ LockScreenCase {
     }
 
     function test_aSlowAnswerToALookChangesNothing(data) {
-        startLocked();
-        daemon.setLockState(data.state);
-        waitForState(data.state);
-        daemon.hold("GetState");
-        look();
-        const states = followStates();
+        const states = startLookIn(data.state);
         lookPause = 50;
         // It is not disturbed by the next one.
         settle();
@@ -1145,40 +1149,21 @@ LockScreenCase {
         waitForState(data.state);
         if (data.state === AuthDevlockClient.Locked)
             type("12");
-        const states = followStates();
-        let refusals = 0;
-        find("lock").refused.connect(() => ++refusals);
-        daemon.mute("GetState");
-        lookPatience = 100;
-        lookPause = 100;
-        waitForMoreCalls("GetState", 4);
-        compare(states, []);
-        compare(refusals, 0);
+        lookInVain();
         if (data.state !== AuthDevlockClient.Locked)
             return;
         compare(find("code").digits, "12");
         typeCode("34");
-        tryVerify(() => states.length > 0);
-        compare(states[0], AuthDevlockClient.Unlocked);
+        verifyUnlocks();
     }
 
     function test_anAttemptOutlivesALookWithoutAnAnswer() {
         startHeld();
-        let refusals = 0;
-        find("lock").refused.connect(() => ++refusals);
-        daemon.mute("GetState");
-        lookPatience = 100;
-        lookPause = 100;
-        waitForMoreCalls("GetState", 4);
-        compare(refusals, 0);
+        lookInVain();
         compare(text("message"), "Checking…");
-        lookPause = 60000;
-        lookPatience = 60000;
-        daemon.behave();
         daemon.release();
         verifyUnlocks();
         compare(daemon.calls("Authenticate").length, 1);
-        compare(refusals, 0);
     }
 
     function test_looksInARowHaveNoMoreTimeThanOne() {
@@ -1210,12 +1195,7 @@ LockScreenCase {
     }
 
     function test_anAnnouncementDuringALookIsAllThatIsShown(data) {
-        startLocked();
-        daemon.setLockState(data.from);
-        waitForState(data.from);
-        daemon.hold("GetState");
-        look();
-        const states = followStates();
+        const states = startLookIn(data.from);
         daemon.setLockState(data.to);
         tryVerify(() => states.length > 0);
         settle();
@@ -1265,17 +1245,6 @@ LockScreenCase {
         start();
         tryCompare(screen, "settled", true);
         daemon.behave();
-        unlockWithCode();
-    }
-
-    function test_aClientThatDoesNotLearnTheStateCanBeGivenUp() {
-        daemon.fail("GetState", "", 1);
-        answerTheScreen();
-        startLocked();
-        waitForCalls("GetState", 2);
-        typeCode("1234");
-        giveUp();
-        compare(daemon.calls("Authenticate").length, 0);
         unlockWithCode();
     }
 }

@@ -43,16 +43,6 @@ LockScreenCase {
         return Theme.ground;
     }
 
-    function luminance(colour) {
-        const linear = part => part <= 0.03928 ? part / 12.92 : Math.pow((part + 0.055) / 1.055, 2.4);
-        return 0.2126 * linear(colour.r) + 0.7152 * linear(colour.g) + 0.0722 * linear(colour.b);
-    }
-
-    function contrast(one, other) {
-        const bright = Math.max(luminance(one), luminance(other));
-        return (bright + 0.05) / (Math.min(luminance(one), luminance(other)) + 0.05);
-    }
-
     function overlap(one, other) {
         const a = one.mapToItem(screen, 0, 0, one.width, one.height);
         const b = other.mapToItem(screen, 0, 0, other.width, other.height);

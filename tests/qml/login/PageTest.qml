@@ -9,7 +9,7 @@ import "../../../examples/style"
 import ".."
 
 // What the tests of pages have in common: a page for each, the daemon, fingers, keys and eyes.
-PatientTestCase {
+ScreenTestCase {
     id: testCase
 
     property Component screen
@@ -24,8 +24,6 @@ PatientTestCase {
     // Ids that fit into no signed number of 32 bits.
     readonly property var highIds: [{ tag: "2^31", uid: 2147483648 }, { tag: "2^32-2", uid: 4294967294 }]
 
-    when: windowShown
-    visible: true
     width: 360
     height: 720
 
@@ -162,14 +160,7 @@ PatientTestCase {
     }
 
     function tap(name) {
-        const it = reveal(item(name));
-        touchEvent(it).press(0, it).commit();
-        touchEvent(it).release(0, it).commit();
-    }
-
-    function type(text) {
-        for (const key of text)
-            keyClick(key);
+        touch(reveal(item(name)));
     }
 
     // Presses Tab until the item has the focus.
@@ -192,17 +183,6 @@ PatientTestCase {
 
     function isControl(it) {
         return it instanceof T.AbstractButton || isField(it);
-    }
-
-    function luminance(color) {
-        const linear = value => value <= 0.03928 ? value / 12.92 : Math.pow((value + 0.055) / 1.055, 2.4);
-        return 0.2126 * linear(color.r) + 0.7152 * linear(color.g) + 0.0722 * linear(color.b);
-    }
-
-    function contrast(one, other) {
-        const bright = Math.max(luminance(one), luminance(other));
-        const dim = Math.min(luminance(one), luminance(other));
-        return (bright + 0.05) / (dim + 0.05);
     }
 
     // The colour that an item lies on.

@@ -145,7 +145,9 @@ PageTest {
 
     function test_theSecretOfTheChosenFactorSignsIn_data() {
         return [{ tag: "code", secret: "1234", uid: 1000, name: "Alex", label: "Code" },
+                { tag: "smartcard", secret: "card-1000", uid: 1000, name: "Alex", label: "Smart card" },
                 { tag: "sudis", secret: "correct horse", uid: 1000, name: "Alex", label: "Sudis" },
+                { tag: "slow", secret: "1234", uid: 1000, name: "Alex", label: "slow" },
                 { tag: "code", secret: "9876", uid: 1001, name: "Robin", label: "Code" }];
     }
 
@@ -251,24 +253,6 @@ PageTest {
         verify(!timer.running);
     }
 
-    function test_whatIsEnteredIsForgottenWhenNobodyCanSignIn_data() {
-        return [{ tag: "lockout", how: () => daemon.lockout("code-entry"), back: () => daemon.lockout("none") },
-                { tag: "away", how: () => daemon.stop(), back: () => daemon.start() }];
-    }
-
-    function test_whatIsEnteredIsForgottenWhenNobodyCanSignIn(data) {
-        show(1000);
-        tryForm("Code");
-        type("12");
-        data.how();
-        tryVerify(() => !item("secret").enabled);
-        compare(item("secret").text, "");
-        data.back();
-        tryForm("Code");
-        compare(item("secret").text, "");
-        signIn();
-    }
-
     function test_theSecretIsNotShown() {
         show(1000);
         tryForm("Code");
@@ -353,27 +337,23 @@ PageTest {
         signIn();
     }
 
-    function test_aRequestWithoutAnAnswerEndsByItself() {
+    function test_aLateAnswerSignsNobodyIn_data() {
+        return [{ tag: "given up", leave: () => {
+            giveUp();
+            click("back");
+            click("user1001");
+        } }, { tag: "ended by itself", leave: () => {
+            item("attempt").longest = 100;
+            tryRefusal("There was no answer. Please try again.");
+            item("attempt").longest = 600000;
+        } }];
+    }
+
+    function test_aLateAnswerSignsNobodyIn(data) {
         show(1000);
         daemon.hold("Authenticate", 1);
         ask("1234");
-        item("attempt").longest = 100;
-        tryRefusal("There was no answer. Please try again.");
-        item("attempt").longest = 600000;
-        tryVerify(() => !daemon.state().peers.includes(peers()[0]));
-        daemon.release();
-        enter("0000");
-        tryRefusal();
-        compare(claims.count, 0);
-        signIn();
-    }
-
-    function test_theAnswerToARequestGivenUpSignsNobodyIn() {
-        show(1000);
-        daemon.hold("Authenticate", 1);
-        askAndGiveUp("1234");
-        click("back");
-        click("user1001");
+        data.leave();
         tryVerify(() => !daemon.state().peers.includes(peers()[0]));
         daemon.release();
         enter("0000");
@@ -470,17 +450,6 @@ PageTest {
     }
 
     // Factors
-
-    function test_factorsHaveHumanNames_data() {
-        return [{ tag: "code", label: "Code" }, { tag: "smartcard", label: "Smart card" },
-                { tag: "sudis", label: "Sudis" }, { tag: "slow", label: "slow" }];
-    }
-
-    function test_factorsHaveHumanNames(data) {
-        daemon.setOption("worker/service-factors/login", [data.tag], 1000);
-        show(1000);
-        tryForm(data.label);
-    }
 
     function test_translatedTitlesAreKept() {
         compare(Factors.title("code", "Geheimzahl"), "Geheimzahl");
@@ -665,26 +634,35 @@ PageTest {
         compare(note(), "");
     }
 
-    function test_aDaemonThatIsAwayIsToldAndIsNoFailure_data() {
-        return [{ tag: "at rest", before: () => {} }, { tag: "asked", before: () => {
-            daemon.hold("Authenticate");
-            ask("1234");
-            compare(page.settled, false);
-            daemon.behave();
-        } }];
+    function test_anObstacleIsToldUntilItEndsAndIsNoFailure_data() {
+        const lockout = (kind, text) => ({ tag: kind, text: text, settled: true, before: () => type("12"),
+                                           how: () => daemon.lockout(kind), end: () => daemon.lockout("none") });
+        const absence = (tag, before) => ({ tag: tag, text: away, settled: false, before: before,
+                                            how: () => daemon.stop(), end: () => daemon.start() });
+        return [lockout("code-entry", "Too many wrong entries. Please wait a moment."),
+                lockout("manager", "This device has been locked by its manager."),
+                absence("away", () => type("12")), absence("gone while it is asked", () => {
+                    daemon.hold("Authenticate");
+                    ask("1234");
+                    compare(page.settled, false);
+                    daemon.behave();
+                })];
     }
 
-    function test_aDaemonThatIsAwayIsToldAndIsNoFailure(data) {
+    function test_anObstacleIsToldUntilItEndsAndIsNoFailure(data) {
         show(1000);
+        tryForm("Code");
         data.before();
-        daemon.stop();
-        tryVerify(() => note() === away);
+        data.how();
+        tryVerify(() => note() === data.text);
         verify(!item("secret").enabled);
         verify(!item("submit").enabled);
-        compare(page.settled, false);
-        daemon.start();
+        compare(item("secret").text, "");
+        compare(page.settled, data.settled);
+        data.end();
         tryForm("Code");
         compare(note(), "");
+        compare(item("secret").text, "");
         signIn();
     }
 
@@ -735,23 +713,6 @@ PageTest {
         enter("4321");
         tryRefusal();
         compare(claims.count, 0);
-    }
-
-    function test_aLockoutIsToldUntilItEnds_data() {
-        return [{ tag: "code-entry", text: "Too many wrong entries. Please wait a moment." },
-                { tag: "manager", text: "This device has been locked by its manager." }];
-    }
-
-    function test_aLockoutIsToldUntilItEnds(data) {
-        show(1000);
-        tryForm("Code");
-        daemon.lockout(data.tag);
-        tryVerify(() => note() === data.text);
-        verify(!item("secret").enabled);
-        daemon.lockout("none");
-        tryForm("Code");
-        compare(note(), "");
-        tryVerify(() => item("secret").activeFocus);
     }
 
     function test_threeWrongCodesLockOut() {

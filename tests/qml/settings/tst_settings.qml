@@ -61,6 +61,7 @@ PageTest {
 
     function isOn(name) { return item(name).checked }
     function theOnes() { return switches.filter(name => has(name) && isOn(name)) }
+
     // Who may change what
 
     function test_withoutAUserOneIsAskedFor_data() { return [{ tag: "none", user: 0 }, { tag: "unknown", user: 4711 }] }
@@ -91,8 +92,8 @@ PageTest {
 
     function test_factorsHaveHumanNames() {
         show(1000);
-        compare(["login-code", "login-smartcard", "login-sudis", "login-slow", "unlock-smartcard"].map(name => item(name).text),
-                ["Code", "Smart card", "Sudis", "slow", "Smart card"]);
+        const names = ["login-code", "login-smartcard", "login-sudis", "login-slow", "unlock-smartcard"];
+        compare(names.map(name => item(name).text), ["Code", "Smart card", "Sudis", "slow", "Smart card"]);
     }
 
     function test_theCodeUnlocksTheSettings() {
@@ -168,11 +169,16 @@ PageTest {
         tryVerify(() => item("secret").activeFocus);
     }
 
-    function test_aSecretThatIsNotSentIsForgotten() {
+    function test_aSecretThatIsNotSentIsForgotten_data() {
+        return [{ tag: "in time", how: () => { page.memory = 100 } },
+                { tag: "by another user", how: () => click("user1001") }];
+    }
+
+    function test_aSecretThatIsNotSentIsForgotten(data) {
         show(1000);
         tryVerify(() => item("secret").activeFocus);
         type("12");
-        page.memory = 100;
+        data.how();
         tryCompare(item("secret"), "text", "");
     }
 
@@ -440,11 +446,9 @@ PageTest {
     // What others change
 
     function test_changesMadeElsewhereAreShown_data() {
-        return [
-            { tag: "login", key: "worker/service-factors/login", value: ["sudis"], on: "login-sudis" },
-            { tag: "unlock", key: "worker/service-factors/unlock", value: ["sudis"], on: "unlock-sudis" },
-            { tag: "multi", key: "worker/is-multi-factorable", value: true, on: "multiFactor" },
-        ];
+        return [{ tag: "login", key: "worker/service-factors/login", value: ["sudis"], on: "login-sudis" },
+                { tag: "unlock", key: "worker/service-factors/unlock", value: ["sudis"], on: "unlock-sudis" },
+                { tag: "multi", key: "worker/is-multi-factorable", value: true, on: "multiFactor" }];
     }
 
     function test_changesMadeElsewhereAreShown(data) {
@@ -533,14 +537,6 @@ PageTest {
         compare(note(), "A request about Kim is still open. Please close the settings and open them again.");
     }
 
-    function test_aSecretIsNotKeptForAnotherUser() {
-        show(1000);
-        tryVerify(() => item("secret").activeFocus);
-        type("1234");
-        click("user1001");
-        compare(item("secret").text, "");
-    }
-
     function test_usersCannotBeSwitchedWhileTheDaemonIsAsked() {
         show(1000);
         daemon.hold("Authenticate");
@@ -603,15 +599,24 @@ PageTest {
 
     // The daemon
 
-    function test_aDaemonThatIsAwayIsTold() {
-        showUnlocked(1000);
-        daemon.stop();
-        tryVerify(() => note() === away);
+    function test_anObstacleIsToldUntilItEnds_data() {
+        return [{ tag: "away", text: away, how: () => daemon.stop(), end: () => daemon.start() },
+                { tag: "lockout", text: "Too many wrong entries. Please wait a moment.",
+                  how: () => daemon.lockout("code-entry"), end: () => daemon.lockout("none") }];
+    }
+
+    function test_anObstacleIsToldUntilItEnds(data) {
+        show(1000);
+        if (data.tag === "away")
+            unlock();
+        data.how();
+        tryVerify(() => note() === data.text);
         compare(page.isUnlocked, false);
+        verify(!item("secret").enabled);
         verify(!item("login-sudis").enabled);
-        compare(page.settled, false);
-        daemon.start();
-        tryCompare(page, "settled", true);
+        compare(page.settled, data.tag !== "away");
+        data.end();
+        tryVerify(() => page.settled && item("secret").enabled);
         compare(note(), "");
         unlock();
     }
@@ -631,16 +636,6 @@ PageTest {
         verify(isOn("multiFactor"));
         flip("login-slow");
         compare(option("service-factors/login", 1001), "['code', 'slow']");
-    }
-
-    function test_aLockoutIsTold() {
-        show(1000);
-        daemon.lockout("code-entry");
-        tryVerify(() => note() === "Too many wrong entries. Please wait a moment.");
-        verify(!item("secret").enabled);
-        daemon.lockout("none");
-        tryVerify(() => item("secret").enabled);
-        compare(note(), "");
     }
 
     // The looks
@@ -694,8 +689,8 @@ PageTest {
         show(0);
         lookAt("users", data, ["Whose settings?", "Alex", "Robin"]);
         click("user1000");
-        lookAt("locked", data, ["Alex", "Settings are locked", "Unlock settings", "Code", "Smart card", "Several at once",
-                                "Notifications on the locked screen", "Other users"]);
+        lookAt("locked", data, ["Alex", "Settings are locked", "Unlock settings", "Code", "Smart card",
+                                "Several at once", "Notifications on the locked screen", "Other users"]);
         enter("4321");
         tryRefusal();
         lookAt("failed", data, [notAccepted]);
