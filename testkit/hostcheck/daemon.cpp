@@ -57,7 +57,7 @@ QJsonObject Daemon::request(const QByteArray &json)
             fail(QStringLiteral("does not answer ") + QString::fromUtf8(json));
         m_input.append(buffer, int(count));
     }
-    const QJsonObject answer = QJsonDocument::fromJson(m_input).object();
+    QJsonObject answer = QJsonDocument::fromJson(m_input).object();
     m_input.clear();
     if (!answer.value(QLatin1String("ok")).toBool()) {
         fail(QStringLiteral("refuses %1: %2")

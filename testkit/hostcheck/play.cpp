@@ -115,7 +115,7 @@ QJsonObject Play::daemon(const QByteArray &json)
 {
     observe();
     say("daemon: " + json);
-    const QJsonObject answer = m_daemon.request(json);
+    QJsonObject answer = m_daemon.request(json);
     observe();
     return answer;
 }
@@ -244,7 +244,7 @@ bool Play::isUnlocked() const
 void Play::awaitLocked()
 {
     // It is checkClaim() that loses its patience.
-    until([this] { return !m_claimsUnlocked; }, 2 * Grace);
+    until([this] { return !m_claimsUnlocked; }, qint64(2) * Grace);
 }
 
 void Play::quiet()

@@ -62,7 +62,7 @@ QJsonObject receive(const QJsonObject &request, QLocalSocket &socket, QJSEngine 
         throwError(engine, QStringLiteral("the stand-in daemon does not answer"), request);
         return {};
     }
-    const QJsonObject answer = QJsonDocument::fromJson(socket.readLine()).object();
+    QJsonObject answer = QJsonDocument::fromJson(socket.readLine()).object();
     if (answer.value(QLatin1String("ok")).toBool())
         return answer;
     throwError(engine, answer.value(QLatin1String("error")).toString(), request);
