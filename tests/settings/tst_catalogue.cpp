@@ -15,10 +15,10 @@ private:
     WatchedClient clientOf(uint uid);
 
 private Q_SLOTS:
+    void rowsAndMarksFollowTheDaemon_data();
+    void rowsAndMarksFollowTheDaemon();
     void catalogueIsReadOnceServiceByService();
     void offersAreNotFollowed();
-    void rowsAreInTheOrderOfTheOffer();
-    void loginFactorsComeFirst();
     void otherFactorsAreInTheOrderOfTheServices_data();
     void otherFactorsAreInTheOrderOfTheServices();
     void titleWithoutATranslationIsItsId_data();
@@ -33,58 +33,20 @@ private Q_SLOTS:
     void offerIsTheOptionAsAListOfStrings_data();
     void offerIsTheOptionAsAListOfStrings();
     void nothingIsMarkedAtTheStart();
-    void nameOfferedTwiceHasTwoRows();
-    void nameOfferedTwiceCountsTwice();
     void serviceNamedTwiceIsOfferedTwice();
-    void nameOfTwoServicesHasTheLoginRow();
-    void otherServicesAreShownOnceChosen();
-    void serviceNamesAreCaseSensitive();
     void noServicesGiveAnEmptyModel();
-    void noServicesStillTellOfEachReset();
-    void noLoginServiceShowsWhatIsChosen();
 
-    void unlockFactorIsNotShownUntilChosen();
     void chosenUnlockFactorIsShownWithTheNextRebuild_data();
     void chosenUnlockFactorIsShownWithTheNextRebuild();
-    void unlockFactorOfALoginNameHasNoRow();
-    void unlockFactorOfAHiddenLoginNameHasARow();
-    void namesakesOfOtherServicesEachHaveARow();
-    void unlockFactorIsShownThoughDisabledAndNotSettable();
-    void unchosenUnlockFactorLosesItsRowWithTheNextRebuild();
     void unchosenLoginFactorIsHiddenFromWhoMayNotSet();
     void oneUserIdSeesEveryLoginFactor();
     void userIdThatSeesEveryLoginFactorIsTheRealOne();
-    void oneUserIdSeesNoDisabledLoginFactor();
     void chosenMarksAloneDoNotRebuildTheRows();
-    void userWhoMayNotSetIsShownTheFactorsOfTheRebuild();
-    void disabledLoginFactorDisappearsAtOnce();
-    void disabledSmartcardStays();
-    void disabledMarkMayBeTheSmartcardsAlone();
     void disabledListWithoutAnEffectDoesNotRebuild_data();
     void disabledListWithoutAnEffectDoesNotRebuild();
-    void settableFlagRebuildsOnceItChanges();
 
-    void chosenRowsCount();
-    void disabledFactorDoesNotCount();
-    void disabledSmartcardCounts();
-    void factorWithoutARowDoesNotCount();
-    void hiddenFactorCountsUntilTheRebuildWhenItsNameHasARow();
-    void unlockFactorDoesNotCount();
-
-    void chosenMarksAreAnnouncedRowByRow();
-    void markOfAnUnlockFactorIsAnnouncedOnTheRowOfItsName();
-    void markWithoutARowIsNotAnnounced();
-    void marksOfANameOfferedTwiceAreAnnouncedOnItsLastRow();
-    void unlockNameOfferedTwiceHasItsLastRow();
     void loginNameOfferedTwiceHasItsLastRowForUnlockToo();
-    void marksOfNamesakesOfOtherServicesAreAnnouncedOnTheLastRow();
-    void chosenNamesAreCaseSensitive();
     void unofferedNamesMarkNothing();
-    void chosenNamesAreOfTheirServiceAlone();
-    void unlockFactorsAreToldBeforeTheMarks();
-    void userSwitchMarksThenRebuilds();
-    void userSwitchWithoutDisabledFactorsDoesNotRebuild();
-    void userSwitchTakesTheMarksOfTheFormerUserAway();
     void userSwitchRebuildsForTheFlagBeforeTheMarks();
     void handlersSeeTheMarksOneByOne();
     void handlersSeeTheDisabledMarkBeforeTheRebuild();
@@ -97,26 +59,18 @@ private Q_SLOTS:
     void smartcardSetsTheWarning();
     void warningIsTranslatedWhenItIsSet();
     void warningIsTranslatedAnewWithTheNextCard();
-    void warningComesBetweenTheMarks();
     void warningHandlerSeesTheMark();
     void warningIsOfTheSmartcardAlone();
-    void warningIsSetWithoutARow();
     void warningFollowsTheLastChangedEntry_data();
     void warningFollowsTheLastChangedEntry();
-    void warningIsNotToldTwice();
-    void warningDoesNotFollowTheDisabledMark();
 
     void hasFactorLooksAtTheDisabledMark_data();
     void hasFactorLooksAtTheDisabledMark();
     void hasFactorGoesOnToTheNextNamesake();
-    void hasFactorNeedsNoRow();
     void hasEnabledFactorLooksAtEachService_data();
     void hasEnabledFactorLooksAtEachService();
-    void hasEnabledFactorNeedsNoRow();
     void hasChosenFactorNeedsARow();
-    void hasChosenFactorLooksAtTheWish();
     void unlockFactorsAreTheUsersInTheDaemonsOrder();
-    void unlockFactorsWithoutAnUnlockServiceAreNone();
 
     void modelHasFiveRoles();
     void modelGivesEachValueInItsType_data();
@@ -132,7 +86,6 @@ private Q_SLOTS:
     void anotherModelOfTheSameParentHasTheSameRows();
     void rowsAreThereUntilTheirModelIsGone();
     void loginFactorsCountIsThatOfTheLoginRows();
-    void loginFactorsCountIsToldThoughItIsTheSame();
     void loginFactorsCountIsReadWhenItIsTold();
 
     void thousandFactors();
@@ -218,6 +171,188 @@ WatchedClient TestCatalogue::clientOf(uint uid)
     return WatchedClient(newSettingsClient(), uid);
 }
 
+void TestCatalogue::rowsAndMarksFollowTheDaemon_data()
+{
+    QTest::addColumn<QByteArray>("story");
+    const auto story = [](const char *name, const char *steps) { QTest::newRow(name) << QByteArray(steps); };
+    story("rows are in the order of the offer",
+          "offer login: z a M b; unlock: y x | login: b a | unlock: x y | user 1000 = z, a chosen, M, b chosen "
+          "| disabled: z = a chosen, M, b chosen, y chosen unlock, x chosen unlock");
+    story("login factors come first",
+          "offer unlock: a b; login: c a | unlock: a b | user 1000 | settable: no "
+          "| settable: yes = c, a, b chosen unlock");
+    story("name offered twice has two rows",
+          "offer login: a b a | login: a | user 1000 = a chosen, b, a chosen | login rows 3 | may toggle 0");
+    story("name offered twice counts twice",
+          "offer login: a b a c | user 1000 | login: a | may toggle 0 2 | login: b | not may toggle 1 "
+          // The rebuild counts the same.
+          "| login: a a | disabled: c | may toggle 0 | disabled: a = b, c "
+          "| enabled a | not has a | not wants a | login: b | not may toggle 0");
+    story("name of two services has the login row",
+          "offer login: a smartcard; unlock: smartcard b | user 1000 = a, smartcard | login rows 2 "
+          "| may toggle 0 1");
+    story("other services are shown once chosen",
+          "offer login: a; sudo: c a d | user 1000 = a | sudo: a c | settable: no | settable: yes = a, c chosen "
+          "| login rows 1");
+    story("service names are case sensitive",
+          "offer Login: a; LOGIN: b; Unlock: c; login : d | Login: a | Unlock: c | user 1000 "
+          "| settable: no = a chosen, c chosen "
+          "| login rows 0 | unlock factors nothing");
+    story("no services still tell of each reset",
+          "offer nothing | user 1000 | disabled: code ! nothing "
+          "| settable: no ! reset, settable");
+    story("no login service shows what is chosen",
+          "offer unlock: a b | user 1000 = nothing | unlock: b | disabled: b = b chosen disabled unlock "
+          "| login rows 0");
+    story("unlock factor is not shown until chosen",
+          "offer login: a; unlock: b c | unlock: c | settable: no | user 1000 "
+          "| settable: yes = a, c chosen unlock");
+    story("unlock factor of a login name has no row",
+          "offer unlock: a smartcard; login: a smartcard | unlock: a smartcard | disabled: smartcard "
+          "| user 1000 = a, smartcard disabled");
+    story("unlock factor of a hidden login name has a row",
+          "offer login: a sudis; unlock: a sudis | login: sudis | unlock: a sudis | disabled: sudis "
+          "| user 1000 = a, sudis chosen disabled unlock "
+          "| settable: no = a chosen unlock, sudis chosen disabled unlock (100000: a, sudis chosen disabled unlock)");
+    story("namesakes of other services each have a row",
+          "offer unlock: b b; sudo: b | unlock: b | sudo: b | disabled: b "
+          "| user 1000 = b chosen disabled unlock, b chosen disabled unlock, b chosen disabled");
+    story("unlock factor is shown though disabled and not settable",
+          "offer login: a; unlock: b smartcard c | unlock: b smartcard | disabled: a b smartcard c "
+          "| settable: no | user 1000 = b chosen disabled unlock, smartcard chosen disabled unlock");
+    story("unchosen unlock factor loses its row with the next rebuild",
+          "offer login: a x; unlock: b | unlock: b | disabled: x | user 1000 = a, b chosen unlock "
+          "| unlock: nothing = a, b unlock "
+          "| disabled: nothing = a, x");
+    story("one user id sees no disabled login factor",
+          "offer login: a smartcard b | disabled: smartcard b | settable: no "
+          "| user 1000 = nothing (100000: a, smartcard disabled)");
+    // The flag of a new user rebuilds the rows while the marks are those of the former.
+    story("user who may not set is shown the factors of the rebuild",
+          "offer login: a b; unlock: c | login: a | unlock: c | settable: no "
+          "| user 1000 = nothing (100000: a chosen, b) | enabled a | disabled: b = a chosen, c chosen unlock");
+    story("disabled login factor disappears at once",
+          "offer login: a b c; unlock: b | login: b c | user 1000 | disabled: b a = c chosen ! reset "
+          "| disabled: a = b chosen, c chosen ! reset "
+          "| disabled: nothing = a, b chosen, c chosen ! reset");
+    story("disabled smartcard stays",
+          "offer login: a smartcard Smartcard smartcard2; unlock: smartcard | user 1000 "
+          "| disabled: a smartcard Smartcard smartcard2 = smartcard disabled "
+          "| settable: no = nothing (100000: smartcard disabled) "
+          "| login: smartcard "
+          "| disabled: smartcard = smartcard chosen disabled (100000: a, smartcard chosen disabled, Smartcard, "
+          "smartcard2)");
+    story("disabled mark may be the smartcards alone",
+          "offer login: a smartcard | login: smartcard | user 1000 "
+          "| disabled: smartcard = a, smartcard chosen disabled ! reset");
+    story("settable flag rebuilds once it changes",
+          "offer login: a b | user 1000 | settable: yes ! nothing "
+          "| settable: no ! reset, settable "
+          "| settable: no ! nothing");
+    story("chosen rows count",
+          "offer login: a b c | login: a | user 1000 | not may toggle 0 | login: a b | may toggle 0 1 "
+          "| login: c | not may toggle 2 | login: nothing | login: b c | may toggle 2 "
+          // The rebuild counts anew.
+          "| settable: no | settable: yes | may toggle 1 | login: b | not may toggle 1");
+    story("disabled factor does not count",
+          "offer login: a b | login: a b | user 1000 | may toggle 0 | disabled: b | not may toggle 0");
+    story("disabled smartcard counts",
+          "offer login: a smartcard | login: a smartcard | disabled: smartcard | user 1000 | may toggle 0 1");
+    story("factor without a row does not count",
+          "offer login: a b; unlock: b | login: a | disabled: b | user 1000 | login: a b | enabled b "
+          "| not may toggle 0 | login: a | not may toggle 0");
+    story("hidden factor counts until the rebuild when its name has a row",
+          "offer login: code sudis; unlock: sudis | login: code | unlock: sudis | disabled: sudis "
+          "| user 1000 = code chosen, sudis chosen disabled unlock | not may toggle 0 | login: code sudis "
+          "| may toggle 0 | settable: no | not may toggle 0");
+    story("unlock factor does not count",
+          "offer login: a b x; unlock: a b c; sudo: b | login: a | user 1000 | unlock: a b c | sudo: b "
+          "| not may toggle 0 | disabled: x = a chosen, b, c chosen unlock "
+          "| not may toggle 0");
+    story("chosen marks are announced row by row",
+          "offer login: a b c | user 1000 | login: c a ! mark 0, mark 2 "
+          "| look = a chosen, b, c chosen "
+          "| login: b c ! mark 0, mark 1 "
+          "| look = a, b chosen, c chosen "
+          "| login: c b c ! nothing "
+          "| login: nothing ! mark 1, mark 2 "
+          "| look = a, b, c");
+    story("mark of an unlock factor is announced on the row of its name",
+          "offer login: a b; unlock: b | user 1000 | unlock: b ! unlock, mark 1 "
+          "| look = a, b "
+          "| enabled b");
+    story("mark without a row is not announced",
+          "offer login: a b; unlock: c | disabled: b | user 1000 | unlock: c | login: b ! unlock "
+          "| enabled b c");
+    story("marks of a name offered twice are announced on its last row",
+          "offer login: a b a | user 1000 | login: a ! mark 2, mark 2 "
+          "| look = a chosen, b, a chosen");
+    story("unlock name offered twice has its last row",
+          "offer login: a x; unlock: b c b | unlock: b c | disabled: x "
+          "| user 1000 = a, b chosen unlock, c chosen unlock, b chosen unlock | login rows 1 | listen "
+          "| unlock: c ! unlock, mark 3, mark 3 "
+          "| look = a, b unlock, c chosen unlock, b unlock "
+          "| unlock: b b ! unlock, mark 3, mark 2, mark 3");
+    story("marks of namesakes of other services are announced on the last row",
+          "offer unlock: b; sudo: b | unlock: b | sudo: b | disabled: b | user 1000 "
+          "| unlock: nothing ! unlock, mark 1 "
+          "| look = b disabled unlock, b chosen disabled");
+    story("chosen names are case sensitive",
+          "offer login: a A Smartcard; unlock: Smartcard | user 1000 | login: A smartcard "
+          "| unlock: smartcard = a, A chosen, Smartcard "
+          "| not enabled smartcard Smartcard");
+    story("chosen names are of their service alone",
+          "offer login: a b; unlock: a b | login: a | unlock: b | user 1000 = a chosen, b | unlock factors b");
+    story("unlock factors are told before the marks",
+          "offer login: a smartcard; unlock: a smartcard b | user 1000 "
+          "| unlock: a smartcard b ! unlock, mark 0, warning, mark 1");
+    story("user switch marks then rebuilds",
+          "offer login: a smartcard b; unlock: smartcard c | login: smartcard b | unlock: c | disabled: b "
+          "| user 0 | user 1000 ! uid, warning, mark 1, mark 2, reset, notifications "
+          "| look = a, smartcard chosen, c chosen unlock "
+          "| unlock factors c");
+    story("user switch without disabled factors does not rebuild",
+          "offer login: a b; unlock: c | login: b | unlock: c | user 0 | user 1000 ! uid, mark 1, notifications "
+          "| look = a, b chosen");
+    story("user switch takes the marks of the former user away",
+          "offer login: a b smartcard; unlock: c | login: a smartcard | unlock: c | disabled: b | 1001 login: b "
+          "| user 1000 = a chosen, smartcard chosen, c chosen unlock | warned | listen "
+          "| user 1001 ! uid, mark 0, warning, mark 1, mark 2, reset, notifications "
+          "| look = a, b chosen, smartcard "
+          "| not warned | unlock factors nothing");
+    story("warning comes between the marks",
+          "offer login: a smartcard b | user 1000 | login: b smartcard a ! mark 0, warning, mark 1, mark 2 "
+          "| login: nothing ! mark 0, warning, mark 1, mark 2");
+    story("warning is set without a row",
+          "offer login: a; unlock: smartcard | user 1000 | unlock: smartcard ! unlock, warning "
+          "| look = a "
+          "| warned");
+    story("warning is not told twice",
+          "offer login: smartcard; unlock: smartcard | user 1000 | login: smartcard "
+          "| unlock: smartcard ! warning, mark 0, unlock, mark 0");
+    story("warning does not follow the disabled mark",
+          "offer login: smartcard | login: smartcard | disabled: smartcard | user 1000 | warned | listen "
+          "| disabled: nothing | warned ! reset");
+    story("has factor needs no row",
+          "offer login: a; unlock: b | settable: no | user 1000 = nothing (100000: a) | has a b");
+    story("has enabled factor needs no row",
+          "offer login: a; unlock: b | login: a | unlock: b | disabled: a | user 1000 = b chosen unlock "
+          "| enabled a b | login: nothing | not enabled a");
+    story("has chosen factor looks at the wish",
+          "offer login: a b | login: a | refuse | user 1000 | toggle 1 | wants b | not wants a | not enabled b "
+          "| enabled a = a chosen, b");
+    story("unlock factors without an unlock service are none",
+          "offer login: a | login: a | unlock: a | user 1000 | unlock: a | unlock factors nothing ! nothing");
+    story("login factors count is told though it is the same",
+          "offer login: smartcard a | user 1000 | disabled: smartcard | login rows 2 ! reset");
+}
+
+void TestCatalogue::rowsAndMarksFollowTheDaemon()
+{
+    QFETCH(QByteArray, story);
+    play(story.constData());
+}
+
 void TestCatalogue::catalogueIsReadOnceServiceByService()
 {
     offer({{"unlock"_s, names("b")}, {"login"_s, names("a")}, {"sudo"_s, names("c")}});
@@ -256,27 +391,6 @@ void TestCatalogue::offersAreNotFollowed()
     QCOMPARE(rows(*client), "a, b"_s);
     QCOMPARE(heard.list(), QStringList());
     QCOMPARE(daemon.calls(), QStringList());
-}
-
-void TestCatalogue::rowsAreInTheOrderOfTheOffer()
-{
-    offer({{"login"_s, names("z a M b")}, {"unlock"_s, names("y x")}});
-    choose("login", names("b a"));
-    choose("unlock", names("x y"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "z, a chosen, M, b chosen"_s);
-    announceDisabled(client.get(), names("z"));
-    QCOMPARE(rows(*client), "a chosen, M, b chosen, y chosen unlock, x chosen unlock"_s);
-}
-
-void TestCatalogue::loginFactorsComeFirst()
-{
-    offer({{"unlock"_s, names("a b")}, {"login"_s, names("c a")}});
-    choose("unlock", names("a b"));
-    const WatchedClient client = clientOf(1000);
-    announceSettable(client.get(), false);
-    announceSettable(client.get(), true);
-    QCOMPARE(rows(*client), "c, a, b chosen unlock"_s);
 }
 
 void TestCatalogue::otherFactorsAreInTheOrderOfTheServices_data()
@@ -466,38 +580,6 @@ void TestCatalogue::nothingIsMarkedAtTheStart()
         QVERIFY(client->canTriggerFactor(row));
 }
 
-void TestCatalogue::nameOfferedTwiceHasTwoRows()
-{
-    offer({{"login"_s, names("a b a")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
-    QCOMPARE(client->factors()->loginFactorsCount(), 3);
-    QVERIFY(severalCount(client, 0));
-}
-
-void TestCatalogue::nameOfferedTwiceCountsTwice()
-{
-    offer({{"login"_s, names("a b a c")}});
-    const WatchedClient client = clientOf(1000);
-    announceChosen(client.get(), "login", names("a"));
-    QVERIFY(severalCount(client, 0));
-    QVERIFY(severalCount(client, 2));
-    announceChosen(client.get(), "login", names("b"));
-    QVERIFY(!severalCount(client, 1));
-    // The rebuild counts the same.
-    announceChosen(client.get(), "login", names("a a"));
-    announceDisabled(client.get(), names("c"));
-    QVERIFY(severalCount(client, 0));
-    announceDisabled(client.get(), names("a"));
-    QCOMPARE(rows(*client), "b, c"_s);
-    QVERIFY(client->hasEnabledFactor("a"_s));
-    QVERIFY(!client->hasFactor("a"_s));
-    QVERIFY(!client->hasChosenFactor("a"_s));
-    announceChosen(client.get(), "login", names("b"));
-    QVERIFY(!severalCount(client, 0));
-}
-
 void TestCatalogue::serviceNamedTwiceIsOfferedTwice()
 {
     offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
@@ -507,40 +589,6 @@ void TestCatalogue::serviceNamedTwiceIsOfferedTwice()
     const WatchedClient client = clientOf(1000);
     announceSettable(client.get(), false);
     QCOMPARE(rows(*client), "a chosen, a chosen, b chosen unlock, b chosen unlock"_s);
-}
-
-void TestCatalogue::nameOfTwoServicesHasTheLoginRow()
-{
-    offer({{"login"_s, names("a smartcard")}, {"unlock"_s, names("smartcard b")}});
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a, smartcard"_s);
-    QCOMPARE(client->factors()->loginFactorsCount(), 2);
-    QVERIFY(client->canTriggerFactor(0));
-    QVERIFY(client->canTriggerFactor(1));
-}
-
-void TestCatalogue::otherServicesAreShownOnceChosen()
-{
-    offer({{"login"_s, names("a")}, {"sudo"_s, names("c a d")}});
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a"_s);
-    announceChosen(client.get(), "sudo", names("a c"));
-    announceSettable(client.get(), false);
-    announceSettable(client.get(), true);
-    QCOMPARE(rows(*client), "a, c chosen"_s);
-    QCOMPARE(client->factors()->loginFactorsCount(), 1);
-}
-
-void TestCatalogue::serviceNamesAreCaseSensitive()
-{
-    offer({{"Login"_s, names("a")}, {"LOGIN"_s, names("b")}, {"Unlock"_s, names("c")}, {"login "_s, names("d")}});
-    choose("Login", names("a"));
-    choose("Unlock", names("c"));
-    const WatchedClient client = clientOf(1000);
-    announceSettable(client.get(), false);
-    QCOMPARE(rows(*client), "a chosen, c chosen"_s);
-    QCOMPARE(client->factors()->loginFactorsCount(), 0);
-    QCOMPARE(client->unlockFactors(), QStringList());
 }
 
 void TestCatalogue::noServicesGiveAnEmptyModel()
@@ -555,38 +603,6 @@ void TestCatalogue::noServicesGiveAnEmptyModel()
     QVERIFY(!client->hasEnabledFactor("code"_s));
     QVERIFY(!client->hasChosenFactor("code"_s));
     QCOMPARE(client->unlockFactors(), QStringList());
-}
-
-void TestCatalogue::noServicesStillTellOfEachReset()
-{
-    offer({});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceDisabled(client.get(), names("code"));
-    QCOMPARE(heard.list(), QStringList());
-    announceSettable(client.get(), false);
-    QCOMPARE(heard.list(), resetSignals + QStringList{"isUserSettableChanged()"_s});
-}
-
-void TestCatalogue::noLoginServiceShowsWhatIsChosen()
-{
-    offer({{"unlock"_s, names("a b")}});
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), QString());
-    announceChosen(client.get(), "unlock", names("b"));
-    announceDisabled(client.get(), names("b"));
-    QCOMPARE(rows(*client), "b chosen disabled unlock"_s);
-    QCOMPARE(client->factors()->loginFactorsCount(), 0);
-}
-
-void TestCatalogue::unlockFactorIsNotShownUntilChosen()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("b c")}});
-    choose("unlock", names("c"));
-    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
-    const WatchedClient client = clientOf(1000);
-    announceSettable(client.get(), true);
-    QCOMPARE(rows(*client), "a, c chosen unlock"_s);
 }
 
 void TestCatalogue::chosenUnlockFactorIsShownWithTheNextRebuild_data()
@@ -619,61 +635,6 @@ void TestCatalogue::chosenUnlockFactorIsShownWithTheNextRebuild()
                         : "a chosen, smartcard chosen, b chosen unlock"_s);
     QVERIFY(client->hasChosenFactor("b"_s));
     QCOMPARE(heard.list().mid(0, 3), resetSignals);
-}
-
-void TestCatalogue::unlockFactorOfALoginNameHasNoRow()
-{
-    offer({{"unlock"_s, names("a smartcard")}, {"login"_s, names("a smartcard")}});
-    choose("unlock", names("a smartcard"));
-    disable(names("smartcard"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a, smartcard disabled"_s);
-}
-
-void TestCatalogue::unlockFactorOfAHiddenLoginNameHasARow()
-{
-    offer({{"login"_s, names("a sudis")}, {"unlock"_s, names("a sudis")}});
-    choose("login", names("sudis"));
-    choose("unlock", names("a sudis"));
-    disable(names("sudis"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a, sudis chosen disabled unlock"_s);
-    announceSettable(client.get(), false);
-    QCOMPARE(rows(*client),
-             seesAll() ? "a, sudis chosen disabled unlock"_s : "a chosen unlock, sudis chosen disabled unlock"_s);
-}
-
-void TestCatalogue::namesakesOfOtherServicesEachHaveARow()
-{
-    offer({{"unlock"_s, names("b b")}, {"sudo"_s, names("b")}});
-    choose("unlock", names("b"));
-    choose("sudo", names("b"));
-    disable(names("b"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "b chosen disabled unlock, b chosen disabled unlock, b chosen disabled"_s);
-}
-
-void TestCatalogue::unlockFactorIsShownThoughDisabledAndNotSettable()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("b smartcard c")}});
-    choose("unlock", names("b smartcard"));
-    disable(names("a b smartcard c"));
-    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "b chosen disabled unlock, smartcard chosen disabled unlock"_s);
-}
-
-void TestCatalogue::unchosenUnlockFactorLosesItsRowWithTheNextRebuild()
-{
-    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b")}});
-    choose("unlock", names("b"));
-    disable(names("x"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a, b chosen unlock"_s);
-    announceChosen(client.get(), "unlock", {});
-    QCOMPARE(rows(*client), "a, b unlock"_s);
-    announceDisabled(client.get(), {});
-    QCOMPARE(rows(*client), "a, x"_s);
 }
 
 void TestCatalogue::unchosenLoginFactorIsHiddenFromWhoMayNotSet()
@@ -713,15 +674,6 @@ void TestCatalogue::userIdThatSeesEveryLoginFactorIsTheRealOne()
     QCOMPARE(rowsOf(100001), QString());
 }
 
-void TestCatalogue::oneUserIdSeesNoDisabledLoginFactor()
-{
-    offer({{"login"_s, names("a smartcard b")}});
-    disable(names("smartcard b"));
-    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), getuid() == 100000 ? "a, smartcard disabled"_s : QString());
-}
-
 void TestCatalogue::chosenMarksAloneDoNotRebuildTheRows()
 {
     offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d")}});
@@ -742,62 +694,6 @@ void TestCatalogue::chosenMarksAloneDoNotRebuildTheRows()
 
     announceDisabled(client.get(), {});
     QCOMPARE(rows(*client), seesAll() ? "a, b chosen, x, d chosen unlock"_s : "b chosen, d chosen unlock"_s);
-    QCOMPARE(heard.list(), resetSignals);
-}
-
-// The flag of a new user rebuilds the rows while the marks are those of the former.
-void TestCatalogue::userWhoMayNotSetIsShownTheFactorsOfTheRebuild()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    choose("login", names("a"));
-    choose("unlock", names("c"));
-    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), seesAll() ? "a chosen, b"_s : QString());
-    QVERIFY(client->hasEnabledFactor("a"_s));
-    announceDisabled(client.get(), names("b"));
-    QCOMPARE(rows(*client), "a chosen, c chosen unlock"_s);
-}
-
-void TestCatalogue::disabledLoginFactorDisappearsAtOnce()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
-    choose("login", names("b c"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceDisabled(client.get(), names("b a"));
-    QCOMPARE(rows(*client), "c chosen"_s);
-    QCOMPARE(heard.take(), resetSignals);
-    announceDisabled(client.get(), names("a"));
-    QCOMPARE(rows(*client), "b chosen, c chosen"_s);
-    QCOMPARE(heard.take(), resetSignals);
-    announceDisabled(client.get(), {});
-    QCOMPARE(rows(*client), "a, b chosen, c chosen"_s);
-    QCOMPARE(heard.list(), resetSignals);
-}
-
-void TestCatalogue::disabledSmartcardStays()
-{
-    offer({{"login"_s, names("a smartcard Smartcard smartcard2")}, {"unlock"_s, names("smartcard")}});
-    const WatchedClient client = clientOf(1000);
-    announceDisabled(client.get(), names("a smartcard Smartcard smartcard2"));
-    QCOMPARE(rows(*client), "smartcard disabled"_s);
-    announceSettable(client.get(), false);
-    QCOMPARE(rows(*client), seesAll() ? "smartcard disabled"_s : QString());
-    announceChosen(client.get(), "login", names("smartcard"));
-    announceDisabled(client.get(), names("smartcard"));
-    QCOMPARE(rows(*client),
-             seesAll() ? "a, smartcard chosen disabled, Smartcard, smartcard2"_s : "smartcard chosen disabled"_s);
-}
-
-void TestCatalogue::disabledMarkMayBeTheSmartcardsAlone()
-{
-    offer({{"login"_s, names("a smartcard")}});
-    choose("login", names("smartcard"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceDisabled(client.get(), names("smartcard"));
-    QCOMPARE(rows(*client), "a, smartcard chosen disabled"_s);
     QCOMPARE(heard.list(), resetSignals);
 }
 
@@ -824,171 +720,6 @@ void TestCatalogue::disabledListWithoutAnEffectDoesNotRebuild()
     QCOMPARE(rows(*client), "a"_s);
 }
 
-void TestCatalogue::settableFlagRebuildsOnceItChanges()
-{
-    offer({{"login"_s, names("a b")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceSettable(client.get(), true);
-    QCOMPARE(heard.take(), QStringList());
-    announceSettable(client.get(), false);
-    QCOMPARE(heard.take(), resetSignals + QStringList{"isUserSettableChanged()"_s});
-    announceSettable(client.get(), false);
-    QCOMPARE(heard.list(), QStringList());
-}
-
-void TestCatalogue::chosenRowsCount()
-{
-    offer({{"login"_s, names("a b c")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    QVERIFY(!severalCount(client, 0));
-    announceChosen(client.get(), "login", names("a b"));
-    QVERIFY(severalCount(client, 0));
-    QVERIFY(severalCount(client, 1));
-    announceChosen(client.get(), "login", names("c"));
-    QVERIFY(!severalCount(client, 2));
-    announceChosen(client.get(), "login", {});
-    announceChosen(client.get(), "login", names("b c"));
-    QVERIFY(severalCount(client, 2));
-    // The rebuild counts anew.
-    announceSettable(client.get(), false);
-    announceSettable(client.get(), true);
-    QVERIFY(severalCount(client, 1));
-    announceChosen(client.get(), "login", names("b"));
-    QVERIFY(!severalCount(client, 1));
-}
-
-void TestCatalogue::disabledFactorDoesNotCount()
-{
-    offer({{"login"_s, names("a b")}});
-    choose("login", names("a b"));
-    const WatchedClient client = clientOf(1000);
-    QVERIFY(severalCount(client, 0));
-    announceDisabled(client.get(), names("b"));
-    QVERIFY(!severalCount(client, 0));
-}
-
-void TestCatalogue::disabledSmartcardCounts()
-{
-    offer({{"login"_s, names("a smartcard")}});
-    choose("login", names("a smartcard"));
-    disable(names("smartcard"));
-    const WatchedClient client = clientOf(1000);
-    QVERIFY(severalCount(client, 0));
-    QVERIFY(severalCount(client, 1));
-}
-
-void TestCatalogue::factorWithoutARowDoesNotCount()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
-    choose("login", names("a"));
-    disable(names("b"));
-    const WatchedClient client = clientOf(1000);
-    announceChosen(client.get(), "login", names("a b"));
-    QVERIFY(client->hasEnabledFactor("b"_s));
-    QVERIFY(!severalCount(client, 0));
-    announceChosen(client.get(), "login", names("a"));
-    QVERIFY(!severalCount(client, 0));
-}
-
-void TestCatalogue::hiddenFactorCountsUntilTheRebuildWhenItsNameHasARow()
-{
-    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("sudis")}});
-    choose("login", names("code"));
-    choose("unlock", names("sudis"));
-    disable(names("sudis"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "code chosen, sudis chosen disabled unlock"_s);
-    QVERIFY(!severalCount(client, 0));
-    announceChosen(client.get(), "login", names("code sudis"));
-    QVERIFY(severalCount(client, 0));
-    announceSettable(client.get(), false);
-    QVERIFY(!severalCount(client, 0));
-}
-
-void TestCatalogue::unlockFactorDoesNotCount()
-{
-    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("a b c")}, {"sudo"_s, names("b")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    announceChosen(client.get(), "unlock", names("a b c"));
-    announceChosen(client.get(), "sudo", names("b"));
-    QVERIFY(!severalCount(client, 0));
-    announceDisabled(client.get(), names("x"));
-    QCOMPARE(rows(*client), "a chosen, b, c chosen unlock"_s);
-    QVERIFY(!severalCount(client, 0));
-}
-
-void TestCatalogue::chosenMarksAreAnnouncedRowByRow()
-{
-    offer({{"login"_s, names("a b c")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "login", names("c a"));
-    QCOMPARE(heard.take(), (QStringList{enabledChanged(0), enabledChanged(2)}));
-    QCOMPARE(rows(*client), "a chosen, b, c chosen"_s);
-    announceChosen(client.get(), "login", names("b c"));
-    QCOMPARE(heard.take(), (QStringList{enabledChanged(0), enabledChanged(1)}));
-    QCOMPARE(rows(*client), "a, b chosen, c chosen"_s);
-    announceChosen(client.get(), "login", names("c b c"));
-    QCOMPARE(heard.take(), QStringList());
-    announceChosen(client.get(), "login", {});
-    QCOMPARE(heard.take(), (QStringList{enabledChanged(1), enabledChanged(2)}));
-    QCOMPARE(rows(*client), "a, b, c"_s);
-}
-
-void TestCatalogue::markOfAnUnlockFactorIsAnnouncedOnTheRowOfItsName()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", names("b"));
-    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, enabledChanged(1)}));
-    QCOMPARE(rows(*client), "a, b"_s);
-    QVERIFY(client->hasEnabledFactor("b"_s));
-}
-
-void TestCatalogue::markWithoutARowIsNotAnnounced()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    disable(names("b"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", names("c"));
-    announceChosen(client.get(), "login", names("b"));
-    QCOMPARE(heard.list(), QStringList{unlockFactorsChanged});
-    QVERIFY(client->hasEnabledFactor("b"_s));
-    QVERIFY(client->hasEnabledFactor("c"_s));
-}
-
-void TestCatalogue::marksOfANameOfferedTwiceAreAnnouncedOnItsLastRow()
-{
-    offer({{"login"_s, names("a b a")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "login", names("a"));
-    QCOMPARE(heard.list(), (QStringList{enabledChanged(2), enabledChanged(2)}));
-    QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
-}
-
-void TestCatalogue::unlockNameOfferedTwiceHasItsLastRow()
-{
-    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b c b")}});
-    choose("unlock", names("b c"));
-    disable(names("x"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a, b chosen unlock, c chosen unlock, b chosen unlock"_s);
-    QCOMPARE(client->factors()->loginFactorsCount(), 1);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", names("c"));
-    QCOMPARE(heard.take(), (QStringList{unlockFactorsChanged, enabledChanged(3), enabledChanged(3)}));
-    QCOMPARE(rows(*client), "a, b unlock, c chosen unlock, b unlock"_s);
-    announceChosen(client.get(), "unlock", names("b b"));
-    QCOMPARE(heard.take(),
-             (QStringList{unlockFactorsChanged, enabledChanged(3), enabledChanged(2), enabledChanged(3)}));
-}
-
 void TestCatalogue::loginNameOfferedTwiceHasItsLastRowForUnlockToo()
 {
     offer({{"login"_s, names("a smartcard b a smartcard")}, {"unlock"_s, names("a smartcard a")}});
@@ -1011,30 +742,6 @@ void TestCatalogue::loginNameOfferedTwiceHasItsLastRowForUnlockToo()
     QCOMPARE(heard.take(), resetSignals);
 }
 
-void TestCatalogue::marksOfNamesakesOfOtherServicesAreAnnouncedOnTheLastRow()
-{
-    offer({{"unlock"_s, names("b")}, {"sudo"_s, names("b")}});
-    choose("unlock", names("b"));
-    choose("sudo", names("b"));
-    disable(names("b"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", {});
-    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, enabledChanged(1)}));
-    QCOMPARE(rows(*client), "b disabled unlock, b chosen disabled"_s);
-}
-
-void TestCatalogue::chosenNamesAreCaseSensitive()
-{
-    offer({{"login"_s, names("a A Smartcard")}, {"unlock"_s, names("Smartcard")}});
-    const WatchedClient client = clientOf(1000);
-    announceChosen(client.get(), "login", names("A smartcard"));
-    announceChosen(client.get(), "unlock", names("smartcard"));
-    QCOMPARE(rows(*client), "a, A chosen, Smartcard"_s);
-    QVERIFY(!client->hasEnabledFactor("smartcard"_s));
-    QVERIFY(!client->hasEnabledFactor("Smartcard"_s));
-}
-
 void TestCatalogue::unofferedNamesMarkNothing()
 {
     offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
@@ -1045,74 +752,6 @@ void TestCatalogue::unofferedNamesMarkNothing()
     QVERIFY(!client->hasEnabledFactor("b"_s));
     QVERIFY(!client->hasEnabledFactor("smartcard"_s));
     QCOMPARE(rows(*client), "a"_s);
-}
-
-void TestCatalogue::chosenNamesAreOfTheirServiceAlone()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a b")}});
-    choose("login", names("a"));
-    choose("unlock", names("b"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, b"_s);
-    QCOMPARE(client->unlockFactors(), names("b"));
-}
-
-void TestCatalogue::unlockFactorsAreToldBeforeTheMarks()
-{
-    offer({{"login"_s, names("a smartcard")}, {"unlock"_s, names("a smartcard b")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", names("a smartcard b"));
-    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, enabledChanged(0), warningChanged, enabledChanged(1)}));
-}
-
-void TestCatalogue::userSwitchMarksThenRebuilds()
-{
-    offer({{"login"_s, names("a smartcard b")}, {"unlock"_s, names("smartcard c")}});
-    choose("login", names("smartcard b"));
-    choose("unlock", names("c"));
-    disable(names("b"));
-    const WatchedClient client(newSettingsClient());
-    SignalRecorder heard(client.get());
-    client->setUid(1000);
-    QCOMPARE(heard.list(),
-             (QStringList{"uidChanged()"_s, warningChanged, enabledChanged(1), enabledChanged(2)} + resetSignals
-              + QStringList{"showNotificationsChanged()"_s}));
-    QCOMPARE(rows(*client), "a, smartcard chosen, c chosen unlock"_s);
-    QCOMPARE(client->unlockFactors(), names("c"));
-}
-
-void TestCatalogue::userSwitchWithoutDisabledFactorsDoesNotRebuild()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    choose("login", names("b"));
-    choose("unlock", names("c"));
-    const WatchedClient client(newSettingsClient());
-    SignalRecorder heard(client.get());
-    client->setUid(1000);
-    QCOMPARE(heard.list(), (QStringList{"uidChanged()"_s, enabledChanged(1), "showNotificationsChanged()"_s}));
-    QCOMPARE(rows(*client), "a, b chosen"_s);
-}
-
-void TestCatalogue::userSwitchTakesTheMarksOfTheFormerUserAway()
-{
-    offer({{"login"_s, names("a b smartcard")}, {"unlock"_s, names("c")}});
-    choose("login", names("a smartcard"));
-    choose("unlock", names("c"));
-    disable(names("b"));
-    choose("login", names("b"), 1001);
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, smartcard chosen, c chosen unlock"_s);
-    QCOMPARE(client->userWarning(), warningId);
-
-    SignalRecorder heard(client.get());
-    client->setUid(1001);
-    QCOMPARE(heard.list(),
-             (QStringList{"uidChanged()"_s, enabledChanged(0), warningChanged, enabledChanged(1), enabledChanged(2)}
-              + resetSignals + QStringList{"showNotificationsChanged()"_s}));
-    QCOMPARE(rows(*client), "a, b chosen, smartcard"_s);
-    QCOMPARE(client->userWarning(), QString());
-    QCOMPARE(client->unlockFactors(), QStringList());
 }
 
 void TestCatalogue::userSwitchRebuildsForTheFlagBeforeTheMarks()
@@ -1282,17 +921,6 @@ void TestCatalogue::warningIsTranslatedAnewWithTheNextCard()
     QCOMPARE(heard.list().count(warningChanged), 1);
 }
 
-void TestCatalogue::warningComesBetweenTheMarks()
-{
-    offer({{"login"_s, names("a smartcard b")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "login", names("b smartcard a"));
-    QCOMPARE(heard.take(), (QStringList{enabledChanged(0), warningChanged, enabledChanged(1), enabledChanged(2)}));
-    announceChosen(client.get(), "login", {});
-    QCOMPARE(heard.list(), (QStringList{enabledChanged(0), warningChanged, enabledChanged(1), enabledChanged(2)}));
-}
-
 void TestCatalogue::warningHandlerSeesTheMark()
 {
     offer({{"login"_s, names("a smartcard b")}});
@@ -1317,17 +945,6 @@ void TestCatalogue::warningIsOfTheSmartcardAlone()
     announceChosen(client.get(), "unlock", names("a sudis smartcard"));
     QCOMPARE(client->userWarning(), QString());
     QVERIFY(!heard.list().contains(warningChanged));
-}
-
-void TestCatalogue::warningIsSetWithoutARow()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("smartcard")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", names("smartcard"));
-    QCOMPARE(heard.list(), (QStringList{unlockFactorsChanged, warningChanged}));
-    QCOMPARE(rows(*client), "a"_s);
-    QCOMPARE(client->userWarning(), warningId);
 }
 
 void TestCatalogue::warningFollowsTheLastChangedEntry_data()
@@ -1379,29 +996,6 @@ void TestCatalogue::warningFollowsTheLastChangedEntry()
     QCOMPARE(heard.list().count(warningChanged), changes);
 }
 
-void TestCatalogue::warningIsNotToldTwice()
-{
-    offer({{"login"_s, names("smartcard")}, {"unlock"_s, names("smartcard")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "login", names("smartcard"));
-    announceChosen(client.get(), "unlock", names("smartcard"));
-    QCOMPARE(heard.list(), (QStringList{warningChanged, enabledChanged(0), unlockFactorsChanged, enabledChanged(0)}));
-}
-
-void TestCatalogue::warningDoesNotFollowTheDisabledMark()
-{
-    offer({{"login"_s, names("smartcard")}});
-    choose("login", names("smartcard"));
-    disable(names("smartcard"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(client->userWarning(), warningId);
-    SignalRecorder heard(client.get());
-    announceDisabled(client.get(), {});
-    QCOMPARE(client->userWarning(), warningId);
-    QCOMPARE(heard.list(), resetSignals);
-}
-
 void TestCatalogue::hasFactorLooksAtTheDisabledMark_data()
 {
     QTest::addColumn<QString>("name");
@@ -1449,16 +1043,6 @@ void TestCatalogue::hasFactorGoesOnToTheNextNamesake()
     QVERIFY(!client->hasFactor("a"_s));
 }
 
-void TestCatalogue::hasFactorNeedsNoRow()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
-    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), seesAll() ? "a"_s : QString());
-    QVERIFY(client->hasFactor("a"_s));
-    QVERIFY(client->hasFactor("b"_s));
-}
-
 void TestCatalogue::hasEnabledFactorLooksAtEachService_data()
 {
     QTest::addColumn<QString>("name");
@@ -1484,20 +1068,6 @@ void TestCatalogue::hasEnabledFactorLooksAtEachService()
     QCOMPARE(client->hasEnabledFactor(name), expected);
 }
 
-void TestCatalogue::hasEnabledFactorNeedsNoRow()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
-    choose("login", names("a"));
-    choose("unlock", names("b"));
-    disable(names("a"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "b chosen unlock"_s);
-    QVERIFY(client->hasEnabledFactor("a"_s));
-    QVERIFY(client->hasEnabledFactor("b"_s));
-    announceChosen(client.get(), "login", {});
-    QVERIFY(!client->hasEnabledFactor("a"_s));
-}
-
 void TestCatalogue::hasChosenFactorNeedsARow()
 {
     offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c d")}});
@@ -1516,20 +1086,6 @@ void TestCatalogue::hasChosenFactorNeedsARow()
     QVERIFY(!client->hasChosenFactor(QString()));
 }
 
-void TestCatalogue::hasChosenFactorLooksAtTheWish()
-{
-    offer({{"login"_s, names("a b")}});
-    choose("login", names("a"));
-    daemon.answer("SetUserOption", "(false,)");
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(1);
-    QVERIFY(client->hasChosenFactor("b"_s));
-    QVERIFY(!client->hasChosenFactor("a"_s));
-    QVERIFY(!client->hasEnabledFactor("b"_s));
-    QVERIFY(client->hasEnabledFactor("a"_s));
-    QCOMPARE(rows(*client), "a chosen, b"_s);
-}
-
 void TestCatalogue::unlockFactorsAreTheUsersInTheDaemonsOrder()
 {
     offer({{"login"_s, names("z")}, {"unlock"_s, names("a b c")}});
@@ -1545,18 +1101,6 @@ void TestCatalogue::unlockFactorsAreTheUsersInTheDaemonsOrder()
     QCOMPARE(client->unlockFactors(), names("b a"));
     announceChosen(client.get(), "unlock", {});
     QCOMPARE(client->unlockFactors(), QStringList());
-}
-
-void TestCatalogue::unlockFactorsWithoutAnUnlockServiceAreNone()
-{
-    offer({{"login"_s, names("a")}});
-    choose("login", names("a"));
-    choose("unlock", names("a"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", names("a"));
-    QCOMPARE(client->unlockFactors(), QStringList());
-    QCOMPARE(heard.list(), QStringList());
 }
 
 void TestCatalogue::modelHasFiveRoles()
@@ -1761,16 +1305,6 @@ void TestCatalogue::loginFactorsCountIsThatOfTheLoginRows()
     QCOMPARE(client->factors()->property("loginFactorsCount"), QVariant(3));
     announceChosen(client.get(), "login", {});
     QCOMPARE(client->factors()->loginFactorsCount(), 3);
-}
-
-void TestCatalogue::loginFactorsCountIsToldThoughItIsTheSame()
-{
-    offer({{"login"_s, names("smartcard a")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceDisabled(client.get(), names("smartcard"));
-    QCOMPARE(client->factors()->loginFactorsCount(), 2);
-    QCOMPARE(heard.list(), resetSignals);
 }
 
 void TestCatalogue::loginFactorsCountIsReadWhenItIsTold()

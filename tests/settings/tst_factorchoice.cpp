@@ -12,57 +12,33 @@ private:
     QStringList takeCalls();
 
 private Q_SLOTS:
+    void togglesAreWritten_data();
+    void togglesAreWritten();
     void init();
 
-    void onlyChosenLoginFactorMayNotBeToggled();
-    void eachOfSeveralChosenMayBeToggled();
-    void eachMayBeToggledWhileNoneIsChosen();
     void rowOfAnotherServiceMayNotBeToggled_data();
     void rowOfAnotherServiceMayNotBeToggled();
     void rowThatIsNotThereMayNotBeToggled_data();
     void rowThatIsNotThereMayNotBeToggled();
     void rowOfAnEmptyModelMayNotBeToggled();
-    void askingChangesNothing();
     void refusedToggleDoesNothing_data();
     void refusedToggleDoesNothing();
 
-    void singleModeChoosesInsteadOfTheOther();
-    void singleModeUnchoosingLeavesNone();
-    void singleModeUnchoosesUnlockRowsToo();
-    void singleModeKeepsWhatHasNoRow();
-    void singleModeKeepsTheUnlockFactorOfTheSameName();
-    void singleModeKeepsNamesakesAsTheyAre();
-    void singleModeKeepsTheWishesForNamesakes();
-    void severalModeChoosesInAddition();
-    void severalModeUnchoosesOne();
-    void severalModeKeepsUnlockRows();
-    void severalModeTogglesOneNamesake();
     void modeIsTheOneAnnounced();
 
-    void choiceIsWrittenInTheOrderOfTheOffer();
     void eachServiceIsWrittenInTheOrderOfNames();
     void serviceNamedTwiceIsWrittenOnce();
-    void choicesThatAreNotOfferedAreNotWritten();
-    void eachToggleWritesEachService();
     void writesAreOfTheSelectedUser_data();
     void writesAreOfTheSelectedUser();
     void writesBearTheToken();
-    void writesWithoutAUserAreOfUserZero();
     void writesWithoutAUserAreRefusedByTheDaemon();
-    void toggleChangesTheWishAlone();
 
     void refusedWritesChangeNothing_data();
     void refusedWritesChangeNothing();
     void firstWriteFailsAndTheOtherIsMade();
     void lastWriteFailsAndTheFirstIsKept();
     void writesFailWithoutAPeer();
-    void wishesOfRefusedTogglesAreWrittenWithTheNext();
-    void singleModeForgetsWishesOfRefusedToggles();
     void refusedToggleIsRepeatedAsItWas();
-    void wishOutlivesAnnouncementsOfOthers();
-    void wishIsOverwrittenWhenItsFactorChanges();
-    void wishOfALoginFactorIsWrittenWithAnUnlockFactor();
-    void wishesOfUnlockFactorsAreWrittenWithALoginFactor();
 
     void acceptedToggleIsShownOnceAnnounced_data();
     void acceptedToggleIsShownOnceAnnounced();
@@ -72,37 +48,21 @@ private Q_SLOTS:
     void secondToggleInSingleModeTakesTheFirstBack();
     void sameToggleTwiceWritesTheSame();
 
-    void unlockFactorIsChosenInAddition();
-    void unlockFactorIsUnchosenBesideOthers();
-    void sudisIsChosenAlone();
-    void sudisIsChosenWhereNoneIs();
-    void sudisTakesAwayWhatIsOnlyWantedWithWhatIsChosen();
-    void sudisIsUnchosenBesideOthers();
-    void othersAreChosenBesideSudis();
-    void onlySudisHasNoOtherLetters();
     void lastUnlockFactorIsReplacedByAllOthers_data();
     void lastUnlockFactorIsReplacedByAllOthers();
-    void lastUnlockFactorWithoutOthersLeavesNone();
     void unknownNameWritesTheChoiceAsItIs_data();
     void unknownNameWritesTheChoiceAsItIs();
-    void unlockFactorOfferedTwiceIsToggledTwice();
-    void loginFactorOfferedTwiceIsToggledRowByRow();
     void lastNamesakeDecides_data();
     void lastNamesakeDecides();
     void unlockFactorsNeedNoRow();
     void unlockFactorsHeedNoMode_data();
     void unlockFactorsHeedNoMode();
-    void loginFactorsAreLeftAloneByUnlockFactors();
     void otherServicesAreLeftAloneByUnlockFactors();
-    void otherChosenMeansChosenByTheDaemon();
-    void refusedReplacementIsWrittenWithTheNext();
     void withoutAnUnlockServiceTheRestIsWritten();
     void acceptedUnlockFactorIsShownOnceAnnounced();
-    void unlockFactorWithoutAUserIsWrittenForUserZero();
 
     void toggleInAHandlerStartsFromTheMarksSoFar();
     void manyFactorsAreWritten();
-    void sameNameIsWrittenAsOftenAsItIsThere();
     void oddNamesAreWritten();
     void oddServicesAreWritten();
 };
@@ -182,33 +142,175 @@ QStringList TestFactorChoice::takeCalls()
     return result;
 }
 
-void TestFactorChoice::onlyChosenLoginFactorMayNotBeToggled()
+void TestFactorChoice::togglesAreWritten_data()
 {
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("a")}});
-    choose("login", names("b"));
-    const WatchedClient client = clientOf(1000);
-    QVERIFY(client->canTriggerFactor(0));
-    QVERIFY(!client->canTriggerFactor(1));
-    QVERIFY(client->canTriggerFactor(2));
-    QCOMPARE(log->takeComplaints(), QStringList());
+    QTest::addColumn<QByteArray>("story");
+    const auto story = [](const char *name, const char *steps) { QTest::newRow(name) << QByteArray(steps); };
+    story("only chosen login factor may not be toggled",
+          "offer login: a b c; unlock: a | login: b | user 1000 | may toggle 0 | not may toggle 1 "
+          "| may toggle 2 | quiet");
+    story("each of several chosen may be toggled",
+          "offer login: a b c d | login: b d | user 1000 | may toggle 0 1 2 3");
+    story("each may be toggled while none is chosen",
+          "offer login: a b; unlock: a | unlock: a | user 1000 | may toggle 0 1");
+    story("asking changes nothing",
+          "offer login: a b | login: a | user 1000 | may toggle 1 | may toggle 1 ! nothing "
+          "| look > nothing "
+          "| wishes a | quiet");
+    story("single mode chooses instead of the other",
+          "offer login: a b c; unlock: b | login: b | unlock: b | user 1000 | toggle 0 > a / b "
+          "| wishes a");
+    story("single mode unchoosing leaves none",
+          "offer login: a b c; unlock: c | login: a b c | unlock: c | user 1000 | toggle 1 > nothing / c "
+          "| wishes nothing");
+    story("single mode unchooses unlock rows too",
+          "offer login: a b x; unlock: c d | login: a | unlock: c d | disabled: x "
+          "| user 1000 = a chosen, b, c chosen unlock, d chosen unlock | toggle 1 > b / nothing "
+          "| wishes b");
+    story("single mode keeps what has no row",
+          "offer login: a b x; unlock: a c | login: a x | disabled: x | user 1000 | unlock: a c = a chosen, b "
+          "| toggle 1 "
+          // The login factor that is disabled, and unlock factors that are not shown.
+          "| look > b x / a c");
+    story("single mode keeps the unlock factor of the same name",
+          "offer login: a b; unlock: a b | login: a | unlock: b | user 1000 | toggle 1 > b / b");
+    story("single mode keeps namesakes as they are",
+          "offer login: a b a; unlock: c | login: a | user 1000 = a chosen, b, a chosen "
+          "| toggle 2 > a / nothing "
+          "| login: nothing | toggle 0 > a / nothing "
+          "| toggle 2 > a a / nothing "
+          "| toggle 1 > b / nothing");
+    story("single mode keeps the wishes for namesakes",
+          "offer login: a b c; unlock: a b d | unlock: b d | user 1000 | refuse | toggle unlock a "
+          "| toggle unlock b > nothing / a b d, nothing / a d "
+          // The one is wanted and not chosen, the other is chosen and not wanted.
+          "| toggle 0 > a / a d "
+          "| toggle 1 > b / a d "
+          "| toggle 2 > c / a d");
+    story("several mode chooses in addition",
+          "offer login: a b c; unlock: b | login: c | several: yes | user 1000 | toggle 1 > b c / nothing "
+          "| wishes b c");
+    story("several mode unchooses one",
+          "offer login: a b c; unlock: b | login: a b c | unlock: b | several: yes | user 1000 "
+          "| toggle 1 > a c / b "
+          "| wishes a c");
+    story("several mode keeps unlock rows",
+          "offer login: a b x; unlock: c d | login: a | unlock: d | disabled: x | several: yes "
+          "| user 1000 = a chosen, b, d chosen unlock | toggle 1 > a b / d");
+    story("several mode toggles one namesake",
+          "offer login: a a; unlock: a | login: a | unlock: a | several: yes | user 1000 | toggle 0 > a / a "
+          "| toggle 1 > nothing / a");
+    story("choice is written in the order of the offer",
+          "offer login: z M a b; unlock: y x w | login: b a | unlock: w y | several: yes | user 1000 "
+          "| toggle 0 > z a b / y w");
+    story("choices that are not offered are not written",
+          "offer login: a b; unlock: c | login: a gone | unlock: gone c | several: yes | user 1000 "
+          "| toggle 1 > a b / c");
+    story("each toggle writes each service",
+          "offer login: a b; unlock: c | login: a | user 1000 | toggle 1 | toggle 1 "
+          "| toggle unlock none > b / nothing, b / nothing, b / nothing");
+    story("writes without a user are of user zero",
+          "offer login: a b; unlock: a | user 0 | toggle 1 > b / nothing "
+          "| wishes b");
+    story("toggle changes the wish alone",
+          "offer login: a b smartcard; unlock: c | login: a | user 1000 | toggle 2 | toggle unlock c ! nothing "
+          "| look = a chosen, b, smartcard "
+          "| enabled a | not enabled smartcard c | wishes smartcard | not warned | unlock factors nothing "
+          // Still the only one that is chosen.
+          "| not may toggle 0 | quiet");
+    story("wishes of refused toggles are written with the next",
+          "offer login: a b c d; unlock: c | login: b d | several: yes | user 1000 | refuse "
+          "| toggle 0 > a b d / nothing "
+          "| toggle 1 > a d / nothing "
+          "| toggle 2 > a c d / nothing "
+          "| wishes a c d = a, b chosen, c, d chosen");
+    story("single mode forgets wishes of refused toggles",
+          "offer login: a b c; unlock: c | login: b | user 1000 | refuse | toggle 0 > a / nothing "
+          "| toggle 2 > c / nothing "
+          "| wishes c "
+          // What the daemon has chosen is still the only one.
+          "| toggle 1 > nothing");
+    story("wish outlives announcements of others",
+          "offer login: a b c d; unlock: c | login: b | several: yes | user 1000 | toggle 0 | login: b c "
+          "| wishes a b c "
+          // A rebuild of the rows keeps it too.
+          "| settable: no | settable: yes | wishes a b c | forget calls | toggle 3 > a b c d / nothing");
+    story("wish is overwritten when its factor changes",
+          "offer login: a b c; unlock: c | login: b | user 1000 | toggle 0 | wishes a | login: a b | wishes a "
+          "| login: b | wishes nothing | login: nothing | login: b | wishes b");
+    story("wish of a login factor is written with an unlock factor",
+          "offer login: a b; unlock: a c | login: b | user 1000 | refuse | toggle 0 > a / nothing "
+          "| toggle unlock c > a / c");
+    story("wishes of unlock factors are written with a login factor",
+          "offer login: a b; unlock: a c | login: b | user 1000 | refuse | toggle unlock a | toggle unlock c "
+          "| forget calls | toggle 0 > a / a c");
+    story("unlock factor is chosen in addition",
+          "offer login: a; unlock: a b c | unlock: c | user 1000 | toggle unlock b > nothing / b c");
+    story("unlock factor is unchosen beside others",
+          "offer login: a; unlock: a b c d | unlock: a b c | user 1000 | toggle unlock b > nothing / a c");
+    story("sudis is chosen alone",
+          "offer login: sudis; unlock: code smartcard sudis broken | unlock: smartcard broken | user 1000 "
+          "| toggle unlock sudis > nothing / sudis");
+    story("sudis is chosen where none is",
+          "offer login: a; unlock: code sudis | user 1000 | toggle unlock sudis > nothing / sudis");
+    story("sudis takes away what is only wanted with what is chosen",
+          "offer login: a; unlock: code smartcard sudis broken | unlock: code | user 1000 | refuse "
+          "| toggle unlock broken > nothing / code broken "
+          "| toggle unlock sudis > nothing / sudis "
+          // Chosen by the daemon, it is still another, though it is not wanted.
+          "| toggle unlock broken | toggle unlock sudis > nothing / sudis broken, nothing / sudis");
+    story("sudis is unchosen beside others",
+          "offer login: a; unlock: code sudis smartcard broken | unlock: code sudis broken | user 1000 "
+          "| toggle unlock sudis > nothing / code broken");
+    story("others are chosen beside sudis",
+          "offer login: a; unlock: code sudis | unlock: sudis | user 1000 "
+          "| toggle unlock code > nothing / code sudis");
+    story("only sudis has no other letters",
+          "offer login: a; unlock: code Sudis sudis2 | unlock: code | user 1000 "
+          "| toggle unlock Sudis > nothing / code Sudis "
+          "| toggle unlock sudis2 > nothing / code Sudis sudis2 "
+          "| toggle unlock sudis > nothing / code Sudis sudis2");
+    story("last unlock factor without others leaves none",
+          "offer login: a b; unlock: a | unlock: a | user 1000 | toggle unlock a > nothing / nothing");
+    story("unlock factor offered twice is toggled twice",
+          "offer login: a; unlock: b c b | user 1000 | toggle unlock b > nothing / b b "
+          // Namesakes are not others.
+          "| unlock: b | toggle unlock b > nothing / c");
+    story("login factor offered twice is toggled row by row",
+          "offer login: a b a; unlock: a a | login: a | unlock: a | user 1000 "
+          // Both rows count, so that neither is the only one.
+          "| may toggle 0 2 | refuse | toggle 0 > a / a a "
+          "| wishes a | toggle 2 > nothing / a a "
+          "| wishes nothing "
+          // The daemon says nothing new of them, and knows one name where there are two rows.
+          "| login: a | toggle 1 > b / a a");
+    story("login factors are left alone by unlock factors",
+          "offer login: code sudis broken; unlock: code sudis broken | login: code broken | unlock: code "
+          "| user 1000 | toggle unlock code > code broken / sudis broken "
+          "| toggle unlock sudis > code broken / sudis "
+          "| wishes code broken");
+    story("other chosen means chosen by the daemon",
+          "offer login: a; unlock: code sudis broken | user 1000 | refuse | toggle unlock code > nothing / code "
+          // The wish for another does not count, and stays.
+          "| toggle unlock sudis > nothing / code sudis "
+          "| unlock: broken | toggle unlock broken > nothing / code sudis");
+    story("refused replacement is written with the next",
+          "offer login: a; unlock: code smartcard broken | unlock: code | user 1000 | refuse "
+          "| toggle unlock code > nothing / smartcard broken "
+          "| toggle unlock smartcard > nothing / smartcard broken "
+          "| toggle unlock none > nothing / smartcard broken "
+          "| unlock factors code");
+    story("unlock factor without a user is written for user zero",
+          "offer login: a; unlock: a b | user 0 | toggle unlock b > nothing / b");
+    story("same name is written as often as it is there",
+          "offer login: a a a a a; unlock: a a a | login: a | user 1000 | toggle 2 > a a a a / nothing "
+          "| toggle unlock a > a a a a / a a a");
 }
 
-void TestFactorChoice::eachOfSeveralChosenMayBeToggled()
+void TestFactorChoice::togglesAreWritten()
 {
-    offer({{"login"_s, names("a b c d")}});
-    choose("login", names("b d"));
-    const WatchedClient client = clientOf(1000);
-    for (int row = 0; row < 4; ++row)
-        QVERIFY(client->canTriggerFactor(row));
-}
-
-void TestFactorChoice::eachMayBeToggledWhileNoneIsChosen()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a")}});
-    choose("unlock", names("a"));
-    const WatchedClient client = clientOf(1000);
-    QVERIFY(client->canTriggerFactor(0));
-    QVERIFY(client->canTriggerFactor(1));
+    QFETCH(QByteArray, story);
+    play(story.constData());
 }
 
 void TestFactorChoice::rowOfAnotherServiceMayNotBeToggled_data()
@@ -275,21 +377,6 @@ void TestFactorChoice::rowOfAnEmptyModelMayNotBeToggled()
     QCOMPARE(daemon.calls(), QStringList());
 }
 
-void TestFactorChoice::askingChangesNothing()
-{
-    offer({{"login"_s, names("a b")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    QVERIFY(client->canTriggerFactor(1));
-    QVERIFY(client->canTriggerFactor(1));
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(daemon.calls(), QStringList());
-    QCOMPARE(wishes(*client, "a b"), "a"_s);
-    QCOMPARE(log->take(), QStringList());
-}
-
 void TestFactorChoice::refusedToggleDoesNothing_data()
 {
     QTest::addColumn<bool>("several");
@@ -314,148 +401,6 @@ void TestFactorChoice::refusedToggleDoesNothing()
     QCOMPARE(log->take(), QStringList());
 }
 
-void TestFactorChoice::singleModeChoosesInsteadOfTheOther()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
-    choose("login", names("b"));
-    choose("unlock", names("b"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(0);
-    QCOMPARE(daemon.calls(), writes("a", "b"));
-    QCOMPARE(wishes(*client, "a b c"), "a"_s);
-}
-
-void TestFactorChoice::singleModeUnchoosingLeavesNone()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c")}});
-    choose("login", names("a b c"));
-    choose("unlock", names("c"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("", "c"));
-    QCOMPARE(wishes(*client, "a b c"), QString());
-}
-
-void TestFactorChoice::singleModeUnchoosesUnlockRowsToo()
-{
-    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d")}});
-    choose("login", names("a"));
-    choose("unlock", names("c d"));
-    disable(names("x"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, b, c chosen unlock, d chosen unlock"_s);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("b", ""));
-    QCOMPARE(wishes(*client, "a b c d"), "b"_s);
-}
-
-void TestFactorChoice::singleModeKeepsWhatHasNoRow()
-{
-    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("a c")}});
-    choose("login", names("a x"));
-    disable(names("x"));
-    const WatchedClient client = clientOf(1000);
-    announceChosen(client.get(), "unlock", names("a c"));
-    QCOMPARE(rows(*client), "a chosen, b"_s);
-    client->triggerFactor(1);
-    // The login factor that is disabled, and unlock factors that are not shown.
-    QCOMPARE(daemon.calls(), writes("b x", "a c"));
-}
-
-void TestFactorChoice::singleModeKeepsTheUnlockFactorOfTheSameName()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a b")}});
-    choose("login", names("a"));
-    choose("unlock", names("b"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("b", "b"));
-}
-
-void TestFactorChoice::singleModeKeepsNamesakesAsTheyAre()
-{
-    offer({{"login"_s, names("a b a")}, {"unlock"_s, names("c")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, b, a chosen"_s);
-    client->triggerFactor(2);
-    QCOMPARE(takeCalls(), writes("a", ""));
-    announceChosen(client.get(), "login", {});
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a", ""));
-    client->triggerFactor(2);
-    QCOMPARE(takeCalls(), writes("a a", ""));
-    client->triggerFactor(1);
-    QCOMPARE(takeCalls(), writes("b", ""));
-}
-
-void TestFactorChoice::singleModeKeepsTheWishesForNamesakes()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("a b d")}});
-    choose("unlock", names("b d"));
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerUnlockFactor("a"_s);
-    client->triggerUnlockFactor("b"_s);
-    QCOMPARE(takeCalls(), writes("", "a b d") + writes("", "a d"));
-    // The one is wanted and not chosen, the other is chosen and not wanted.
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a", "a d"));
-    client->triggerFactor(1);
-    QCOMPARE(takeCalls(), writes("b", "a d"));
-    client->triggerFactor(2);
-    QCOMPARE(takeCalls(), writes("c", "a d"));
-}
-
-void TestFactorChoice::severalModeChoosesInAddition()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
-    choose("login", names("c"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("b c", ""));
-    QCOMPARE(wishes(*client, "a b c"), "b c"_s);
-}
-
-void TestFactorChoice::severalModeUnchoosesOne()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
-    choose("login", names("a b c"));
-    choose("unlock", names("b"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("a c", "b"));
-    QCOMPARE(wishes(*client, "a b c"), "a c"_s);
-}
-
-void TestFactorChoice::severalModeKeepsUnlockRows()
-{
-    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d")}});
-    choose("login", names("a"));
-    choose("unlock", names("d"));
-    disable(names("x"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, b, d chosen unlock"_s);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("a b", "d"));
-}
-
-void TestFactorChoice::severalModeTogglesOneNamesake()
-{
-    offer({{"login"_s, names("a a")}, {"unlock"_s, names("a")}});
-    choose("login", names("a"));
-    choose("unlock", names("a"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a", "a"));
-    client->triggerFactor(1);
-    QCOMPARE(takeCalls(), writes("", "a"));
-}
-
 void TestFactorChoice::modeIsTheOneAnnounced()
 {
     offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
@@ -471,17 +416,6 @@ void TestFactorChoice::modeIsTheOneAnnounced()
     announce("false");
     client->triggerFactor(0);
     QCOMPARE(takeCalls(), writes("a", ""));
-}
-
-void TestFactorChoice::choiceIsWrittenInTheOrderOfTheOffer()
-{
-    offer({{"login"_s, names("z M a b")}, {"unlock"_s, names("y x w")}});
-    choose("login", names("b a"));
-    choose("unlock", names("w y"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(0);
-    QCOMPARE(daemon.calls(), writes("z a b", "y w"));
 }
 
 void TestFactorChoice::eachServiceIsWrittenInTheOrderOfNames()
@@ -514,28 +448,6 @@ void TestFactorChoice::serviceNamedTwiceIsWrittenOnce()
     QCOMPARE(daemon.calls(), writes("a a b", "c"));
 }
 
-void TestFactorChoice::choicesThatAreNotOfferedAreNotWritten()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    choose("login", names("a gone"));
-    choose("unlock", names("gone c"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("a b", "c"));
-}
-
-void TestFactorChoice::eachToggleWritesEachService()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(1);
-    client->triggerFactor(1);
-    client->triggerUnlockFactor("none"_s);
-    QCOMPARE(daemon.calls(), writes("b", "") + writes("b", "") + writes("b", ""));
-}
-
 void TestFactorChoice::writesAreOfTheSelectedUser_data()
 {
     QTest::addColumn<uint>("uid");
@@ -566,15 +478,6 @@ void TestFactorChoice::writesBearTheToken()
     QCOMPARE(takeCalls(), writes("a", "b"));
 }
 
-void TestFactorChoice::writesWithoutAUserAreOfUserZero()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a")}});
-    const WatchedClient client = clientOf(0);
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), (QStringList{write("login"_s, names("b"), 0), write("unlock"_s, {}, 0)}));
-    QCOMPARE(wishes(*client, "a b"), "b"_s);
-}
-
 void TestFactorChoice::writesWithoutAUserAreRefusedByTheDaemon()
 {
     const WatchedClient client(newSettingsClient(), 0);
@@ -584,28 +487,6 @@ void TestFactorChoice::writesWithoutAUserAreRefusedByTheDaemon()
     for (const QString &complaint : complaints)
         QVERIFY2(complaint.startsWith("warning setUserOption failed: \""_s), qPrintable(complaint));
     QCOMPARE(daemon.calls().size(), 2);
-}
-
-void TestFactorChoice::toggleChangesTheWishAlone()
-{
-    offer({{"login"_s, names("a b smartcard")}, {"unlock"_s, names("c")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    client->triggerFactor(2);
-    client->triggerUnlockFactor("c"_s);
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(rows(*client), "a chosen, b, smartcard"_s);
-    QVERIFY(client->hasEnabledFactor("a"_s));
-    QVERIFY(!client->hasEnabledFactor("smartcard"_s));
-    QVERIFY(!client->hasEnabledFactor("c"_s));
-    QCOMPARE(wishes(*client, "a b smartcard c"), "smartcard"_s);
-    QCOMPARE(client->userWarning(), QString());
-    QCOMPARE(client->unlockFactors(), QStringList());
-    // Still the only one that is chosen.
-    QVERIFY(!client->canTriggerFactor(0));
-    QCOMPARE(log->take(), QStringList());
 }
 
 void TestFactorChoice::refusedWritesChangeNothing_data()
@@ -682,39 +563,6 @@ void TestFactorChoice::writesFailWithoutAPeer()
     QCOMPARE(wishes(*client, "a b"), "a"_s);
 }
 
-void TestFactorChoice::wishesOfRefusedTogglesAreWrittenWithTheNext()
-{
-    offer({{"login"_s, names("a b c d")}, {"unlock"_s, names("c")}});
-    choose("login", names("b d"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a b d", ""));
-    client->triggerFactor(1);
-    QCOMPARE(takeCalls(), writes("a d", ""));
-    client->triggerFactor(2);
-    QCOMPARE(takeCalls(), writes("a c d", ""));
-    QCOMPARE(wishes(*client, "a b c d"), "a c d"_s);
-    QCOMPARE(rows(*client), "a, b chosen, c, d chosen"_s);
-}
-
-void TestFactorChoice::singleModeForgetsWishesOfRefusedToggles()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c")}});
-    choose("login", names("b"));
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a", ""));
-    client->triggerFactor(2);
-    QCOMPARE(takeCalls(), writes("c", ""));
-    QCOMPARE(wishes(*client, "a b c"), "c"_s);
-    // What the daemon has chosen is still the only one.
-    client->triggerFactor(1);
-    QCOMPARE(takeCalls(), QStringList());
-}
-
 void TestFactorChoice::refusedToggleIsRepeatedAsItWas()
 {
     offer({{"login"_s, names("a b")}, {"unlock"_s, names("c d")}});
@@ -731,65 +579,6 @@ void TestFactorChoice::refusedToggleIsRepeatedAsItWas()
         client->triggerUnlockFactor("c"_s);
         QCOMPARE(takeCalls(), writes("a b", "c d"));
     }
-}
-
-void TestFactorChoice::wishOutlivesAnnouncementsOfOthers()
-{
-    offer({{"login"_s, names("a b c d")}, {"unlock"_s, names("c")}});
-    choose("login", names("b"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(0);
-    announceChosen(client.get(), "login", names("b c"));
-    QCOMPARE(wishes(*client, "a b c d"), "a b c"_s);
-    // A rebuild of the rows keeps it too.
-    announceSettable(client.get(), false);
-    announceSettable(client.get(), true);
-    QCOMPARE(wishes(*client, "a b c d"), "a b c"_s);
-    daemon.clearCalls();
-    client->triggerFactor(3);
-    QCOMPARE(daemon.calls(), writes("a b c d", ""));
-}
-
-void TestFactorChoice::wishIsOverwrittenWhenItsFactorChanges()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c")}});
-    choose("login", names("b"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(0);
-    QCOMPARE(wishes(*client, "a b c"), "a"_s);
-    announceChosen(client.get(), "login", names("a b"));
-    QCOMPARE(wishes(*client, "a b c"), "a"_s);
-    announceChosen(client.get(), "login", names("b"));
-    QCOMPARE(wishes(*client, "a b c"), QString());
-    announceChosen(client.get(), "login", {});
-    announceChosen(client.get(), "login", names("b"));
-    QCOMPARE(wishes(*client, "a b c"), "b"_s);
-}
-
-void TestFactorChoice::wishOfALoginFactorIsWrittenWithAnUnlockFactor()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a c")}});
-    choose("login", names("b"));
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a", ""));
-    client->triggerUnlockFactor("c"_s);
-    QCOMPARE(takeCalls(), writes("a", "c"));
-}
-
-void TestFactorChoice::wishesOfUnlockFactorsAreWrittenWithALoginFactor()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a c")}});
-    choose("login", names("b"));
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerUnlockFactor("a"_s);
-    client->triggerUnlockFactor("c"_s);
-    daemon.clearCalls();
-    client->triggerFactor(0);
-    QCOMPARE(daemon.calls(), writes("a", "a c"));
 }
 
 void TestFactorChoice::acceptedToggleIsShownOnceAnnounced_data()
@@ -918,88 +707,6 @@ void TestFactorChoice::sameToggleTwiceWritesTheSame()
     QCOMPARE(client->unlockFactors(), names("sudis"));
 }
 
-void TestFactorChoice::unlockFactorIsChosenInAddition()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("a b c")}});
-    choose("unlock", names("c"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("b"_s);
-    QCOMPARE(daemon.calls(), writes("", "b c"));
-}
-
-void TestFactorChoice::unlockFactorIsUnchosenBesideOthers()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("a b c d")}});
-    choose("unlock", names("a b c"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("b"_s);
-    QCOMPARE(daemon.calls(), writes("", "a c"));
-}
-
-void TestFactorChoice::sudisIsChosenAlone()
-{
-    offer({{"login"_s, names("sudis")}, {"unlock"_s, names("code smartcard sudis broken")}});
-    choose("unlock", names("smartcard broken"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(daemon.calls(), writes("", "sudis"));
-}
-
-void TestFactorChoice::sudisIsChosenWhereNoneIs()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis")}});
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(daemon.calls(), writes("", "sudis"));
-}
-
-void TestFactorChoice::sudisTakesAwayWhatIsOnlyWantedWithWhatIsChosen()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code smartcard sudis broken")}});
-    choose("unlock", names("code"));
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerUnlockFactor("broken"_s);
-    QCOMPARE(takeCalls(), writes("", "code broken"));
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(takeCalls(), writes("", "sudis"));
-    // Chosen by the daemon, it is still another, though it is not wanted.
-    client->triggerUnlockFactor("broken"_s);
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(takeCalls(), writes("", "sudis broken") + writes("", "sudis"));
-}
-
-void TestFactorChoice::sudisIsUnchosenBesideOthers()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis smartcard broken")}});
-    choose("unlock", names("code sudis broken"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(daemon.calls(), writes("", "code broken"));
-}
-
-void TestFactorChoice::othersAreChosenBesideSudis()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis")}});
-    choose("unlock", names("sudis"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("code"_s);
-    QCOMPARE(daemon.calls(), writes("", "code sudis"));
-}
-
-void TestFactorChoice::onlySudisHasNoOtherLetters()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code Sudis sudis2")}});
-    choose("unlock", names("code"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("Sudis"_s);
-    QCOMPARE(takeCalls(), writes("", "code Sudis"));
-    client->triggerUnlockFactor("sudis2"_s);
-    QCOMPARE(takeCalls(), writes("", "code Sudis sudis2"));
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(takeCalls(), writes("", "code Sudis sudis2"));
-}
-
 void TestFactorChoice::lastUnlockFactorIsReplacedByAllOthers_data()
 {
     QTest::addColumn<QString>("name");
@@ -1021,15 +728,6 @@ void TestFactorChoice::lastUnlockFactorIsReplacedByAllOthers()
     const WatchedClient client = clientOf(1000);
     client->triggerUnlockFactor(name);
     QCOMPARE(daemon.calls(), writes("a", others.constData()));
-}
-
-void TestFactorChoice::lastUnlockFactorWithoutOthersLeavesNone()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("a")}});
-    choose("unlock", names("a"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("a"_s);
-    QCOMPARE(daemon.calls(), writes("", ""));
 }
 
 void TestFactorChoice::unknownNameWritesTheChoiceAsItIs_data()
@@ -1056,40 +754,6 @@ void TestFactorChoice::unknownNameWritesTheChoiceAsItIs()
     client->triggerUnlockFactor(name);
     QCOMPARE(daemon.calls(), writes("x", unlock.constData()));
     QCOMPARE(log->take(), QStringList());
-}
-
-void TestFactorChoice::unlockFactorOfferedTwiceIsToggledTwice()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("b c b")}});
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("b"_s);
-    QCOMPARE(takeCalls(), writes("", "b b"));
-    // Namesakes are not others.
-    announceChosen(client.get(), "unlock", names("b"));
-    client->triggerUnlockFactor("b"_s);
-    QCOMPARE(takeCalls(), writes("", "c"));
-}
-
-void TestFactorChoice::loginFactorOfferedTwiceIsToggledRowByRow()
-{
-    offer({{"login"_s, names("a b a")}, {"unlock"_s, names("a a")}});
-    choose("login", names("a"));
-    choose("unlock", names("a"));
-    const WatchedClient client = clientOf(1000);
-    // Both rows count, so that neither is the only one.
-    QVERIFY(client->canTriggerFactor(0));
-    QVERIFY(client->canTriggerFactor(2));
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a", "a a"));
-    QCOMPARE(wishes(*client, "a b"), "a"_s);
-    client->triggerFactor(2);
-    QCOMPARE(takeCalls(), writes("", "a a"));
-    QCOMPARE(wishes(*client, "a b"), QString());
-    // The daemon says nothing new of them, and knows one name where there are two rows.
-    announceChosen(client.get(), "login", names("a"));
-    client->triggerFactor(1);
-    QCOMPARE(takeCalls(), writes("b", "a a"));
 }
 
 void TestFactorChoice::lastNamesakeDecides_data()
@@ -1164,19 +828,6 @@ void TestFactorChoice::unlockFactorsHeedNoMode()
     QCOMPARE(log->take(), QStringList());
 }
 
-void TestFactorChoice::loginFactorsAreLeftAloneByUnlockFactors()
-{
-    offer({{"login"_s, names("code sudis broken")}, {"unlock"_s, names("code sudis broken")}});
-    choose("login", names("code broken"));
-    choose("unlock", names("code"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("code"_s);
-    QCOMPARE(takeCalls(), writes("code broken", "sudis broken"));
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(takeCalls(), writes("code broken", "sudis"));
-    QCOMPARE(wishes(*client, "code sudis broken"), "code broken"_s);
-}
-
 void TestFactorChoice::otherServicesAreLeftAloneByUnlockFactors()
 {
     offer({{"sudo"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}, {"Unlock"_s, names("code sudis")}});
@@ -1193,37 +844,6 @@ void TestFactorChoice::otherServicesAreLeftAloneByUnlockFactors()
     QCOMPARE(takeCalls(),
              (QStringList{write("Unlock"_s, names("code")), write("sudo"_s, names("code")),
                           write("unlock"_s, names("sudis"))}));
-}
-
-void TestFactorChoice::otherChosenMeansChosenByTheDaemon()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code sudis broken")}});
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerUnlockFactor("code"_s);
-    QCOMPARE(takeCalls(), writes("", "code"));
-    // The wish for another does not count, and stays.
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(takeCalls(), writes("", "code sudis"));
-
-    announceChosen(client.get(), "unlock", names("broken"));
-    client->triggerUnlockFactor("broken"_s);
-    QCOMPARE(takeCalls(), writes("", "code sudis"));
-}
-
-void TestFactorChoice::refusedReplacementIsWrittenWithTheNext()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code smartcard broken")}});
-    choose("unlock", names("code"));
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    client->triggerUnlockFactor("code"_s);
-    QCOMPARE(takeCalls(), writes("", "smartcard broken"));
-    client->triggerUnlockFactor("smartcard"_s);
-    QCOMPARE(takeCalls(), writes("", "smartcard broken"));
-    client->triggerUnlockFactor("none"_s);
-    QCOMPARE(takeCalls(), writes("", "smartcard broken"));
-    QCOMPARE(client->unlockFactors(), names("code"));
 }
 
 void TestFactorChoice::withoutAnUnlockServiceTheRestIsWritten()
@@ -1254,14 +874,6 @@ void TestFactorChoice::acceptedUnlockFactorIsShownOnceAnnounced()
     client->triggerUnlockFactor("sudis"_s);
     drain(client.get());
     QCOMPARE(client->unlockFactors(), names("code"));
-}
-
-void TestFactorChoice::unlockFactorWithoutAUserIsWrittenForUserZero()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("a b")}});
-    const WatchedClient client = clientOf(0);
-    client->triggerUnlockFactor("b"_s);
-    QCOMPARE(daemon.calls(), (QStringList{write("login"_s, {}, 0), write("unlock"_s, names("b"), 0)}));
 }
 
 void TestFactorChoice::toggleInAHandlerStartsFromTheMarksSoFar()
@@ -1301,17 +913,6 @@ void TestFactorChoice::manyFactorsAreWritten()
     QCOMPARE(takeCalls(), (QStringList{write("login"_s, others), write("unlock"_s, others)}));
     QVERIFY(!client->canTriggerFactor(1000));
     QCOMPARE(log->take(), QStringList{invalidIndex.arg(1000)});
-}
-
-void TestFactorChoice::sameNameIsWrittenAsOftenAsItIsThere()
-{
-    offer({{"login"_s, names("a a a a a")}, {"unlock"_s, names("a a a")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(2);
-    QCOMPARE(takeCalls(), writes("a a a a", ""));
-    client->triggerUnlockFactor("a"_s);
-    QCOMPARE(takeCalls(), writes("a a a a", "a a a"));
 }
 
 void TestFactorChoice::oddNamesAreWritten()

@@ -3,6 +3,8 @@
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 
+#include <unistd.h>
+
 WatchedClient::WatchedClient(std::unique_ptr<AuthSettingsClient> client, uint uid)
     : m_client(std::move(client))
     , m_watch(m_client->factors())
@@ -78,6 +80,222 @@ void SettingsTestCase::announceDisabled(AuthSettingsClient *client, const QStrin
 void SettingsTestCase::announceSettable(AuthSettingsClient *client, bool settable)
 {
     announce(client, "worker/is-user-settable", settable ? "true" : "false");
+}
+
+class SettingsTestCase::Story
+{
+public:
+    explicit Story(SettingsTestCase *test)
+        : m_test(test)
+    {
+    }
+
+    void play(const QString &step)
+    {
+        const QRegularExpression parts(R"(^(.+?)(?: = (.+?))?(?: > (.+?))?(?: ! (.+))?$)"_s);
+        const QRegularExpressionMatch match = parts.match(step);
+        const QString done = match.captured(1);
+        if (done != "look"_s && !look(done, step))
+            act(done);
+        if (!match.captured(2).isEmpty())
+            compare(rows(*client()), ofThisUserId(match.captured(2)), step);
+        if (!match.captured(3).isEmpty())
+            compare(m_test->daemon.calls(), writes(match.captured(3)), step);
+        if (!match.captured(3).isEmpty())
+            m_test->daemon.clearCalls();
+        if (!match.captured(4).isEmpty()) {
+            m_test->drain(client());
+            compare(m_heard->take(), emissions(match.captured(4)), step);
+        } else if (done.startsWith("user "_s)) {
+            m_heard->take();
+        }
+    }
+
+private:
+    AuthSettingsClient *client() const
+    {
+        if (!m_client)
+            qFatal("The story has no user yet");
+        return m_client->get();
+    }
+
+    static QStringList listed(const QString &text, const QString &separator = " "_s)
+    {
+        return text == "nothing"_s ? QStringList() : text.split(separator, Qt::SkipEmptyParts);
+    }
+
+    static QString ofThisUserId(const QString &text)
+    {
+        const QStringList both = text.split(" (100000: "_s);
+        const QString own = both.size() == 2 && getuid() == 100000 ? both.at(1).chopped(1) : both.first();
+        return own == "nothing"_s ? QString() : own;
+    }
+
+    QStringList writes(const QString &text) const
+    {
+        QStringList result;
+        for (const QString &choices : listed(text, ", "_s)) {
+            const QStringList chosen = choices.split(" / "_s);
+            const QByteArray user =
+                "(uint32 " + QByteArray::number(client()->uid()) + ", @ay [], 'worker/service-factors/";
+            const auto append = [&](const QByteArray &service, const QString &names) {
+                result.append(
+                    settingsCall("SetUserOption", "uaysv", user + service + "', <" + gvariant(listed(names)) + ">)"));
+            };
+            append("login", chosen.value(0));
+            append("unlock", chosen.value(1));
+        }
+        return result;
+    }
+
+    static QStringList emissions(const QString &text)
+    {
+        const QHash<QString, QStringList> words{
+            {"reset"_s, resetSignals},
+            {"warning"_s, {"userWarningChanged()"_s}},
+            {"unlock"_s, {"unlockFactorsChanged()"_s}},
+            {"settable"_s, {"isUserSettableChanged()"_s}},
+            {"uid"_s, {"uidChanged()"_s}},
+            {"notifications"_s, {"showNotificationsChanged()"_s}},
+        };
+        QStringList result;
+        for (const QString &word : listed(text, ", "_s)) {
+            if (word.startsWith("mark "_s))
+                result.append(enabledChanged(word.mid(5).toInt()));
+            else if (words.contains(word))
+                result += words.value(word);
+            else
+                qFatal("No signal %s", qPrintable(word));
+        }
+        return result;
+    }
+
+    template <typename T> static void compare(const T &actual, const T &expected, const QString &step)
+    {
+        const QString difference = "After \"%1\":\n%2\ninstead of\n%3"_s.arg(step, written(actual), written(expected));
+        QVERIFY2(actual == expected, qPrintable(difference));
+    }
+
+    bool look(const QString &words, const QString &step)
+    {
+        const QHash<QString, std::function<bool(const QString &)>> questions{
+            {"may toggle"_s, [this](const QString &row) { return client()->canTriggerFactor(row.toInt()); }},
+            {"has"_s, [this](const QString &name) { return client()->hasFactor(name); }},
+            {"enabled"_s, [this](const QString &name) { return client()->hasEnabledFactor(name); }},
+            {"wants"_s, [this](const QString &name) { return client()->hasChosenFactor(name); }},
+        };
+        const QRegularExpressionMatch match =
+            QRegularExpression("^(not )?(may toggle|has|enabled|wants) (.+)$"_s).match(words);
+        if (match.hasMatch()) {
+            for (const QString &name : listed(match.captured(3)))
+                compare(questions[match.captured(2)](name), match.captured(1).isEmpty(), step + ", "_s + name);
+        } else if (words == "warned"_s || words == "not warned"_s) {
+            const QString warning = "settings_users-la-user_has_token_hint"_s;
+            compare(client()->userWarning(), words == "warned"_s ? warning : QString(), step);
+        } else if (words.startsWith("wishes "_s)) {
+            QStringList wished;
+            for (const QString &name : qAsConst(m_offered)) {
+                if (client()->hasChosenFactor(name))
+                    wished.append(name);
+            }
+            compare(wished, listed(words.mid(7)), step);
+        } else if (words.startsWith("unlock factors "_s)) {
+            compare(client()->unlockFactors(), listed(words.mid(15)), step);
+        } else if (words.startsWith("login rows "_s)) {
+            compare(client()->factors()->loginFactorsCount(), words.mid(11).toInt(), step);
+        } else if (words == "quiet"_s) {
+            compare(m_test->log->take(), QStringList(), step);
+        } else {
+            return false;
+        }
+        return true;
+    }
+
+    void offer(const QString &text)
+    {
+        QList<Offer> offers;
+        for (const QString &service : listed(text, "; "_s)) {
+            const int colon = service.indexOf(": "_s);
+            offers.append({service.left(colon), listed(service.mid(colon + 2))});
+            m_offered += offers.last().names;
+        }
+        m_offered.removeDuplicates();
+        m_test->offer(offers);
+    }
+
+    void select(uint uid)
+    {
+        if (m_client) {
+            client()->setUid(uid);
+            return;
+        }
+        m_test->daemon.answer("SetUserOption", "(true,)");
+        m_client = std::make_unique<WatchedClient>(m_test->newSettingsClient());
+        m_heard = std::make_unique<SignalRecorder>(client());
+        client()->setUid(uid);
+        m_test->daemon.clearCalls();
+    }
+
+    // An option of user 1000, or of another who is named before its key.
+    void set(const QString &name, const QString &value)
+    {
+        uint uid = 1000;
+        QString key = name;
+        if (key.section(QLatin1Char(' '), 0, 0).toUInt()) {
+            uid = key.section(QLatin1Char(' '), 0, 0).toUInt();
+            key = key.section(QLatin1Char(' '), 1);
+        }
+        const QHash<QString, QByteArray> others{
+            {"disabled"_s, "worker/disabled-factors"},
+            {"settable"_s, "worker/is-user-settable"},
+            {"several"_s, "worker/is-multi-factorable"},
+        };
+        const QByteArray option = others.value(key, "worker/service-factors/" + key.toUtf8());
+        const bool isFlag = value == "yes"_s || value == "no"_s;
+        const QByteArray flag = value == "yes"_s ? "true" : "false";
+        if (!m_client)
+            m_test->daemon.arrangeOption(option, isFlag ? flag : json(listed(value)), uid);
+        else
+            m_test->announce(client(), option, isFlag ? flag : gvariant(listed(value)));
+    }
+
+    void act(const QString &step)
+    {
+        const int colon = step.indexOf(": "_s);
+        if (step.startsWith("offer "_s))
+            offer(step.mid(6));
+        else if (step.startsWith("user "_s))
+            select(step.mid(5).toUInt());
+        else if (step.startsWith("toggle unlock "_s))
+            client()->triggerUnlockFactor(step.mid(14));
+        else if (step.startsWith("toggle "_s))
+            client()->triggerFactor(step.mid(7).toInt());
+        else if (step == "refuse"_s)
+            m_test->daemon.answer("SetUserOption", "(false,)");
+        else if (step == "listen"_s)
+            m_heard->take();
+        else if (step == "forget calls"_s)
+            m_test->daemon.clearCalls();
+        else if (colon > 0)
+            set(step.left(colon), step.mid(colon + 2));
+        else
+            qFatal("No step %s", qPrintable(step));
+    }
+
+    SettingsTestCase *const m_test;
+    std::unique_ptr<WatchedClient> m_client;
+    std::unique_ptr<SignalRecorder> m_heard;
+    QStringList m_offered;
+};
+
+void SettingsTestCase::play(const char *story)
+{
+    Story teller(this);
+    for (const QString &step : QString::fromUtf8(story).split(" | "_s)) {
+        teller.play(step);
+        if (QTest::currentTestFailed())
+            return;
+    }
 }
 
 QStringList names(const char *text)
