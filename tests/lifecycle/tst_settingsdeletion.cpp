@@ -68,11 +68,6 @@ private:
 namespace {
 const QString aWarning = QStringLiteral("userWarningChanged()");
 
-QString row(int number)
-{
-    return "model dataChanged(row %1, [258])"_s.arg(number);
-}
-
 // A row for each emission: the client is deleted there, so that it is the last.
 void emissionRows(const QByteArray &what, const QStringList &emissions)
 {
@@ -177,21 +172,10 @@ void TestSettingsDeletion::init()
     TestCase::init();
     if (m_oneObjectIsThere)
         awaitTheOneObject();
-    // Two users who differ in everything.
     const QByteArray factors = R"(["code","smartcard","sudis"])";
     daemon.arrangeOption("worker/available-service-factors/login", factors);
     daemon.arrangeOption("worker/available-service-factors/unlock", factors);
-    daemon.arrangeOption("worker/service-factors/login", R"(["code"])", 1000);
-    daemon.arrangeOption("worker/service-factors/unlock", R"(["code","sudis"])", 1000);
-    daemon.arrangeOption("worker/is-multi-factorable", "true", 1000);
-    daemon.arrangeOption("worker/is-user-settable", "true", 1000);
-    daemon.arrangeOption("devlock/show-notifications", "true", 1000);
-    daemon.arrangeOption("worker/service-factors/login", R"(["smartcard"])", 1001);
-    daemon.arrangeOption("worker/service-factors/unlock", R"(["smartcard"])", 1001);
-    daemon.arrangeOption("worker/is-multi-factorable", "false", 1001);
-    daemon.arrangeOption("worker/is-user-settable", "false", 1001);
-    daemon.arrangeOption("worker/disabled-factors", R"(["code"])", 1001);
-    daemon.arrangeOption("devlock/show-notifications", "false", 1001);
+    arrangeTwoUsers();
 }
 
 void TestSettingsDeletion::insideSignalsOfASwitch_data()
@@ -200,7 +184,7 @@ void TestSettingsDeletion::insideSignalsOfASwitch_data()
     const QStringList settable = resetSignals + QStringList{"isUserSettableChanged()"_s};
     emissionRows("1001",
                  QStringList{"uidChanged()"_s, "isMultiFactorableChanged()"_s} + settable
-                     + QStringList{row(0), aWarning, row(0), row(1)} + resetSignals
+                     + QStringList{enabledChanged(0), aWarning, enabledChanged(0), enabledChanged(1)} + resetSignals
                      + QStringList{"showNotificationsChanged()"_s});
     emissionRows("0", {"uidChanged()"_s, "showNotificationsChanged()"_s});
 }
@@ -244,9 +228,10 @@ void TestSettingsDeletion::insideSignalsOfASetter()
 void TestSettingsDeletion::insideSignalsOfAnAnnouncement_data()
 {
     emissionColumns();
-    emissionRows("worker/service-factors/login=['smartcard', 'sudis']", {row(0), aWarning, row(1), row(2)});
+    emissionRows("worker/service-factors/login=['smartcard', 'sudis']",
+                 {enabledChanged(0), aWarning, enabledChanged(1), enabledChanged(2)});
     emissionRows("worker/service-factors/unlock=['smartcard']",
-                 {"unlockFactorsChanged()"_s, row(0), aWarning, row(1), row(2)});
+                 {"unlockFactorsChanged()"_s, enabledChanged(0), aWarning, enabledChanged(1), enabledChanged(2)});
     emissionRows("worker/disabled-factors=['code', 'smartcard']", resetSignals);
     emissionRows("worker/is-multi-factorable=false", {"isMultiFactorableChanged()"_s});
     emissionRows("worker/is-user-settable=false", resetSignals + QStringList{"isUserSettableChanged()"_s});

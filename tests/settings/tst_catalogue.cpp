@@ -19,8 +19,6 @@ private Q_SLOTS:
     void rowsAndMarksFollowTheDaemon();
     void catalogueIsReadOnceServiceByService();
     void offersAreNotFollowed();
-    void otherFactorsAreInTheOrderOfTheServices_data();
-    void otherFactorsAreInTheOrderOfTheServices();
     void titleWithoutATranslationIsItsId_data();
     void titleWithoutATranslationIsItsId();
     void titleIsTheTranslationOfItsId();
@@ -32,22 +30,10 @@ private Q_SLOTS:
     void failedReadsOfAllOffersLeaveNoFactors();
     void offerIsTheOptionAsAListOfStrings_data();
     void offerIsTheOptionAsAListOfStrings();
-    void nothingIsMarkedAtTheStart();
-    void serviceNamedTwiceIsOfferedTwice();
-    void noServicesGiveAnEmptyModel();
 
-    void chosenUnlockFactorIsShownWithTheNextRebuild_data();
-    void chosenUnlockFactorIsShownWithTheNextRebuild();
-    void unchosenLoginFactorIsHiddenFromWhoMayNotSet();
     void oneUserIdSeesEveryLoginFactor();
     void userIdThatSeesEveryLoginFactorIsTheRealOne();
-    void chosenMarksAloneDoNotRebuildTheRows();
-    void disabledListWithoutAnEffectDoesNotRebuild_data();
-    void disabledListWithoutAnEffectDoesNotRebuild();
 
-    void loginNameOfferedTwiceHasItsLastRowForUnlockToo();
-    void unofferedNamesMarkNothing();
-    void userSwitchRebuildsForTheFlagBeforeTheMarks();
     void handlersSeeTheMarksOneByOne();
     void handlersSeeTheDisabledMarkBeforeTheRebuild();
     void resetHandlersSeeTheRowsBeforeAndAfter();
@@ -64,13 +50,7 @@ private Q_SLOTS:
     void warningFollowsTheLastChangedEntry_data();
     void warningFollowsTheLastChangedEntry();
 
-    void hasFactorLooksAtTheDisabledMark_data();
-    void hasFactorLooksAtTheDisabledMark();
     void hasFactorGoesOnToTheNextNamesake();
-    void hasEnabledFactorLooksAtEachService_data();
-    void hasEnabledFactorLooksAtEachService();
-    void hasChosenFactorNeedsARow();
-    void unlockFactorsAreTheUsersInTheDaemonsOrder();
 
     void modelHasFiveRoles();
     void modelGivesEachValueInItsType_data();
@@ -85,7 +65,6 @@ private Q_SLOTS:
     void modelLosesItsRowsWithItsParent();
     void anotherModelOfTheSameParentHasTheSameRows();
     void rowsAreThereUntilTheirModelIsGone();
-    void loginFactorsCountIsThatOfTheLoginRows();
     void loginFactorsCountIsReadWhenItIsTold();
 
     void thousandFactors();
@@ -111,12 +90,6 @@ namespace {
 const QString warningId = QStringLiteral("settings_users-la-user_has_token_hint");
 const QString warningChanged = QStringLiteral("userWarningChanged()");
 const QString unlockFactorsChanged = QStringLiteral("unlockFactorsChanged()");
-
-// The one that is shown what others are not.
-bool seesAll()
-{
-    return getuid() == 100000;
-}
 
 /** Translates ids, as catalogues made for them do, and notes what it is asked for. */
 class Translator : public QTranslator
@@ -345,6 +318,84 @@ void TestCatalogue::rowsAndMarksFollowTheDaemon_data()
           "offer login: a | login: a | unlock: a | user 1000 | unlock: a | unlock factors nothing ! nothing");
     story("login factors count is told though it is the same",
           "offer login: smartcard a | user 1000 | disabled: smartcard | login rows 2 ! reset");
+    story("other factors are in the order of the services, sudo first",
+          "offer login: a x; unlock: b c; sudo: d | services: sudo login unlock | unlock: c b | sudo: d | disabled: x "
+          "| user 1000 = a, d chosen, b chosen unlock, c chosen unlock");
+    story("other factors are in the order of the services, unlock first",
+          "offer login: a x; unlock: b c; sudo: d | services: unlock login sudo | unlock: c b | sudo: d | disabled: x "
+          "| user 1000 = a, b chosen unlock, c chosen unlock, d chosen");
+    story("service named twice is offered twice",
+          "offer login: a; unlock: b | services: login unlock login unlock | login: a | unlock: b | user 1000 "
+          "| settable: no = a chosen, a chosen, b chosen unlock, b chosen unlock");
+    story("nothing is marked at the start",
+          "disabled: code smartcard | user 0 = code, smartcard, sudis, broken, slow | unlock factors nothing "
+          "| not warned | has code smartcard sudis broken slow "
+          "| not enabled code smartcard sudis broken slow | not wants code smartcard sudis broken slow | may toggle 0 "
+          "1 2 3 4");
+    story("no services give an empty model",
+          "offer nothing | user 1000 = nothing | login rows 0 | not has code smartcard '' | not enabled code "
+          "| not wants code | unlock factors nothing");
+    story("chosen unlock factor is shown with the next rebuild, disabled factors change",
+          "offer login: a smartcard; unlock: smartcard b | login: a smartcard | user 1000 "
+          "| unlock: b = a chosen, smartcard chosen ! unlock "
+          "| enabled b | not wants b "
+          "| disabled: smartcard = a chosen, smartcard chosen disabled, b chosen unlock ! reset "
+          "| wants b");
+    story("chosen unlock factor is shown with the next rebuild, the settable flag changes",
+          "offer login: a smartcard; unlock: smartcard b | login: a smartcard | user 1000 "
+          "| unlock: b = a chosen, smartcard chosen ! unlock "
+          "| enabled b | not wants b "
+          "| settable: no = a chosen, smartcard chosen, b chosen unlock ! reset, settable "
+          "| wants b");
+    story("chosen marks alone do not rebuild the rows",
+          "offer login: a b x; unlock: c d | login: a | unlock: c | user 1000 | settable: no "
+          "| disabled: x = a chosen, c chosen unlock (100000: a chosen, b, c chosen unlock) "
+          "| listen | login: b "
+          "| unlock: d = a, c unlock (100000: a, b chosen, c unlock) "
+          "! mark 0, unlock, mark 1 (100000: mark 0, mark 1, unlock, mark 2) "
+          "| disabled: nothing = b chosen, d chosen unlock (100000: a, b chosen, x, d chosen unlock) ! reset");
+    story("disabled list without an effect does not rebuild",
+          "offer login: a b; unlock: c d | disabled: b d | user 1000 "
+          "| disabled: b d | disabled: d b | disabled: b b d | disabled: b d e | disabled: b d A C "
+          "| disabled: b '' d = a ! nothing");
+    story("user switch rebuilds for the flag before the marks",
+          "offer login: a b; unlock: c | login: a | disabled: b | settable: no | user 0 "
+          "| user 1000 = a chosen ! uid, reset, settable, reset, notifications "
+          "(100000: uid, reset, settable, mark 0, reset, notifications)");
+    story("unchosen login factor is hidden from who may not set",
+          "offer login: a b c; unlock: b | login: a | user 1000 = a chosen, b, c "
+          "| settable: no = a chosen (100000: a chosen, b, c) | login rows 1 (100000: 3) "
+          "| settable: yes = a chosen, b, c");
+    story(
+        "login name offered twice has its last row for unlock too",
+        "offer login: a smartcard b a smartcard; unlock: a smartcard a | user 1000 = a, smartcard, b, a, smartcard "
+        "| unlock: smartcard a = a, smartcard, b, a, smartcard ! unlock, mark 3, warning, mark 4, mark 3 "
+        "| login: smartcard = a, smartcard chosen, b, a, smartcard chosen ! mark 4, mark 4 "
+        "| disabled: a smartcard = smartcard chosen disabled, b, smartcard chosen disabled, a chosen disabled unlock, "
+        "a chosen disabled unlock ! reset");
+    story("unoffered names mark nothing",
+          "offer login: a; unlock: b | user 1000 | login: b smartcard '' A = a ! nothing "
+          "| not enabled b smartcard");
+    story("has factor looks at the disabled mark",
+          "offer login: a c; unlock: b c smartcard; sudo: d | user 1000 | has a b c d smartcard "
+          "| not has e A smart '' | disabled: a | not has a | disabled: b | not has b | disabled: c | not has c "
+          "| disabled: a c smartcard | has b smartcard");
+    story("has enabled factor looks at each service",
+          "offer login: a b c; unlock: b c; sudo: c d | login: a e | unlock: b a | sudo: d | user 1000 "
+          "| enabled a b d | not enabled c e A ''");
+    story("has chosen factor needs a row",
+          "offer login: a b c; unlock: c d | login: a b | unlock: c d | disabled: b "
+          "| user 1000 = a chosen, c, d chosen unlock | wants a d "
+          // The row of c is the login row, which is not chosen.
+          "| not wants b c A e ''");
+    story("unlock factors are the users in the daemons order",
+          "offer login: z; unlock: a b c | unlock: c unoffered a c z | disabled: a | user 1000 "
+          "| unlock factors c unoffered a c z | unlock: b a | unlock factors b a | login: z | unlock factors b a "
+          "| unlock: nothing | unlock factors nothing");
+    story("login factors count is that of the login rows",
+          "offer login: a b c x; unlock: d e; sudo: f | login: b | unlock: d e | sudo: f | disabled: x "
+          "| user 1000 = a, b chosen, c, d chosen unlock, e chosen unlock, f chosen | login rows 3 "
+          "| login: nothing | login rows 3");
 }
 
 void TestCatalogue::rowsAndMarksFollowTheDaemon()
@@ -391,27 +442,6 @@ void TestCatalogue::offersAreNotFollowed()
     QCOMPARE(rows(*client), "a, b"_s);
     QCOMPARE(heard.list(), QStringList());
     QCOMPARE(daemon.calls(), QStringList());
-}
-
-void TestCatalogue::otherFactorsAreInTheOrderOfTheServices_data()
-{
-    QTest::addColumn<QStringList>("services");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("sudo first") << names("sudo login unlock") << "a, d chosen, b chosen unlock, c chosen unlock"_s;
-    QTest::newRow("unlock first") << names("unlock login sudo") << "a, b chosen unlock, c chosen unlock, d chosen"_s;
-}
-
-void TestCatalogue::otherFactorsAreInTheOrderOfTheServices()
-{
-    QFETCH(QStringList, services);
-    QFETCH(QString, expected);
-    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b c")}, {"sudo"_s, names("d")}});
-    daemon.arrangeOption("worker/available-services", json(services));
-    choose("unlock", names("c b"));
-    choose("sudo", names("d"));
-    disable(names("x"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), expected);
 }
 
 void TestCatalogue::titleWithoutATranslationIsItsId_data()
@@ -563,93 +593,6 @@ void TestCatalogue::offerIsTheOptionAsAListOfStrings()
     QCOMPARE(rows(*client), expected);
 }
 
-void TestCatalogue::nothingIsMarkedAtTheStart()
-{
-    disable(names("code smartcard"));
-    const WatchedClient client(newSettingsClient());
-    QCOMPARE(rows(*client), "code, smartcard, sudis, broken, slow"_s);
-    QCOMPARE(client->unlockFactors(), QStringList());
-    QCOMPARE(client->userWarning(), QString());
-    for (const QString &name : names("code smartcard sudis broken slow")) {
-        QVERIFY(client->hasFactor(name));
-        QVERIFY(!client->hasEnabledFactor(name));
-        QVERIFY(!client->hasChosenFactor(name));
-    }
-    // None is the only one that is chosen.
-    for (int row = 0; row < 5; ++row)
-        QVERIFY(client->canTriggerFactor(row));
-}
-
-void TestCatalogue::serviceNamedTwiceIsOfferedTwice()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
-    daemon.arrangeOption("worker/available-services", R"(["login", "unlock", "login", "unlock"])");
-    choose("login", names("a"));
-    choose("unlock", names("b"));
-    const WatchedClient client = clientOf(1000);
-    announceSettable(client.get(), false);
-    QCOMPARE(rows(*client), "a chosen, a chosen, b chosen unlock, b chosen unlock"_s);
-}
-
-void TestCatalogue::noServicesGiveAnEmptyModel()
-{
-    offer({});
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(client->factors()->rowCount(), 0);
-    QCOMPARE(client->factors()->loginFactorsCount(), 0);
-    QVERIFY(!client->hasFactor("code"_s));
-    QVERIFY(!client->hasFactor("smartcard"_s));
-    QVERIFY(!client->hasFactor(QString()));
-    QVERIFY(!client->hasEnabledFactor("code"_s));
-    QVERIFY(!client->hasChosenFactor("code"_s));
-    QCOMPARE(client->unlockFactors(), QStringList());
-}
-
-void TestCatalogue::chosenUnlockFactorIsShownWithTheNextRebuild_data()
-{
-    QTest::addColumn<bool>("byDisabled");
-    QTest::newRow("disabled factors change") << true;
-    QTest::newRow("the settable flag changes") << false;
-}
-
-void TestCatalogue::chosenUnlockFactorIsShownWithTheNextRebuild()
-{
-    QFETCH(bool, byDisabled);
-    offer({{"login"_s, names("a smartcard")}, {"unlock"_s, names("smartcard b")}});
-    choose("login", names("a smartcard"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-
-    announceChosen(client.get(), "unlock", names("b"));
-    QCOMPARE(rows(*client), "a chosen, smartcard chosen"_s);
-    QVERIFY(client->hasEnabledFactor("b"_s));
-    QVERIFY(!client->hasChosenFactor("b"_s));
-    QCOMPARE(heard.take(), QStringList{unlockFactorsChanged});
-
-    if (byDisabled)
-        announceDisabled(client.get(), names("smartcard"));
-    else
-        announceSettable(client.get(), false);
-    QCOMPARE(rows(*client),
-             byDisabled ? "a chosen, smartcard chosen disabled, b chosen unlock"_s
-                        : "a chosen, smartcard chosen, b chosen unlock"_s);
-    QVERIFY(client->hasChosenFactor("b"_s));
-    QCOMPARE(heard.list().mid(0, 3), resetSignals);
-}
-
-void TestCatalogue::unchosenLoginFactorIsHiddenFromWhoMayNotSet()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, b, c"_s);
-    announceSettable(client.get(), false);
-    QCOMPARE(rows(*client), seesAll() ? "a chosen, b, c"_s : "a chosen"_s);
-    QCOMPARE(client->factors()->loginFactorsCount(), seesAll() ? 3 : 1);
-    announceSettable(client.get(), true);
-    QCOMPARE(rows(*client), "a chosen, b, c"_s);
-}
-
 // This runs as different users.
 void TestCatalogue::oneUserIdSeesEveryLoginFactor()
 {
@@ -672,102 +615,6 @@ void TestCatalogue::userIdThatSeesEveryLoginFactorIsTheRealOne()
     };
     QCOMPARE(rowsOf(100000), "a, b"_s);
     QCOMPARE(rowsOf(100001), QString());
-}
-
-void TestCatalogue::chosenMarksAloneDoNotRebuildTheRows()
-{
-    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d")}});
-    choose("login", names("a"));
-    choose("unlock", names("c"));
-    const WatchedClient client = clientOf(1000);
-    announceSettable(client.get(), false);
-    announceDisabled(client.get(), names("x"));
-    QCOMPARE(rows(*client), seesAll() ? "a chosen, b, c chosen unlock"_s : "a chosen, c chosen unlock"_s);
-
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "login", names("b"));
-    announceChosen(client.get(), "unlock", names("d"));
-    QCOMPARE(rows(*client), seesAll() ? "a, b chosen, c unlock"_s : "a, c unlock"_s);
-    QCOMPARE(heard.take(),
-             (seesAll() ? QStringList{enabledChanged(0), enabledChanged(1), unlockFactorsChanged, enabledChanged(2)}
-                        : QStringList{enabledChanged(0), unlockFactorsChanged, enabledChanged(1)}));
-
-    announceDisabled(client.get(), {});
-    QCOMPARE(rows(*client), seesAll() ? "a, b chosen, x, d chosen unlock"_s : "b chosen, d chosen unlock"_s);
-    QCOMPARE(heard.list(), resetSignals);
-}
-
-void TestCatalogue::disabledListWithoutAnEffectDoesNotRebuild_data()
-{
-    QTest::addColumn<QStringList>("disabled");
-    QTest::newRow("the same") << names("b d");
-    QTest::newRow("another order") << names("d b");
-    QTest::newRow("the same twice") << names("b b d");
-    QTest::newRow("an unknown name more") << names("b d e");
-    QTest::newRow("other letters") << names("b d A C");
-    QTest::newRow("an empty name") << QStringList{"b"_s, QString(), "d"_s};
-}
-
-void TestCatalogue::disabledListWithoutAnEffectDoesNotRebuild()
-{
-    QFETCH(QStringList, disabled);
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c d")}});
-    disable(names("b d"));
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceDisabled(client.get(), disabled);
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(rows(*client), "a"_s);
-}
-
-void TestCatalogue::loginNameOfferedTwiceHasItsLastRowForUnlockToo()
-{
-    offer({{"login"_s, names("a smartcard b a smartcard")}, {"unlock"_s, names("a smartcard a")}});
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a, smartcard, b, a, smartcard"_s);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "unlock", names("smartcard a"));
-    QCOMPARE(
-        heard.take(),
-        (QStringList{unlockFactorsChanged, enabledChanged(3), warningChanged, enabledChanged(4), enabledChanged(3)}));
-    // A row shows its own factor.
-    QCOMPARE(rows(*client), "a, smartcard, b, a, smartcard"_s);
-    announceChosen(client.get(), "login", names("smartcard"));
-    QCOMPARE(heard.take(), (QStringList{enabledChanged(4), enabledChanged(4)}));
-    QCOMPARE(rows(*client), "a, smartcard chosen, b, a, smartcard chosen"_s);
-    announceDisabled(client.get(), names("a smartcard"));
-    QCOMPARE(rows(*client),
-             "smartcard chosen disabled, b, smartcard chosen disabled, a chosen disabled unlock, "
-             "a chosen disabled unlock"_s);
-    QCOMPARE(heard.take(), resetSignals);
-}
-
-void TestCatalogue::unofferedNamesMarkNothing()
-{
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("b")}});
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    announceChosen(client.get(), "login", QStringList{"b"_s, "smartcard"_s, QString(), "a "_s});
-    QCOMPARE(heard.list(), QStringList());
-    QVERIFY(!client->hasEnabledFactor("b"_s));
-    QVERIFY(!client->hasEnabledFactor("smartcard"_s));
-    QCOMPARE(rows(*client), "a"_s);
-}
-
-void TestCatalogue::userSwitchRebuildsForTheFlagBeforeTheMarks()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    choose("login", names("a"));
-    disable(names("b"));
-    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
-    const WatchedClient client(newSettingsClient());
-    SignalRecorder heard(client.get());
-    client->setUid(1000);
-    QCOMPARE(heard.list(),
-             QStringList{"uidChanged()"_s} + resetSignals + QStringList{"isUserSettableChanged()"_s}
-                 + (seesAll() ? QStringList{enabledChanged(0)} : QStringList()) + resetSignals
-                 + QStringList{"showNotificationsChanged()"_s});
-    QCOMPARE(rows(*client), "a chosen"_s);
 }
 
 void TestCatalogue::handlersSeeTheMarksOneByOne()
@@ -996,38 +843,6 @@ void TestCatalogue::warningFollowsTheLastChangedEntry()
     QCOMPARE(heard.list().count(warningChanged), changes);
 }
 
-void TestCatalogue::hasFactorLooksAtTheDisabledMark_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QStringList>("disabled");
-    QTest::addColumn<bool>("expected");
-    QTest::newRow("of login") << "a"_s << QStringList() << true;
-    QTest::newRow("of unlock") << "b"_s << QStringList() << true;
-    QTest::newRow("of both") << "c"_s << QStringList() << true;
-    QTest::newRow("of another service") << "d"_s << QStringList() << true;
-    QTest::newRow("disabled") << "a"_s << names("a") << false;
-    QTest::newRow("disabled of unlock") << "b"_s << names("b") << false;
-    QTest::newRow("disabled of both") << "c"_s << names("c") << false;
-    QTest::newRow("another is disabled") << "b"_s << names("a c smartcard") << true;
-    QTest::newRow("the smartcard") << "smartcard"_s << QStringList() << true;
-    QTest::newRow("the disabled smartcard") << "smartcard"_s << names("smartcard") << true;
-    QTest::newRow("unknown") << "e"_s << QStringList() << false;
-    QTest::newRow("other letters") << "A"_s << QStringList() << false;
-    QTest::newRow("a part") << "smart"_s << QStringList() << false;
-    QTest::newRow("empty") << QString() << QStringList() << false;
-}
-
-void TestCatalogue::hasFactorLooksAtTheDisabledMark()
-{
-    QFETCH(QString, name);
-    QFETCH(QStringList, disabled);
-    QFETCH(bool, expected);
-    offer({{"login"_s, names("a c")}, {"unlock"_s, names("b c smartcard")}, {"sudo"_s, names("d")}});
-    disable(disabled);
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(client->hasFactor(name), expected);
-}
-
 // Namesakes differ while they are being marked.
 void TestCatalogue::hasFactorGoesOnToTheNextNamesake()
 {
@@ -1041,66 +856,6 @@ void TestCatalogue::hasFactorGoesOnToTheNextNamesake()
     client->setUid(1000);
     QCOMPARE(seen, QStringList{"a chosen disabled; has it"_s});
     QVERIFY(!client->hasFactor("a"_s));
-}
-
-void TestCatalogue::hasEnabledFactorLooksAtEachService_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<bool>("expected");
-    QTest::newRow("chosen for login") << "a"_s << true;
-    QTest::newRow("chosen for unlock, offered for both") << "b"_s << true;
-    QTest::newRow("chosen for another service") << "d"_s << true;
-    QTest::newRow("not chosen") << "c"_s << false;
-    QTest::newRow("chosen and not offered") << "e"_s << false;
-    QTest::newRow("other letters") << "A"_s << false;
-    QTest::newRow("empty") << QString() << false;
-}
-
-void TestCatalogue::hasEnabledFactorLooksAtEachService()
-{
-    QFETCH(QString, name);
-    QFETCH(bool, expected);
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("b c")}, {"sudo"_s, names("c d")}});
-    choose("login", names("a e"));
-    choose("unlock", names("b a"));
-    choose("sudo", names("d"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(client->hasEnabledFactor(name), expected);
-}
-
-void TestCatalogue::hasChosenFactorNeedsARow()
-{
-    offer({{"login"_s, names("a b c")}, {"unlock"_s, names("c d")}});
-    choose("login", names("a b"));
-    choose("unlock", names("c d"));
-    disable(names("b"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, c, d chosen unlock"_s);
-    QVERIFY(client->hasChosenFactor("a"_s));
-    QVERIFY(!client->hasChosenFactor("b"_s));
-    // The row of this name is the login row, which is not chosen.
-    QVERIFY(!client->hasChosenFactor("c"_s));
-    QVERIFY(client->hasChosenFactor("d"_s));
-    QVERIFY(!client->hasChosenFactor("A"_s));
-    QVERIFY(!client->hasChosenFactor("e"_s));
-    QVERIFY(!client->hasChosenFactor(QString()));
-}
-
-void TestCatalogue::unlockFactorsAreTheUsersInTheDaemonsOrder()
-{
-    offer({{"login"_s, names("z")}, {"unlock"_s, names("a b c")}});
-    const QStringList chosen = names("c unoffered a c z");
-    choose("unlock", chosen);
-    disable(names("a"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(client->unlockFactors(), chosen);
-    QCOMPARE(client->property("unlockFactors"), QVariant(chosen));
-    announceChosen(client.get(), "unlock", names("b a"));
-    QCOMPARE(client->unlockFactors(), names("b a"));
-    announceChosen(client.get(), "login", names("z"));
-    QCOMPARE(client->unlockFactors(), names("b a"));
-    announceChosen(client.get(), "unlock", {});
-    QCOMPARE(client->unlockFactors(), QStringList());
 }
 
 void TestCatalogue::modelHasFiveRoles()
@@ -1290,21 +1045,6 @@ void TestCatalogue::rowsAreThereUntilTheirModelIsGone()
     QCOMPARE(
         seen,
         (QStringList{"model: 5 rows, 5 of login, the first is code"_s, "parent: 0 rows, 0 of login, the first is "_s}));
-}
-
-void TestCatalogue::loginFactorsCountIsThatOfTheLoginRows()
-{
-    offer({{"login"_s, names("a b c x")}, {"unlock"_s, names("d e")}, {"sudo"_s, names("f")}});
-    choose("login", names("b"));
-    choose("unlock", names("d e"));
-    choose("sudo", names("f"));
-    disable(names("x"));
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(client->factors()->rowCount(), 6);
-    QCOMPARE(client->factors()->loginFactorsCount(), 3);
-    QCOMPARE(client->factors()->property("loginFactorsCount"), QVariant(3));
-    announceChosen(client.get(), "login", {});
-    QCOMPARE(client->factors()->loginFactorsCount(), 3);
 }
 
 void TestCatalogue::loginFactorsCountIsReadWhenItIsTold()

@@ -21,13 +21,7 @@ private Q_SLOTS:
     void rowThatIsNotThereMayNotBeToggled_data();
     void rowThatIsNotThereMayNotBeToggled();
     void rowOfAnEmptyModelMayNotBeToggled();
-    void refusedToggleDoesNothing_data();
-    void refusedToggleDoesNothing();
 
-    void modeIsTheOneAnnounced();
-
-    void eachServiceIsWrittenInTheOrderOfNames();
-    void serviceNamedTwiceIsWrittenOnce();
     void writesAreOfTheSelectedUser_data();
     void writesAreOfTheSelectedUser();
     void writesBearTheToken();
@@ -38,7 +32,6 @@ private Q_SLOTS:
     void firstWriteFailsAndTheOtherIsMade();
     void lastWriteFailsAndTheFirstIsKept();
     void writesFailWithoutAPeer();
-    void refusedToggleIsRepeatedAsItWas();
 
     void acceptedToggleIsShownOnceAnnounced_data();
     void acceptedToggleIsShownOnceAnnounced();
@@ -48,17 +41,8 @@ private Q_SLOTS:
     void secondToggleInSingleModeTakesTheFirstBack();
     void sameToggleTwiceWritesTheSame();
 
-    void lastUnlockFactorIsReplacedByAllOthers_data();
-    void lastUnlockFactorIsReplacedByAllOthers();
-    void unknownNameWritesTheChoiceAsItIs_data();
-    void unknownNameWritesTheChoiceAsItIs();
     void lastNamesakeDecides_data();
     void lastNamesakeDecides();
-    void unlockFactorsNeedNoRow();
-    void unlockFactorsHeedNoMode_data();
-    void unlockFactorsHeedNoMode();
-    void otherServicesAreLeftAloneByUnlockFactors();
-    void withoutAnUnlockServiceTheRestIsWritten();
     void acceptedUnlockFactorIsShownOnceAnnounced();
 
     void toggleInAHandlerStartsFromTheMarksSoFar();
@@ -305,6 +289,71 @@ void TestFactorChoice::togglesAreWritten_data()
     story("same name is written as often as it is there",
           "offer login: a a a a a; unlock: a a a | login: a | user 1000 | toggle 2 > a a a a / nothing "
           "| toggle unlock a > a a a a / a a a");
+    story("refused toggle does nothing, single mode",
+          "offer login: a b; unlock: b | login: a | several: no | user 1000 | toggle 0 > nothing ! nothing "
+          "| wishes a | quiet");
+    story("refused toggle does nothing, several mode",
+          "offer login: a b; unlock: b | login: a | several: yes | user 1000 | toggle 0 > nothing ! nothing "
+          "| wishes a | quiet");
+    story("mode is the one announced",
+          "offer login: a b; unlock: b | login: b | user 1000 | several: yes | toggle 0 > a b / nothing "
+          "| several: no | toggle 0 > a / nothing");
+    story("each service is written in the order of names",
+          "offer unlock: b; Вход: e; login: a; Zeta: c; login2: nothing; alpha: d | unlock: b "
+          "| alpha: d | user 1000 "
+          "| toggle 0 > Zeta: nothing; alpha: d; login: a; login2: nothing; unlock: b; Вход: nothing");
+    story("service named twice is written once",
+          "offer login: a b; unlock: c | services: login unlock login | login: a | unlock: c | several: yes "
+          "| user 1000 = a chosen, b, a chosen, b | toggle 3 > a a b / c");
+    story("refused toggle is repeated as it was",
+          "offer login: a b; unlock: c d | login: b | unlock: d | several: yes | user 1000 | refuse "
+          "| toggle 0 > a b / d | toggle 0 > a b / d | toggle 0 > a b / d "
+          "| toggle unlock c > a b / c d | toggle unlock c > a b / c d | toggle unlock c > a b / c d");
+    story(
+        "last unlock factor is replaced by all others, the first",
+        "offer login: a; unlock: code smartcard sudis broken | login: a | unlock: code | disabled: broken | user 1000 "
+        "| toggle unlock code > a / smartcard sudis broken");
+    story("last unlock factor is replaced by all others, the second",
+          "offer login: a; unlock: code smartcard sudis broken | login: a | unlock: smartcard | disabled: broken | "
+          "user 1000 "
+          "| toggle unlock smartcard > a / code sudis broken");
+    story(
+        "last unlock factor is replaced by all others, the exclusive one",
+        "offer login: a; unlock: code smartcard sudis broken | login: a | unlock: sudis | disabled: broken | user 1000 "
+        "| toggle unlock sudis > a / code smartcard broken");
+    story("last unlock factor is replaced by all others, the last",
+          "offer login: a; unlock: code smartcard sudis broken | login: a | unlock: broken | disabled: broken | user "
+          "1000 "
+          "| toggle unlock broken > a / code smartcard sudis");
+    story("unknown name writes the choice as it is, chosen nothing",
+          "offer login: a x; unlock: b c | login: x | unlock: nothing | user 1000 | toggle unlock d > x / nothing "
+          "| toggle unlock '' > x / nothing | toggle unlock a > x / nothing | toggle unlock B > x / nothing "
+          "| toggle unlock sudis > x / nothing | quiet");
+    story("unknown name writes the choice as it is, chosen b",
+          "offer login: a x; unlock: b c | login: x | unlock: b | user 1000 | toggle unlock d > x / b "
+          "| toggle unlock '' > x / b | toggle unlock a > x / b | toggle unlock B > x / b "
+          "| toggle unlock sudis > x / b | quiet");
+    story("unknown name writes the choice as it is, chosen b c",
+          "offer login: a x; unlock: b c | login: x | unlock: b c | user 1000 | toggle unlock d > x / b c "
+          "| toggle unlock '' > x / b c | toggle unlock a > x / b c | toggle unlock B > x / b c "
+          "| toggle unlock sudis > x / b c | quiet");
+    story(
+        "unlock factors need no row",
+        "offer unlock: a b c | unlock: a | disabled: a b c | settable: no | user 1000 | toggle unlock c > unlock: a c");
+    story("unlock factors heed no mode, single mode",
+          "offer login: a b x; unlock: c d e | login: a b | unlock: c d | disabled: x | several: no "
+          "| user 1000 = a chosen, b chosen, c chosen unlock, d chosen unlock | toggle unlock e > a b / c d e "
+          "| toggle unlock c > a b / d e | wishes a b d | quiet");
+    story("unlock factors heed no mode, several mode",
+          "offer login: a b x; unlock: c d e | login: a b | unlock: c d | disabled: x | several: yes "
+          "| user 1000 = a chosen, b chosen, c chosen unlock, d chosen unlock | toggle unlock e > a b / c d e "
+          "| toggle unlock c > a b / d e | wishes a b d | quiet");
+    story("other services are left alone by unlock factors",
+          "offer sudo: code sudis; unlock: code sudis; Unlock: code sudis | sudo: code | Unlock: code | user 1000 "
+          "| toggle unlock code > Unlock: code; sudo: code; unlock: code "
+          "| unlock: code | toggle unlock code > Unlock: code; sudo: code; unlock: sudis");
+    story("without an unlock service the rest is written",
+          "offer login: a b | login: a | user 1000 | toggle unlock a > login: a | toggle 1 > login: b");
 }
 
 void TestFactorChoice::togglesAreWritten()
@@ -377,81 +426,10 @@ void TestFactorChoice::rowOfAnEmptyModelMayNotBeToggled()
     QCOMPARE(daemon.calls(), QStringList());
 }
 
-void TestFactorChoice::refusedToggleDoesNothing_data()
-{
-    QTest::addColumn<bool>("several");
-    QTest::newRow("single mode") << false;
-    QTest::newRow("several mode") << true;
-}
-
-void TestFactorChoice::refusedToggleDoesNothing()
-{
-    QFETCH(bool, several);
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
-    choose("login", names("a"));
-    if (several)
-        allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    SignalRecorder heard(client.get());
-    client->triggerFactor(0);
-    drain(client.get());
-    QCOMPARE(daemon.calls(), QStringList());
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(wishes(*client, "a b"), "a"_s);
-    QCOMPARE(log->take(), QStringList());
-}
-
-void TestFactorChoice::modeIsTheOneAnnounced()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("b")}});
-    choose("login", names("b"));
-    const WatchedClient client = clientOf(1000);
-    const auto announce = [&](const char *value) {
-        daemon.changeOption("worker/is-multi-factorable", value, 1000);
-        drain(client.get());
-    };
-    announce("true");
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a b", ""));
-    announce("false");
-    client->triggerFactor(0);
-    QCOMPARE(takeCalls(), writes("a", ""));
-}
-
-void TestFactorChoice::eachServiceIsWrittenInTheOrderOfNames()
-{
-    offer({{"unlock"_s, names("b")},
-           {"Вход"_s, names("e")},
-           {"login"_s, names("a")},
-           {"Zeta"_s, names("c")},
-           {"login2"_s, {}},
-           {"alpha"_s, names("d")}});
-    choose("unlock", names("b"));
-    choose("alpha", names("d"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerFactor(0);
-    QCOMPARE(daemon.calls(),
-             (QStringList{write("Zeta"_s, {}), write("alpha"_s, names("d")), write("login"_s, names("a")),
-                          write("login2"_s, {}), write("unlock"_s, names("b")), write("Вход"_s, {})}));
-}
-
-void TestFactorChoice::serviceNamedTwiceIsWrittenOnce()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    daemon.arrangeOption("worker/available-services", R"(["login", "unlock", "login"])");
-    choose("login", names("a"));
-    choose("unlock", names("c"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(rows(*client), "a chosen, b, a chosen, b"_s);
-    client->triggerFactor(3);
-    QCOMPARE(daemon.calls(), writes("a a b", "c"));
-}
-
 void TestFactorChoice::writesAreOfTheSelectedUser_data()
 {
     QTest::addColumn<uint>("uid");
-    for (uint uid : {1U, 1000U, 100000U, 2147483648U, 4294967294U})
+    for (uint uid : {1U, 1000U, 100000U, 2147483648U, 4294967294U, 4294967295U})
         QTest::addRow("%u", uid) << uid;
 }
 
@@ -561,24 +539,6 @@ void TestFactorChoice::writesFailWithoutAPeer()
         QVERIFY2(complaint.startsWith("warning setUserOption failed: \""_s), qPrintable(complaint));
     QCOMPARE(daemon.calls(), QStringList());
     QCOMPARE(wishes(*client, "a b"), "a"_s);
-}
-
-void TestFactorChoice::refusedToggleIsRepeatedAsItWas()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c d")}});
-    choose("login", names("b"));
-    choose("unlock", names("d"));
-    allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    daemon.answer("SetUserOption", "(false,)");
-    for (int i = 0; i < 3; ++i) {
-        client->triggerFactor(0);
-        QCOMPARE(takeCalls(), writes("a b", "d"));
-    }
-    for (int i = 0; i < 3; ++i) {
-        client->triggerUnlockFactor("c"_s);
-        QCOMPARE(takeCalls(), writes("a b", "c d"));
-    }
 }
 
 void TestFactorChoice::acceptedToggleIsShownOnceAnnounced_data()
@@ -707,55 +667,6 @@ void TestFactorChoice::sameToggleTwiceWritesTheSame()
     QCOMPARE(client->unlockFactors(), names("sudis"));
 }
 
-void TestFactorChoice::lastUnlockFactorIsReplacedByAllOthers_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QByteArray>("others");
-    QTest::newRow("first") << "code"_s << QByteArray("smartcard sudis broken");
-    QTest::newRow("second") << "smartcard"_s << QByteArray("code sudis broken");
-    QTest::newRow("the exclusive one") << "sudis"_s << QByteArray("code smartcard broken");
-    QTest::newRow("last") << "broken"_s << QByteArray("code smartcard sudis");
-}
-
-void TestFactorChoice::lastUnlockFactorIsReplacedByAllOthers()
-{
-    QFETCH(QString, name);
-    QFETCH(QByteArray, others);
-    offer({{"login"_s, names("a")}, {"unlock"_s, names("code smartcard sudis broken")}});
-    choose("login", names("a"));
-    choose("unlock", {name});
-    disable(names("broken"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor(name);
-    QCOMPARE(daemon.calls(), writes("a", others.constData()));
-}
-
-void TestFactorChoice::unknownNameWritesTheChoiceAsItIs_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QByteArray>("unlock");
-    for (const char *unlock : {"", "b", "b c"}) {
-        QTest::addRow("unknown, chosen %s", unlock) << "d"_s << QByteArray(unlock);
-        QTest::addRow("empty, chosen %s", unlock) << QString() << QByteArray(unlock);
-        QTest::addRow("of login, chosen %s", unlock) << "a"_s << QByteArray(unlock);
-        QTest::addRow("other letters, chosen %s", unlock) << "B"_s << QByteArray(unlock);
-        QTest::addRow("sudis, chosen %s", unlock) << "sudis"_s << QByteArray(unlock);
-    }
-}
-
-void TestFactorChoice::unknownNameWritesTheChoiceAsItIs()
-{
-    QFETCH(QString, name);
-    QFETCH(QByteArray, unlock);
-    offer({{"login"_s, names("a x")}, {"unlock"_s, names("b c")}});
-    choose("login", names("x"));
-    choose("unlock", names(unlock.constData()));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor(name);
-    QCOMPARE(daemon.calls(), writes("x", unlock.constData()));
-    QCOMPARE(log->take(), QStringList());
-}
-
 void TestFactorChoice::lastNamesakeDecides_data()
 {
     QTest::addColumn<QByteArray>("before");
@@ -788,73 +699,6 @@ void TestFactorChoice::lastNamesakeDecides()
     });
     announceChosen(client.get(), "unlock", names(after.constData()));
     QCOMPARE(calls, writes("", expected.constData()));
-}
-
-void TestFactorChoice::unlockFactorsNeedNoRow()
-{
-    offer({{"unlock"_s, names("a b c")}});
-    choose("unlock", names("a"));
-    disable(names("a b c"));
-    daemon.arrangeOption("worker/is-user-settable", "false", 1000);
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("c"_s);
-    QCOMPARE(daemon.calls(), QStringList{write("unlock"_s, names("a c"))});
-}
-
-void TestFactorChoice::unlockFactorsHeedNoMode_data()
-{
-    QTest::addColumn<bool>("several");
-    QTest::newRow("single mode") << false;
-    QTest::newRow("several mode") << true;
-}
-
-void TestFactorChoice::unlockFactorsHeedNoMode()
-{
-    QFETCH(bool, several);
-    offer({{"login"_s, names("a b x")}, {"unlock"_s, names("c d e")}});
-    choose("login", names("a b"));
-    choose("unlock", names("c d"));
-    disable(names("x"));
-    if (several)
-        allowSeveral();
-    const WatchedClient client = clientOf(1000);
-    QCOMPARE(client->factors()->rowCount(), 4);
-    client->triggerUnlockFactor("e"_s);
-    QCOMPARE(takeCalls(), writes("a b", "c d e"));
-    client->triggerUnlockFactor("c"_s);
-    QCOMPARE(takeCalls(), writes("a b", "d e"));
-    QCOMPARE(wishes(*client, "a b c d"), "a b d"_s);
-    // No row was asked for.
-    QCOMPARE(log->take(), QStringList());
-}
-
-void TestFactorChoice::otherServicesAreLeftAloneByUnlockFactors()
-{
-    offer({{"sudo"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}, {"Unlock"_s, names("code sudis")}});
-    choose("sudo", names("code"));
-    choose("Unlock", names("code"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("code"_s);
-    QCOMPARE(takeCalls(),
-             (QStringList{write("Unlock"_s, names("code")), write("sudo"_s, names("code")),
-                          write("unlock"_s, names("code"))}));
-    // Not the only one of these services.
-    announceChosen(client.get(), "unlock", names("code"));
-    client->triggerUnlockFactor("code"_s);
-    QCOMPARE(takeCalls(),
-             (QStringList{write("Unlock"_s, names("code")), write("sudo"_s, names("code")),
-                          write("unlock"_s, names("sudis"))}));
-}
-
-void TestFactorChoice::withoutAnUnlockServiceTheRestIsWritten()
-{
-    offer({{"login"_s, names("a b")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    client->triggerUnlockFactor("a"_s);
-    QCOMPARE(takeCalls(), QStringList{write("login"_s, names("a"))});
-    client->triggerFactor(1);
-    QCOMPARE(takeCalls(), QStringList{write("login"_s, names("b"))});
 }
 
 void TestFactorChoice::acceptedUnlockFactorIsShownOnceAnnounced()

@@ -21,7 +21,21 @@ struct Flag
         (client.get()->*setter)(value);
     }
 };
+
+const char accepted[] = "(true,)";
+
+/** A call of a setter: what is there before it, and what the daemon does. */
+struct Write
+{
+    const char *name;
+    QByteArray token;
+    bool isThere = false; // the value that is set
+    const char *answer = accepted;
+    const char *error = nullptr;
+    const char *complaint = nullptr; // a regular expression
+};
 } // namespace
+Q_DECLARE_METATYPE(Write)
 
 /** How AuthSettingsClient comes up, its global options, its flags and their setters. */
 class TestSettings : public SettingsTestCase
@@ -83,39 +97,23 @@ private Q_SLOTS:
     void announcementCorrectsAFailedRead();
     void announcementsArriveInTheirOrder();
 
-    void setterSendsTheOption_data();
-    void setterSendsTheOption();
-    void setterSendsAnEmptyTokenToo_data();
-    void setterSendsAnEmptyTokenToo();
+    void setterWrites_data();
+    void setterWrites();
     void setterWithoutAUserDoesNothing_data();
     void setterWithoutAUserDoesNothing();
     void setterSendsForTheHighestUserIdToo_data();
     void setterSendsForTheHighestUserIdToo();
-    void setterWithTheValueThatIsThereDoesNothing_data();
-    void setterWithTheValueThatIsThereDoesNothing();
-    void acceptedWriteChangesShowNotificationsAtOnce();
     void acceptedWriteResetsTheModelThenTellsOfIsUserSettable();
     void acceptedWriteLeavesIsMultiFactorableToTheDaemon();
-    void refusedWriteChangesNothing_data();
-    void refusedWriteChangesNothing();
-    void failedWriteWarnsAndChangesNothing_data();
-    void failedWriteWarnsAndChangesNothing();
     void replyOfAnotherTypeIsConverted_data();
     void replyOfAnotherTypeIsConverted();
-    void setterIsTheProperty_data();
-    void setterIsTheProperty();
     void setterWaitsForTheReply();
     void signalsThatArriveMeanwhileComeAfterwards();
-    void ownAnnouncementIsNotEmittedAgain_data();
-    void ownAnnouncementIsNotEmittedAgain();
     void writeOfAnAuthenticatedUserReachesTheDaemon_data();
     void writeOfAnAuthenticatedUserReachesTheDaemon();
-    void writeWithoutAGoodTokenIsRefused_data();
-    void writeWithoutAGoodTokenIsRefused();
 
     void announcedUserFlagIsEmittedOnceItChanges_data();
     void announcedUserFlagIsEmittedOnceItChanges();
-    void userWarningIsEmittedOnceItChanges();
     void handlersSeeTheNewValues();
     void queuedAnnouncementsEndWithTheClient();
 
@@ -907,37 +905,77 @@ void TestSettings::announcementsArriveInTheirOrder()
                           "isMultiFactorableChanged()"_s, "canSwitchToUserChanged()"_s}));
 }
 
-void TestSettings::setterSendsTheOption_data()
+void TestSettings::setterWrites_data()
 {
-    flagRows();
+    QTest::addColumn<Write>("write");
+    QTest::addColumn<int>("flagIndex");
+    QTest::addColumn<bool>("value");
+    const Write writes[] = {
+        {"sends the option, which is changed at once where it is accepted", token},
+        {"sends an empty token, too", {}},
+        {"does nothing with the value that is there", token, true},
+        {"changes nothing when it is refused", {}, false, "(false,)"},
+        {"warns and changes nothing when it fails", {}, false, nullptr, R"("message":"must not")", "must not"},
+        {"without a good token is refused by the daemon", token, false, nullptr, nullptr, "[^\"]+"},
+    };
+    for (const Write &write : writes) {
+        for (int i = 0; i < 3; ++i) {
+            for (const bool value : {true, false})
+                QTest::addRow("%s: %s becomes %s", write.name, flags[i].name, value ? "true" : "false")
+                    << write << i << value;
+        }
+    }
 }
 
-void TestSettings::setterSendsTheOption()
+// By the setter, and by the property.
+void TestSettings::setterWrites()
 {
+    QFETCH(Write, write);
     QFETCH(int, flagIndex);
     QFETCH(bool, value);
     const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, !value, 1001);
-    grant(client.get(), token);
-    daemon.answer("SetUserOption", "(true,)");
-    flag.set(client, value);
-    QCOMPARE(daemon.calls(), QStringList{setUserOption(1001, token, flag.key, value)});
-}
+    for (const bool byProperty : {false, true}) {
+        const auto client = newClientWith(flag, value == write.isThere, 1001);
+        QCOMPARE(client->property(flag.name), QVariant(value == write.isThere));
+        if (!write.token.isEmpty())
+            grant(client.get(), write.token);
+        if (write.answer)
+            daemon.answer("SetUserOption", write.answer);
+        else if (write.error)
+            daemon.misbehave("SetUserOption", "error", write.error);
+        SignalRecorder heard(client.get());
+        if (byProperty)
+            QVERIFY(client->setProperty(flag.name, value));
+        else
+            flag.set(client, value);
 
-void TestSettings::setterSendsAnEmptyTokenToo_data()
-{
-    flagRows();
-}
+        const bool isSent = !write.isThere;
+        const bool isAccepted = isSent && !write.complaint && QByteArray(write.answer) == accepted;
+        const bool isChanged = isAccepted && &flag != &isMultiFactorableFlag;
+        QCOMPARE(flag.of(client), write.isThere || isChanged ? value : !value);
+        QCOMPARE(client->property(flag.name), QVariant(flag.of(client)));
+        QCOMPARE(heard.list(), isChanged ? changeSignals(flag) : QStringList());
+        drain(client.get());
+        QCOMPARE(heard.list(), isChanged ? changeSignals(flag) : QStringList());
+        QCOMPARE(daemon.calls(),
+                 isSent ? QStringList{setUserOption(1001, write.token, flag.key, value)} : QStringList());
+        QCOMPARE(daemon.option(flag.key, 1001), QLatin1String(json(value == write.isThere)));
+        const QStringList complaints = log->takeComplaints();
+        QCOMPARE(complaints.size(), write.complaint ? 1 : 0);
+        if (write.complaint) {
+            const QString line = R"(^warning setUserOption failed: "%1"$)"_s.arg(QLatin1String(write.complaint));
+            QVERIFY2(QRegularExpression(line).match(complaints.first()).hasMatch(), qPrintable(complaints.first()));
+        }
 
-void TestSettings::setterSendsAnEmptyTokenToo()
-{
-    QFETCH(int, flagIndex);
-    QFETCH(bool, value);
-    const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, !value);
-    daemon.answer("SetUserOption", "(true,)");
-    flag.set(client, value);
-    QCOMPARE(daemon.calls(), QStringList{setUserOption(1000, QByteArray(), flag.key, value)});
+        // The daemon's announcement of what is shown is not emitted again.
+        if (isAccepted) {
+            announce(client.get(), flag.key, json(value));
+            announce(client.get(), flag.key, json(value));
+            QCOMPARE(heard.list(), changeSignals(flag));
+            QCOMPARE(flag.of(client), value);
+        }
+        daemon.request(R"({"do":"behave"})");
+    }
 }
 
 void TestSettings::setterWithoutAUserDoesNothing_data()
@@ -998,46 +1036,6 @@ void TestSettings::setterSendsForTheHighestUserIdToo()
     QCOMPARE(daemon.calls(), QStringList{setUserOption(highestUid, QByteArray(), flag.key, value)});
 }
 
-void TestSettings::setterWithTheValueThatIsThereDoesNothing_data()
-{
-    flagRows();
-}
-
-void TestSettings::setterWithTheValueThatIsThereDoesNothing()
-{
-    QFETCH(int, flagIndex);
-    QFETCH(bool, value);
-    const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, value);
-    QCOMPARE(flag.of(client), value);
-    grant(client.get(), token);
-    daemon.answer("SetUserOption", "(true,)");
-    SignalRecorder heard(client.get());
-    flag.set(client, value);
-    drain(client.get());
-    QCOMPARE(daemon.calls(), QStringList());
-    QCOMPARE(heard.list(), QStringList());
-}
-
-void TestSettings::acceptedWriteChangesShowNotificationsAtOnce()
-{
-    const auto client = newClientOf(1000);
-    daemon.answer("SetUserOption", "(true,)");
-    SignalRecorder heard(client.get());
-    client->setShowNotifications(false);
-    QVERIFY(!client->showNotifications());
-    QCOMPARE(heard.take(), QStringList{"showNotificationsChanged()"_s});
-    client->setShowNotifications(false);
-    client->setShowNotifications(true);
-    QVERIFY(client->showNotifications());
-    QCOMPARE(heard.take(), QStringList{"showNotificationsChanged()"_s});
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(daemon.calls(),
-             (QStringList{setUserOption(1000, QByteArray(), "devlock/show-notifications", false),
-                          setUserOption(1000, QByteArray(), "devlock/show-notifications", true)}));
-}
-
 void TestSettings::acceptedWriteResetsTheModelThenTellsOfIsUserSettable()
 {
     const auto client = newClientOf(1000);
@@ -1080,53 +1078,14 @@ void TestSettings::acceptedWriteLeavesIsMultiFactorableToTheDaemon()
     QCOMPARE(heard.list().filter("Changed()"_s), QStringList{"isMultiFactorableChanged()"_s});
 }
 
-void TestSettings::refusedWriteChangesNothing_data()
-{
-    flagRows();
-}
-
-void TestSettings::refusedWriteChangesNothing()
-{
-    QFETCH(int, flagIndex);
-    QFETCH(bool, value);
-    const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, !value);
-    daemon.answer("SetUserOption", "(false,)");
-    SignalRecorder heard(client.get());
-    flag.set(client, value);
-    drain(client.get());
-    QCOMPARE(flag.of(client), !value);
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(daemon.calls().size(), 1);
-}
-
-void TestSettings::failedWriteWarnsAndChangesNothing_data()
-{
-    flagRows();
-}
-
-void TestSettings::failedWriteWarnsAndChangesNothing()
-{
-    QFETCH(int, flagIndex);
-    QFETCH(bool, value);
-    const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, !value);
-    // The text of an error, taken for the answer, would be true.
-    daemon.misbehave("SetUserOption", "error", R"("message":"must not")");
-    SignalRecorder heard(client.get());
-    flag.set(client, value);
-    drain(client.get());
-    QCOMPARE(flag.of(client), !value);
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(log->takeComplaints(), QStringList{R"(warning setUserOption failed: "must not")"_s});
-    QCOMPARE(daemon.calls().size(), 1);
-}
-
 void TestSettings::replyOfAnotherTypeIsConverted_data()
 {
     QTest::addColumn<QByteArray>("reply");
     QTest::addColumn<bool>("accepted");
     const auto row = [](const char *reply, bool accepted) { QTest::newRow(reply) << QByteArray(reply) << accepted; };
+    row("(true,)", true);
+    row("(false,)", false);
+    row("(<true>,)", false);
     row("(true, false)", true);
     row("(false, true)", false);
     row("(1,)", true);
@@ -1159,24 +1118,7 @@ void TestSettings::replyOfAnotherTypeIsConverted()
     QCOMPARE(client->isUserSettable(), !accepted);
     QVERIFY(!client->isMultiFactorable());
     QCOMPARE(daemon.calls().size(), 3);
-}
-
-void TestSettings::setterIsTheProperty_data()
-{
-    flagRows();
-}
-
-void TestSettings::setterIsTheProperty()
-{
-    QFETCH(int, flagIndex);
-    QFETCH(bool, value);
-    const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, !value);
-    QCOMPARE(client->property(flag.name), QVariant(!value));
-    daemon.answer("SetUserOption", "(true,)");
-    QVERIFY(client->setProperty(flag.name, value));
-    QCOMPARE(daemon.calls(), QStringList{setUserOption(1000, QByteArray(), flag.key, value)});
-    QCOMPARE(client->property(flag.name), QVariant(&flag == &isMultiFactorableFlag ? !value : value));
+    QCOMPARE(log->take(), QStringList());
 }
 
 void TestSettings::setterWaitsForTheReply()
@@ -1218,28 +1160,6 @@ void TestSettings::signalsThatArriveMeanwhileComeAfterwards()
     QCOMPARE(rest, QStringList{"isMultiFactorableChanged()"_s});
 }
 
-void TestSettings::ownAnnouncementIsNotEmittedAgain_data()
-{
-    flagRows();
-}
-
-void TestSettings::ownAnnouncementIsNotEmittedAgain()
-{
-    QFETCH(int, flagIndex);
-    QFETCH(bool, value);
-    const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, !value);
-    daemon.answer("SetUserOption", "(true,)");
-    SignalRecorder heard(client.get());
-    flag.set(client, value);
-    const QByteArray announcement = "(uint32 1000, '" + flag.key + "', <" + json(value) + ">)";
-    daemon.emitSignal("UserOptionChanged", announcement);
-    daemon.emitSignal("UserOptionChanged", announcement);
-    drain(client.get());
-    QCOMPARE(heard.list(), changeSignals(flag));
-    QCOMPARE(flag.of(client), value);
-}
-
 void TestSettings::writeOfAnAuthenticatedUserReachesTheDaemon_data()
 {
     flagRows();
@@ -1259,27 +1179,6 @@ void TestSettings::writeOfAnAuthenticatedUserReachesTheDaemon()
     drain(client.get());
     const QString changed = QLatin1String(flag.name) + "Changed()"_s;
     QCOMPARE(heard.list().count(changed), 1);
-}
-
-void TestSettings::writeWithoutAGoodTokenIsRefused_data()
-{
-    flagRows();
-}
-
-void TestSettings::writeWithoutAGoodTokenIsRefused()
-{
-    QFETCH(int, flagIndex);
-    QFETCH(bool, value);
-    const Flag &flag = flags[flagIndex];
-    const auto client = newClientWith(flag, !value);
-    grant(client.get(), token);
-    SignalRecorder heard(client.get());
-    flag.set(client, value);
-    drain(client.get());
-    QCOMPARE(daemon.option(flag.key, 1000), QLatin1String(json(!value)));
-    QCOMPARE(flag.of(client), !value);
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(log->takeComplaints().size(), 1);
 }
 
 void TestSettings::announcedUserFlagIsEmittedOnceItChanges_data()
@@ -1302,25 +1201,6 @@ void TestSettings::announcedUserFlagIsEmittedOnceItChanges()
     announce(client.get(), flag.key, json(value));
     QCOMPARE(heard.list(), changeSignals(flag));
     QCOMPARE(daemon.calls(), QStringList());
-}
-
-void TestSettings::userWarningIsEmittedOnceItChanges()
-{
-    daemon.arrangeOption("worker/service-factors/unlock", R"(["code"])", 1000);
-    const auto client = newClientOf(1000);
-    QCOMPARE(client->userWarning(), QString());
-    SignalRecorder heard(client.get());
-    const auto chosen = [&](const char *service, const char *text) {
-        announceChosen(client.get(), service, names(text));
-        return heard.take().count("userWarningChanged()"_s);
-    };
-    QCOMPARE(chosen("unlock", "code smartcard"), 1);
-    QCOMPARE(client->userWarning(), "settings_users-la-user_has_token_hint"_s);
-    // The same text, for the other service.
-    QCOMPARE(chosen("login", "smartcard"), 0);
-    QCOMPARE(chosen("login", "code"), 1);
-    QCOMPARE(client->userWarning(), QString());
-    QCOMPARE(chosen("unlock", "code"), 0);
 }
 
 void TestSettings::handlersSeeTheNewValues()

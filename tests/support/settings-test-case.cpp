@@ -35,6 +35,18 @@ void SettingsTestCase::disable(const QStringList &names, uint uid)
     daemon.arrangeOption("worker/disabled-factors", json(names), uid);
 }
 
+void SettingsTestCase::arrangeTwoUsers()
+{
+    for (const uint uid : {1000U, 1001U}) {
+        const bool first = uid == 1000;
+        choose("login", names(first ? "code" : "smartcard"), uid);
+        choose("unlock", names(first ? "code sudis" : "smartcard"), uid);
+        disable(names(first ? "" : "code"), uid);
+        for (const char *flag : {"worker/is-multi-factorable", "worker/is-user-settable", "devlock/show-notifications"})
+            daemon.arrangeOption(flag, first ? "true" : "false", uid);
+    }
+}
+
 void SettingsTestCase::answerOnce(const QByteArray &value)
 {
     daemon.misbehave("GetOption", "reply", "\"times\":1,\"value\":\"(" + value + ",)\"");
@@ -105,7 +117,7 @@ public:
             m_test->daemon.clearCalls();
         if (!match.captured(4).isEmpty()) {
             m_test->drain(client());
-            compare(m_heard->take(), emissions(match.captured(4)), step);
+            compare(m_heard->take(), emissions(ofThisUserId(match.captured(4))), step);
         } else if (done.startsWith("user "_s)) {
             m_heard->take();
         }
@@ -121,7 +133,9 @@ private:
 
     static QStringList listed(const QString &text, const QString &separator = " "_s)
     {
-        return text == "nothing"_s ? QStringList() : text.split(separator, Qt::SkipEmptyParts);
+        QStringList result = text == "nothing"_s ? QStringList() : text.split(separator, Qt::SkipEmptyParts);
+        result.replaceInStrings("''"_s, QString());
+        return result;
     }
 
     static QString ofThisUserId(const QString &text)
@@ -134,16 +148,20 @@ private:
     QStringList writes(const QString &text) const
     {
         QStringList result;
+        const auto append = [&](const QString &service, const QString &chosen) {
+            result.append(settingsCall("SetUserOption", "uaysv",
+                                       "(uint32 " + QByteArray::number(client()->uid())
+                                           + ", @ay [], 'worker/service-factors/" + service.toUtf8() + "', <"
+                                           + gvariant(listed(chosen)) + ">)"));
+        };
+        if (text.contains(": "_s)) {
+            for (const QString &choice : listed(text, "; "_s))
+                append(choice.section(": "_s, 0, 0), choice.section(": "_s, 1));
+            return result;
+        }
         for (const QString &choices : listed(text, ", "_s)) {
-            const QStringList chosen = choices.split(" / "_s);
-            const QByteArray user =
-                "(uint32 " + QByteArray::number(client()->uid()) + ", @ay [], 'worker/service-factors/";
-            const auto append = [&](const QByteArray &service, const QString &names) {
-                result.append(
-                    settingsCall("SetUserOption", "uaysv", user + service + "', <" + gvariant(listed(names)) + ">)"));
-            };
-            append("login", chosen.value(0));
-            append("unlock", chosen.value(1));
+            append("login"_s, choices.section(" / "_s, 0, 0));
+            append("unlock"_s, choices.section(" / "_s, 1));
         }
         return result;
     }
@@ -201,8 +219,11 @@ private:
             compare(wished, listed(words.mid(7)), step);
         } else if (words.startsWith("unlock factors "_s)) {
             compare(client()->unlockFactors(), listed(words.mid(15)), step);
+            compare(client()->property("unlockFactors"), QVariant(listed(words.mid(15))), step);
         } else if (words.startsWith("login rows "_s)) {
-            compare(client()->factors()->loginFactorsCount(), words.mid(11).toInt(), step);
+            const int count = ofThisUserId(words.mid(11)).toInt();
+            compare(client()->factors()->loginFactorsCount(), count, step);
+            compare(client()->factors()->property("loginFactorsCount"), QVariant(count), step);
         } else if (words == "quiet"_s) {
             compare(m_test->log->take(), QStringList(), step);
         } else {
@@ -267,7 +288,7 @@ private:
         else if (step.startsWith("user "_s))
             select(step.mid(5).toUInt());
         else if (step.startsWith("toggle unlock "_s))
-            client()->triggerUnlockFactor(step.mid(14));
+            client()->triggerUnlockFactor(listed(step.mid(14)).value(0));
         else if (step.startsWith("toggle "_s))
             client()->triggerFactor(step.mid(7).toInt());
         else if (step == "refuse"_s)
@@ -276,6 +297,8 @@ private:
             m_heard->take();
         else if (step == "forget calls"_s)
             m_test->daemon.clearCalls();
+        else if (step.startsWith("services: "_s))
+            m_test->daemon.arrangeOption("worker/available-services", json(listed(step.mid(10))));
         else if (colon > 0)
             set(step.left(colon), step.mid(colon + 2));
         else

@@ -44,6 +44,8 @@ protected:
     void offer(const QList<Offer> &offers);
     void choose(const char *service, const QStringList &names, uint uid = 1000);
     void disable(const QStringList &names, uint uid = 1000);
+    /** Users 1000 and 1001 differ in every option that is read for a user. */
+    void arrangeTwoUsers();
     /** The next read of a global option is answered with @p value, a variant; what is arranged last is used first. */
     void answerOnce(const QByteArray &value);
 
@@ -61,25 +63,32 @@ protected:
     void announceSettable(AuthSettingsClient *client, bool settable);
 
     /**
-     * Plays a story of factors, whose steps are parted by " | ". What is said before a user is selected is arranged, what
-     * is said afterwards is announced:
+     * Plays a story of factors, whose steps are parted by " | ".
      *
-     *     offer login: a b; unlock: c      the services and their factors
-     *     login: a                         what user 1000 has chosen for a service; "1001 login: a" for another user
-     *     disabled: b                      the disabled factors of the user
-     *     settable: no    several: yes     whether the user may set factors, and choose several
-     *     user 1000                        a client selects this user; at first, 0 leaves it without one
-     *     toggle 1    toggle unlock c      what a host does; the daemon takes what is written and announces nothing
-     *     refuse                           from here on the daemon refuses what is written
-     *     listen    forget calls           forgets the signals, or the writes, so far
+     * What is said before a user is selected is arranged, what is said afterwards is announced:
      *
-     * What is seen after a step follows it, with "nothing" for none: "= a chosen, b" are the rows(), with
-     * "(100000: a, b)" those that this user id sees instead; "> a b / c" are all writes since the last such look, for
-     * login and for unlock; "! mark 0, reset" are all signals since the last such look, and since the first user was
-     * selected. These steps only look: "may toggle 0 1" at canTriggerFactor(), "has a" at hasFactor(), "enabled a" at
+     *     offer login: a b; unlock: c         the services and their factors
+     *     services: login unlock login        the services, where they are others than those of the offer
+     *     login: a                            what user 1000 has chosen for a service; "1001 login: a" for another
+     *     disabled: b                         the disabled factors of the user
+     *     settable: no    several: yes        whether the user may set factors, and choose several
+     *     user 1000                           a client selects this user; at first, 0 leaves it without one
+     *     toggle 1    toggle unlock c         what a host does; the daemon takes what is written and announces nothing
+     *     refuse                              from here on the daemon refuses what is written
+     *     listen    forget calls              forgets the signals, or the writes, so far
+     *
+     * What is seen after a step follows it:
+     *
+     *     = a chosen, b                       rows()
+     *     > a b / c                           the writes since the last such look, for login and for unlock
+     *     > login: a; sudo: b                 the same, for services that are named
+     *     ! mark 0, reset                     the signals since the last such look, or since the client was made
+     *
+     * These steps only look: "may toggle 0 1" at canTriggerFactor(), "has a" at hasFactor(), "enabled a" at
      * hasEnabledFactor(), "wants a" at hasChosenFactor(), "warned" at userWarning(), each of them also with "not" in
      * front; "wishes a b" names all that is offered for which hasChosenFactor() holds; "unlock factors c" and
-     * "login rows 2" are what client and model say; "quiet" finds nothing in the log.
+     * "login rows 2" are what client and model say; "quiet" finds nothing in the log; "look" is there for what follows.
+     * A list of none is "nothing", an empty name is '', and "(100000: a, b)" is seen by this user id instead.
      */
     void play(const char *story);
 
