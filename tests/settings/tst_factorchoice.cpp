@@ -8,7 +8,6 @@ class TestFactorChoice : public SettingsTestCase
 private:
     void allowSeveral();
     WatchedClient clientOf(uint uid);
-    WatchedClient authenticatedClient();
     QStringList takeCalls();
 
 private Q_SLOTS:
@@ -29,21 +28,10 @@ private Q_SLOTS:
 
     void refusedWritesChangeNothing_data();
     void refusedWritesChangeNothing();
-    void firstWriteFailsAndTheOtherIsMade();
-    void lastWriteFailsAndTheFirstIsKept();
     void writesFailWithoutAPeer();
-
-    void acceptedToggleIsShownOnceAnnounced_data();
-    void acceptedToggleIsShownOnceAnnounced();
-    void unannouncedToggleIsNotShown();
-    void firstServiceRefusedChangesTheOtherAlone();
-    void secondToggleStartsFromWhatIsShown();
-    void secondToggleInSingleModeTakesTheFirstBack();
-    void sameToggleTwiceWritesTheSame();
 
     void lastNamesakeDecides_data();
     void lastNamesakeDecides();
-    void acceptedUnlockFactorIsShownOnceAnnounced();
 
     void toggleInAHandlerStartsFromTheMarksSoFar();
     void manyFactorsAreWritten();
@@ -80,17 +68,6 @@ QString wishes(AuthSettingsClient &client, const char *of)
     }
     return result.join(QLatin1Char(' '));
 }
-
-// Without the daemon's other notice of the same changes.
-QStringList withoutNotices(const QStringList &signalsHeard)
-{
-    QStringList result;
-    for (const QString &signal : signalsHeard) {
-        if (!signal.startsWith("factorSignal(worker, "_s))
-            result.append(signal);
-    }
-    return result;
-}
 } // namespace
 
 void TestFactorChoice::init()
@@ -109,14 +86,6 @@ WatchedClient TestFactorChoice::clientOf(uint uid)
 {
     daemon.answer("SetUserOption", "(true,)");
     return WatchedClient(newClientOf(uid), uid);
-}
-
-// A client of user 1000 that the daemon lets write.
-WatchedClient TestFactorChoice::authenticatedClient()
-{
-    auto client = newSettingsClient();
-    authenticate(client.get());
-    return WatchedClient(std::move(client), 1000);
 }
 
 QStringList TestFactorChoice::takeCalls()
@@ -354,6 +323,59 @@ void TestFactorChoice::togglesAreWritten_data()
           "| unlock: code | toggle unlock code > Unlock: code; sudo: code; unlock: sudis");
     story("without an unlock service the rest is written",
           "offer login: a b | login: a | user 1000 | toggle unlock a > login: a | toggle 1 > login: b");
+    story("first write fails and the other is made",
+          "offer login: a b; unlock: c | login: a | user 1000 | fail write 1 "
+          "| toggle 1 > b / nothing | failed");
+    story("last write fails and the first is kept",
+          "offer login: code sudis; unlock: code sudis | login: code | unlock: code | authenticated user 1000 "
+          "| fail write 2 | toggle 1 | failed "
+          "| look ! mark 0, mark 1 "
+          "| look = code, sudis chosen | unlock factors code");
+    story("first service refused changes the other alone",
+          "offer login: code sudis; unlock: code sudis | login: code | unlock: code | authenticated user 1000 "
+          "| fail write 1 | toggle unlock sudis | failed "
+          "| look ! unlock, mark 0, mark 1 "
+          "| look = code chosen, sudis | unlock factors sudis");
+    story("accepted toggle is shown once announced, after the reply",
+          "offer login: code smartcard sudis; unlock: code | login: code | unlock: code | authenticated user 1000 "
+          "| toggle 1 = code chosen, smartcard, sudis | stored login: smartcard | wishes smartcard | undelivered "
+          "| look ! mark 0, warning, mark 1, unlock "
+          "| look = code, smartcard chosen, sudis | warned | unlock factors code");
+    story("accepted toggle is shown once announced, before the reply",
+          "offer login: code smartcard sudis; unlock: code | login: code | unlock: code | announce first | "
+          "authenticated user 1000 "
+          "| toggle 1 = code chosen, smartcard, sudis | stored login: smartcard | wishes smartcard | undelivered "
+          "| look ! mark 0, warning, mark 1, unlock "
+          "| look = code, smartcard chosen, sudis | warned | unlock factors code");
+    story("unannounced toggle is not shown",
+          "offer login: code sudis smartcard; unlock: code | login: code | several: yes | lose news "
+          "| authenticated user 1000 | toggle 1 ! nothing "
+          "| look = code chosen, sudis, smartcard | not may toggle 0 | stored login: code sudis "
+          "| toggle 2 | stored login: code sudis smartcard");
+    story("second toggle starts from what is shown",
+          "offer login: code sudis smartcard; unlock: x | login: code | several: yes | authenticated user 1000 "
+          // As long as it is shown as the only one, it is taken for it.
+          "| toggle 1 | toggle 2 | toggle 0 | stored login: code sudis smartcard "
+          // The last announcement overwrites nothing: each change marks its factor once.
+          "| look ! mark 1, unlock, warning, mark 2, unlock "
+          "| look = code chosen, sudis chosen, smartcard chosen "
+          "| toggle 0 ! mark 0, unlock "
+          "| look = code, sudis chosen, smartcard chosen");
+    story("second toggle in single mode takes the first back",
+          "offer login: code sudis broken; unlock: x | login: code | authenticated user 1000 "
+          "| toggle 1 | toggle 2 | stored login: broken "
+          "| look ! mark 0, mark 1, unlock, mark 1, mark 2, unlock "
+          "| look = code, sudis, broken chosen | wishes broken");
+    story("same toggle twice writes the same",
+          "offer login: code sudis; unlock: code sudis | login: code | unlock: code | several: yes | authenticated "
+          "user 1000 "
+          "| toggle 1 | toggle 1 | toggle unlock sudis | toggle unlock sudis | stored login: code sudis "
+          "| stored unlock: sudis | deliver = code chosen, sudis chosen | unlock factors sudis");
+    story("accepted unlock factor is shown once announced",
+          "offer login: code; unlock: code sudis | login: code | unlock: code | authenticated user 1000 "
+          "| toggle unlock sudis | unlock factors code | undelivered "
+          "| look ! unlock, mark 0 "
+          "| unlock factors sudis | enabled sudis | toggle unlock sudis | deliver | unlock factors code");
 }
 
 void TestFactorChoice::togglesAreWritten()
@@ -498,34 +520,6 @@ void TestFactorChoice::refusedWritesChangeNothing()
     QCOMPARE(wishes(*client, "a b"), "b"_s);
 }
 
-void TestFactorChoice::firstWriteFailsAndTheOtherIsMade()
-{
-    offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
-    choose("login", names("a"));
-    const WatchedClient client = clientOf(1000);
-    daemon.misbehave("SetUserOption", "error", R"("message":"must not","times":1)");
-    client->triggerFactor(1);
-    QCOMPARE(daemon.calls(), writes("b", ""));
-    QCOMPARE(log->take(), QStringList{refused});
-}
-
-void TestFactorChoice::lastWriteFailsAndTheFirstIsKept()
-{
-    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}});
-    choose("login", names("code"));
-    choose("unlock", names("code"));
-    const WatchedClient client = authenticatedClient();
-    daemon.misbehave("SetUserOption", "error", R"("message":"must not","times":1)");
-    daemon.misbehave("SetUserOption", "delay", R"("ms":0,"times":1)");
-    SignalRecorder heard(client.get());
-    client->triggerFactor(1);
-    QCOMPARE(log->takeComplaints(), QStringList{refused});
-    drain(client.get());
-    QCOMPARE(withoutNotices(heard.list()), (QStringList{enabledChanged(0), enabledChanged(1)}));
-    QCOMPARE(rows(*client), "code, sudis chosen"_s);
-    QCOMPARE(client->unlockFactors(), names("code"));
-}
-
 void TestFactorChoice::writesFailWithoutAPeer()
 {
     offer({{"login"_s, names("a b")}, {"unlock"_s, names("c")}});
@@ -539,132 +533,6 @@ void TestFactorChoice::writesFailWithoutAPeer()
         QVERIFY2(complaint.startsWith("warning setUserOption failed: \""_s), qPrintable(complaint));
     QCOMPARE(daemon.calls(), QStringList());
     QCOMPARE(wishes(*client, "a b"), "a"_s);
-}
-
-void TestFactorChoice::acceptedToggleIsShownOnceAnnounced_data()
-{
-    QTest::addColumn<bool>("signalFirst");
-    QTest::newRow("announced after the reply") << false;
-    QTest::newRow("announced before the reply") << true;
-}
-
-void TestFactorChoice::acceptedToggleIsShownOnceAnnounced()
-{
-    QFETCH(bool, signalFirst);
-    offer({{"login"_s, names("code smartcard sudis")}, {"unlock"_s, names("code")}});
-    choose("login", names("code"));
-    choose("unlock", names("code"));
-    if (signalFirst)
-        daemon.misbehave("SetUserOption", "signal-first");
-    const WatchedClient client = authenticatedClient();
-    SignalRecorder heard(client.get());
-    client->triggerFactor(1);
-    // Both writes are through, and nothing has been delivered meanwhile.
-    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['smartcard']"_s);
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(rows(*client), "code chosen, smartcard, sudis"_s);
-    QCOMPARE(wishes(*client, "code smartcard sudis"), "smartcard"_s);
-
-    drain(client.get());
-    QCOMPARE(withoutNotices(heard.list()),
-             (QStringList{enabledChanged(0), "userWarningChanged()"_s, enabledChanged(1), "unlockFactorsChanged()"_s}));
-    QCOMPARE(rows(*client), "code, smartcard chosen, sudis"_s);
-    QCOMPARE(client->userWarning(), "settings_users-la-user_has_token_hint"_s);
-    QCOMPARE(client->unlockFactors(), names("code"));
-}
-
-void TestFactorChoice::unannouncedToggleIsNotShown()
-{
-    offer({{"login"_s, names("code sudis smartcard")}, {"unlock"_s, names("code")}});
-    choose("login", names("code"));
-    allowSeveral();
-    daemon.misbehave("SetUserOption", "lose-signals");
-    const WatchedClient client = authenticatedClient();
-    SignalRecorder heard(client.get());
-    client->triggerFactor(1);
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(rows(*client), "code chosen, sudis, smartcard"_s);
-    QVERIFY(!client->canTriggerFactor(0));
-    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis']"_s);
-    client->triggerFactor(2);
-    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis', 'smartcard']"_s);
-}
-
-void TestFactorChoice::firstServiceRefusedChangesTheOtherAlone()
-{
-    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}});
-    choose("login", names("code"));
-    choose("unlock", names("code"));
-    const WatchedClient client = authenticatedClient();
-    daemon.misbehave("SetUserOption", "error", R"("message":"must not","times":1)");
-    SignalRecorder heard(client.get());
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(log->takeComplaints(), QStringList{refused});
-    drain(client.get());
-    // Each mark is told on the row of its name.
-    QCOMPARE(withoutNotices(heard.list()),
-             (QStringList{"unlockFactorsChanged()"_s, enabledChanged(0), enabledChanged(1)}));
-    QCOMPARE(client->unlockFactors(), names("sudis"));
-    QCOMPARE(rows(*client), "code chosen, sudis"_s);
-}
-
-void TestFactorChoice::secondToggleStartsFromWhatIsShown()
-{
-    offer({{"login"_s, names("code sudis smartcard")}, {"unlock"_s, names("x")}});
-    choose("login", names("code"));
-    allowSeveral();
-    const WatchedClient client = authenticatedClient();
-    SignalRecorder heard(client.get());
-    client->triggerFactor(1);
-    client->triggerFactor(2);
-    // As long as it is shown as the only one, it is taken for it.
-    client->triggerFactor(0);
-    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis', 'smartcard']"_s);
-    drain(client.get());
-    QCOMPARE(rows(*client), "code chosen, sudis chosen, smartcard chosen"_s);
-    // The last announcement overwrote nothing: each change marked its factor once.
-    QCOMPARE(withoutNotices(heard.list()),
-             (QStringList{enabledChanged(1), "unlockFactorsChanged()"_s, "userWarningChanged()"_s, enabledChanged(2),
-                          "unlockFactorsChanged()"_s}));
-    client->triggerFactor(0);
-    drain(client.get());
-    QCOMPARE(rows(*client), "code, sudis chosen, smartcard chosen"_s);
-}
-
-void TestFactorChoice::secondToggleInSingleModeTakesTheFirstBack()
-{
-    offer({{"login"_s, names("code sudis broken")}, {"unlock"_s, names("x")}});
-    choose("login", names("code"));
-    const WatchedClient client = authenticatedClient();
-    SignalRecorder heard(client.get());
-    client->triggerFactor(1);
-    client->triggerFactor(2);
-    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['broken']"_s);
-    drain(client.get());
-    QCOMPARE(withoutNotices(heard.list()),
-             (QStringList{enabledChanged(0), enabledChanged(1), "unlockFactorsChanged()"_s, enabledChanged(1),
-                          enabledChanged(2), "unlockFactorsChanged()"_s}));
-    QCOMPARE(rows(*client), "code, sudis, broken chosen"_s);
-    QCOMPARE(wishes(*client, "code sudis broken"), "broken"_s);
-}
-
-void TestFactorChoice::sameToggleTwiceWritesTheSame()
-{
-    offer({{"login"_s, names("code sudis")}, {"unlock"_s, names("code sudis")}});
-    choose("login", names("code"));
-    choose("unlock", names("code"));
-    allowSeveral();
-    const WatchedClient client = authenticatedClient();
-    client->triggerFactor(1);
-    client->triggerFactor(1);
-    client->triggerUnlockFactor("sudis"_s);
-    client->triggerUnlockFactor("sudis"_s);
-    drain(client.get());
-    QCOMPARE(daemon.option("worker/service-factors/login", 1000), "['code', 'sudis']"_s);
-    QCOMPARE(daemon.option("worker/service-factors/unlock", 1000), "['sudis']"_s);
-    QCOMPARE(rows(*client), "code chosen, sudis chosen"_s);
-    QCOMPARE(client->unlockFactors(), names("sudis"));
 }
 
 void TestFactorChoice::lastNamesakeDecides_data()
@@ -699,25 +567,6 @@ void TestFactorChoice::lastNamesakeDecides()
     });
     announceChosen(client.get(), "unlock", names(after.constData()));
     QCOMPARE(calls, writes("", expected.constData()));
-}
-
-void TestFactorChoice::acceptedUnlockFactorIsShownOnceAnnounced()
-{
-    offer({{"login"_s, names("code")}, {"unlock"_s, names("code sudis")}});
-    choose("login", names("code"));
-    choose("unlock", names("code"));
-    const WatchedClient client = authenticatedClient();
-    SignalRecorder heard(client.get());
-    client->triggerUnlockFactor("sudis"_s);
-    QCOMPARE(client->unlockFactors(), names("code"));
-    QCOMPARE(heard.list(), QStringList());
-    drain(client.get());
-    QCOMPARE(withoutNotices(heard.list()), (QStringList{"unlockFactorsChanged()"_s, enabledChanged(0)}));
-    QCOMPARE(client->unlockFactors(), names("sudis"));
-    QVERIFY(client->hasEnabledFactor("sudis"_s));
-    client->triggerUnlockFactor("sudis"_s);
-    drain(client.get());
-    QCOMPARE(client->unlockFactors(), names("code"));
 }
 
 void TestFactorChoice::toggleInAHandlerStartsFromTheMarksSoFar()

@@ -117,8 +117,8 @@ public:
             m_test->daemon.clearCalls();
         if (!match.captured(4).isEmpty()) {
             m_test->drain(client());
-            compare(m_heard->take(), emissions(ofThisUserId(match.captured(4))), step);
-        } else if (done.startsWith("user "_s)) {
+            compare(takeSignals(), emissions(ofThisUserId(match.captured(4))), step);
+        } else if (done.contains("user "_s)) {
             m_heard->take();
         }
     }
@@ -224,12 +224,26 @@ private:
             const int count = ofThisUserId(words.mid(11)).toInt();
             compare(client()->factors()->loginFactorsCount(), count, step);
             compare(client()->factors()->property("loginFactorsCount"), QVariant(count), step);
+        } else if (words.startsWith("stored "_s)) {
+            const QByteArray service = words.mid(7).section(": "_s, 0, 0).toUtf8();
+            compare(m_test->daemon.option("worker/service-factors/" + service, client()->uid()),
+                    QString::fromUtf8(gvariant(listed(words.section(": "_s, 1)))), step);
+        } else if (words == "undelivered"_s) {
+            compare(m_heard->list(), QStringList(), step);
+        } else if (words == "failed"_s) {
+            compare(m_test->log->takeComplaints(), {"warning setUserOption failed: \"must not\""_s}, step);
         } else if (words == "quiet"_s) {
             compare(m_test->log->take(), QStringList(), step);
         } else {
             return false;
         }
         return true;
+    }
+
+    // Without the other notice that the daemon gives of what is written.
+    QStringList takeSignals()
+    {
+        return m_heard->take().filter(QRegularExpression("^(?!factorSignal\\(worker, )"_s));
     }
 
     void offer(const QString &text)
@@ -244,17 +258,28 @@ private:
         m_test->offer(offers);
     }
 
-    void select(uint uid)
+    void select(uint uid, bool authenticated)
     {
         if (m_client) {
             client()->setUid(uid);
             return;
         }
-        m_test->daemon.answer("SetUserOption", "(true,)");
+        if (!authenticated)
+            m_test->daemon.answer("SetUserOption", "(true,)");
         m_client = std::make_unique<WatchedClient>(m_test->newSettingsClient());
+        if (authenticated)
+            m_test->authenticate(client());
         m_heard = std::make_unique<SignalRecorder>(client());
         client()->setUid(uid);
         m_test->daemon.clearCalls();
+    }
+
+    // The newest rule comes first.
+    void failWrite(int number)
+    {
+        m_test->daemon.misbehave("SetUserOption", "error", R"("message":"must not","times":1)");
+        for (int i = 1; i < number; ++i)
+            m_test->daemon.misbehave("SetUserOption", "delay", R"("ms":0,"times":1)");
     }
 
     // An option of user 1000, or of another who is named before its key.
@@ -286,7 +311,17 @@ private:
         if (step.startsWith("offer "_s))
             offer(step.mid(6));
         else if (step.startsWith("user "_s))
-            select(step.mid(5).toUInt());
+            select(step.mid(5).toUInt(), false);
+        else if (step.startsWith("authenticated user "_s))
+            select(step.mid(19).toUInt(), true);
+        else if (step == "announce first"_s)
+            m_test->daemon.misbehave("SetUserOption", "signal-first");
+        else if (step == "lose news"_s)
+            m_test->daemon.misbehave("SetUserOption", "lose-signals");
+        else if (step == "deliver"_s)
+            m_test->drain(client());
+        else if (step.startsWith("fail write "_s))
+            failWrite(step.mid(11).toInt());
         else if (step.startsWith("toggle unlock "_s))
             client()->triggerUnlockFactor(listed(step.mid(14)).value(0));
         else if (step.startsWith("toggle "_s))

@@ -73,6 +73,10 @@ protected:
      *     disabled: b                         the disabled factors of the user
      *     settable: no    several: yes        whether the user may set factors, and choose several
      *     user 1000                           a client selects this user; at first, 0 leaves it without one
+     *     authenticated user 1000             the same, and the daemon does what is written and announces it
+     *     announce first    lose news         before it replies, or never
+     *     fail write 2                        and lets the second of the next writes fail with "must not"
+     *     deliver                             all that the daemon has sent
      *     toggle 1    toggle unlock c         what a host does; the daemon takes what is written and announces nothing
      *     refuse                              from here on the daemon refuses what is written
      *     listen    forget calls              forgets the signals, or the writes, so far
@@ -87,8 +91,10 @@ protected:
      * These steps only look: "may toggle 0 1" at canTriggerFactor(), "has a" at hasFactor(), "enabled a" at
      * hasEnabledFactor(), "wants a" at hasChosenFactor(), "warned" at userWarning(), each of them also with "not" in
      * front; "wishes a b" names all that is offered for which hasChosenFactor() holds; "unlock factors c" and
-     * "login rows 2" are what client and model say; "quiet" finds nothing in the log; "look" is there for what follows.
-     * A list of none is "nothing", an empty name is '', and "(100000: a, b)" is seen by this user id instead.
+     * "login rows 2" are what client and model say; "stored login: a" is what the daemon keeps; "undelivered" has heard
+     * no signal yet; "failed" finds the complaint of a failed write in the log, "quiet" finds nothing there; "look" is
+     * there for what follows. A list of none is "nothing", an empty name is '', and "(100000: a, b)" is seen by this
+     * user id instead.
      */
     void play(const char *story);
 
