@@ -29,7 +29,7 @@ void killBus()
 }
 
 // Without turning the event loop.
-void awaitLoss()
+void awaitBusLoss()
 {
     const QDBusConnection bus = QDBusConnection::systemBus();
     // The last of these calls ends with the connection.
@@ -47,12 +47,11 @@ void TestBusLoss::checkClients(std::unique_ptr<AuthClient> client, std::unique_p
     SignalRecorder heard(client.get());
     SignalRecorder devlockHeard(devlock.get());
     daemon.clearCalls();
-    QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s), QVariant(5));
+    QCOMPARE(client->factorMethodWait(echo(5), "code"_s), QVariant(5));
     // Fails, and says nothing.
     devlock->setState(AuthDevlockClient::Unlocked);
     QList<QVariant> results;
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 6}}, "code"_s,
-                         [&](const QVariant &result) { results.append(result); });
+    client->factorMethod(echo(6), "code"_s, [&](const QVariant &result) { results.append(result); });
     grant(client.get(), "s3cr3t token");
     QVERIFY(waitFor([&] { return !results.isEmpty(); }));
     QCOMPARE(results, QList<QVariant>{6});
@@ -91,12 +90,11 @@ void TestBusLoss::callsInFlight()
     daemon.misbehave("FactorMethod", "hold", R"("times":1)");
     auto devlock = std::make_unique<AuthDevlockClient>();
     QList<QVariant> results;
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 7}}, "code"_s,
-                         [&](const QVariant &result) { results.append(result); });
+    client->factorMethod(echo(7), "code"_s, [&](const QVariant &result) { results.append(result); });
     daemon.waitCalls("GetState");
     daemon.waitCalls("FactorMethod");
     killBus();
-    awaitLoss();
+    awaitBusLoss();
     QVERIFY(waitFor([this] { return !log->lines().filter("warning failed: "_s).isEmpty(); }));
     QCOMPARE(log->takeComplaints().size(), 1);
     daemon.request(R"({"do":"release"})");

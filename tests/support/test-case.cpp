@@ -21,6 +21,45 @@ bool waitFor(const std::function<bool()> &condition)
     return condition();
 }
 
+QVariantMap echo(const QVariant &value)
+{
+    return {{"type"_s, "echo"_s}, {"value"_s, value}};
+}
+
+QByteArray byteTuple(const QByteArray &value)
+{
+    return '(' + bytes(value) + ",)";
+}
+
+QString published(const QByteArray &token)
+{
+    return "authenticatedChanged(%1)"_s.arg(QLatin1String(token.toHex()));
+}
+
+QString loginCall(const QByteArray &challenge)
+{
+    return peerCall("Authenticate", "sa{sv}", "('login', {'challenge': <" + bytes(challenge) + ">})");
+}
+
+QStringList withoutTexts(QStringList lines)
+{
+    return lines.replaceInStrings(QRegularExpression("^(warning .*(failed|isError):) \".+\"$"_s), "\\1 …"_s);
+}
+
+void textRows(const char *column, const QByteArrayList &values)
+{
+    QTest::addColumn<QByteArray>(column);
+    for (const QByteArray &value : values)
+        QTest::newRow(value.constData()) << value;
+}
+
+void numberRows(const char *column, const QList<int> &values)
+{
+    QTest::addColumn<int>(column);
+    for (const int value : values)
+        QTest::addRow("%d", value) << value;
+}
+
 void TestCase::init()
 {
     log = std::make_unique<LogRecorder>();
@@ -71,9 +110,23 @@ void TestCase::awaitLockState()
 
 void TestCase::grant(AuthClient *client, const QByteArray &token)
 {
-    daemon.emitSignal("Authenticated", '(' + bytes(token) + ",)");
+    daemon.emitSignal("Authenticated", byteTuple(token));
     if (!waitFor([client] { return client->authenticated(); }))
         qFatal("The client does not take a token");
+}
+
+void TestCase::emitSignals(const QByteArrayList &emissions, const QByteArray &more)
+{
+    for (const QByteArray &emission : emissions) {
+        const int space = emission.indexOf(' ');
+        daemon.emitSignal(emission.left(space).constData(), emission.mid(space + 1), more);
+    }
+}
+
+void TestCase::drainAfter(AuthClient *client, const char *method, int count)
+{
+    daemon.waitCalls(method, count);
+    drain(client);
 }
 
 void TestCase::drain(AuthClient *client)
@@ -103,4 +156,10 @@ void TestCase::awaitReconnection(const QString &connectionName)
     const QString line = R"(debug authd reset "%1" captured "%2")"_s.arg(daemon.owner(), connectionName);
     if (!waitFor([&] { return log->contains(line); }))
         qFatal("The client does not notice the new daemon");
+}
+
+void TestCase::awaitLoss()
+{
+    if (!waitFor([this] { return log->contains(R"(debug authd reset "" captured "authd_p2p_client")"_s); }))
+        qFatal("The client does not notice the daemon's loss");
 }

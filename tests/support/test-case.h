@@ -27,12 +27,26 @@ inline const QStringList resetSignals{"model resets"_s, "model reset"_s, "model 
 /** What a drop of the authentication emits when no request was under way. */
 inline const QStringList dropSignals{"authenticatedChanged()"_s, "discredit()"_s};
 
-/** Runs the event loop until @p condition holds; false when it does not within two minutes. */
+/** Runs the event loop until @p condition holds; false when the condition does not hold within two minutes. */
 bool waitFor(const std::function<bool()> &condition);
 
+/** Parameters that make a factor's method return @p value. */
+QVariantMap echo(const QVariant &value);
+/** The arguments of a reply or signal with one byte array, in GVariant text. */
+QByteArray byteTuple(const QByteArray &value);
+/** How the recorder writes that @p token is announced. */
+QString published(const QByteArray &token);
+/** How an "Authenticate" for logging in with nothing but @p challenge is written by StandIn::calls(). */
+QString loginCall(const QByteArray &challenge);
+/** The lines with "…" for the text of a failure that Qt D-Bus words: "warning setLocked failed: …". */
+QStringList withoutTexts(QStringList lines);
+/** The rows of a table with one column, called like their values. */
+void textRows(const char *column, const QByteArrayList &values);
+void numberRows(const char *column, const QList<int> &values);
+
 /**
- * A test with a daemon of its own: each function finds a new, well-behaved one in an unlocked device, and leaves no
- * warning that it did not expect.
+ * A test with a daemon of its own: each function finds a new, well-behaved daemon in an unlocked device, and leaves
+ * no warning that the function did not expect.
  */
 class TestCase : public QObject
 {
@@ -45,15 +59,21 @@ protected:
     std::unique_ptr<AuthSettingsClient> newSettingsClient();
     /** Makes @p client hold @p token. */
     void grant(AuthClient *client, const QByteArray &token);
+    /** The daemon sends signals, each written as its name and its arguments: "StateChanged (5,)". */
+    void emitSignals(const QByteArrayList &emissions, const QByteArray &more = QByteArray());
     /** Lets @p client and everything on the system bus hear all that the daemon has sent. */
     void drain(AuthClient *client);
+    /** The same, once the daemon has got as many calls of @p method. */
+    void drainAfter(AuthClient *client, const char *method, int count = 1);
     void drainSystemBus();
     /**
      * Waits until the only client of the connection has noticed the daemon's present instance.
      *
-     * It has once the log says so, which it may since before: take the log before an instance gets its name back.
+     * The log says when, and keeps what it said before: take the log before an instance gets its name back.
      */
     void awaitReconnection(const QString &connectionName = QStringLiteral("authd_p2p_client"));
+    /** Waits until the client has noticed that the daemon's name has no owner. */
+    void awaitLoss();
 
     StandIn daemon;
     std::unique_ptr<LogRecorder> log;
