@@ -6,51 +6,56 @@ class TestLockControl : public TestCase
     Q_OBJECT
 
 private Q_SLOTS:
-    void setLockedWithoutATokenIsRefusedHere();
-    void setLockedAfterADropIsRefusedHere();
-    void setLockedWithAnEmptyTokenOfTheDaemonIsRefusedHere();
+    void setLockedIsRefusedHere_data();
+    void setLockedIsRefusedHere();
     void setLockedSendsTokenAndState_data();
     void setLockedSendsTokenAndState();
-    void setLockedReturnsTheDaemonsFalse();
+    void setLockedFails_data();
     void setLockedFails();
-    void setLockedTakesNoOtherReply_data();
-    void setLockedTakesNoOtherReply();
-    void setLockedFailsWithoutAPeer();
     void setLockedChangesNothingHere();
     void setLockedDeliversSignalsAfterwards();
     void lockingDropsTheTokenWhenTheDaemonAnnouncesIt();
 
-    void unlockIfNeededSendsNothingButTheCall();
-    void unlockIfNeededIsAnsweredByTheDaemonsSignal_data();
-    void unlockIfNeededIsAnsweredByTheDaemonsSignal();
-    void unlockIfNeededFails();
+    void unlockIfNeeded_data();
+    void unlockIfNeeded();
     void unlockIfNeededWithoutAPeerFailsOnce();
     void unlockIfNeededLosesItsPeerAndFailsOnce();
-    void unlockIfNeededIgnoresReplyValues();
-    void unlockIfNeededSignalBeforeTheReply();
-    void severalUnlockIfNeededFailEach();
 
-    void dropWithoutATokenTells();
-    void dropForgetsTheToken();
-    void dropEndsTheRequest();
+    void drop_data();
+    void drop();
     void dropEndsTheRequestBeforeItForgetsTheToken();
     void tokenIsGoneWhenTheDropIsAnnounced();
-    void dropDoesNotCall();
     void dropInsideADropHandler();
 
-    void cancelLeavesTheRequest();
-    void requestChallengeDoesNothing();
+    void callsThatDoNothing_data();
+    void callsThatDoNothing();
 };
 
 namespace {
 const QByteArray token = "s3cr3t token";
 const QString noToken = QStringLiteral("warning setLocked m_authToken is empty, not authenticated request");
 const QString finished = QStringLiteral("unlockIfNeededFinished(%1)");
+
+QString lockCall(int state)
+{
+    return peerCall("SetDevlockState", "ayi", '(' + bytes(token) + ", " + QByteArray::number(state) + ')');
+}
 } // namespace
 
-void TestLockControl::setLockedWithoutATokenIsRefusedHere()
+void TestLockControl::setLockedIsRefusedHere_data()
 {
+    textRows("why", {"no token", "empty token of the daemon", "dropped token"});
+}
+
+void TestLockControl::setLockedIsRefusedHere()
+{
+    QFETCH(QByteArray, why);
     const auto client = newClient();
+    if (why != "no token")
+        grant(client.get(), why == "dropped token" ? token : QByteArray());
+    if (why == "dropped token")
+        client->dropAuthentication();
+    QCOMPARE(client->authenticated(), why == "empty token of the daemon");
     SignalRecorder heard(client.get());
     QVERIFY(!client->setLocked(1));
     drain(client.get());
@@ -59,31 +64,9 @@ void TestLockControl::setLockedWithoutATokenIsRefusedHere()
     QCOMPARE(heard.list(), QStringList());
 }
 
-void TestLockControl::setLockedAfterADropIsRefusedHere()
-{
-    const auto client = newClient();
-    grant(client.get(), token);
-    client->dropAuthentication();
-    QVERIFY(!client->setLocked(1));
-    QCOMPARE(log->take(), QStringList{noToken});
-    QCOMPARE(daemon.calls(), QStringList());
-}
-
-void TestLockControl::setLockedWithAnEmptyTokenOfTheDaemonIsRefusedHere()
-{
-    const auto client = newClient();
-    grant(client.get(), QByteArray());
-    QVERIFY(client->authenticated());
-    QVERIFY(!client->setLocked(1));
-    QCOMPARE(log->take(), QStringList{noToken});
-    QCOMPARE(daemon.calls(), QStringList());
-}
-
 void TestLockControl::setLockedSendsTokenAndState_data()
 {
-    QTest::addColumn<int>("state");
-    for (int state : {0, 1, 2, 3, 4, 5, 6, -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()})
-        QTest::addRow("%d", state) << state;
+    numberRows("state", {0, 1, 2, 3, 4, 5, 6, -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()});
 }
 
 void TestLockControl::setLockedSendsTokenAndState()
@@ -93,64 +76,37 @@ void TestLockControl::setLockedSendsTokenAndState()
     const auto client = newClient();
     grant(client.get(), token);
     QVERIFY(client->setLocked(state));
-    QCOMPARE(
-        daemon.calls(),
-        QStringList{peerCall("SetDevlockState", "ayi", '(' + bytes(token) + ", " + QByteArray::number(state) + ')')});
+    QCOMPARE(daemon.calls(), QStringList{lockCall(state)});
     QCOMPARE(log->take(), QStringList());
 }
 
-void TestLockControl::setLockedReturnsTheDaemonsFalse()
+void TestLockControl::setLockedFails_data()
 {
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<QStringList>("expected");
     // The stand-in does not know this token.
-    const auto client = newClient();
-    grant(client.get(), token);
-    QVERIFY(!client->setLocked(1));
-    QCOMPARE(daemon.calls().size(), 1);
-    QCOMPARE(log->take(), QStringList());
-    QVERIFY(client->authenticated());
+    QTest::newRow("the daemon's false") << QByteArray() << QStringList();
+    QTest::newRow("error") << QByteArray("error") << QStringList{R"(warning setLocked failed: "went wrong")"_s};
+    for (const char *value : {"()", "('true',)", "(1,)", "(<true>,)", "([true],)", "((true,),)", "no peer"})
+        QTest::newRow(value) << QByteArray(value) << QStringList{"warning setLocked failed: …"_s};
 }
 
 void TestLockControl::setLockedFails()
 {
-    daemon.misbehave("SetDevlockState", "error", R"("message":"went wrong")");
-    const auto client = newClient();
-    grant(client.get(), token);
-    QVERIFY(!client->setLocked(1));
-    QCOMPARE(log->take(), QStringList{R"(warning setLocked failed: "went wrong")"_s});
-    QVERIFY(client->authenticated());
-}
-
-void TestLockControl::setLockedTakesNoOtherReply_data()
-{
-    QTest::addColumn<QByteArray>("value");
-    for (const char *value : {"()", "('true',)", "(1,)", "(<true>,)", "([true],)", "((true,),)"})
-        QTest::newRow(value) << QByteArray(value);
-}
-
-void TestLockControl::setLockedTakesNoOtherReply()
-{
     QFETCH(QByteArray, value);
-    daemon.answer("SetDevlockState", value);
+    QFETCH(QStringList, expected);
     const auto client = newClient();
     grant(client.get(), token);
+    if (value == "no peer")
+        daemon.request(R"({"do":"drop-peers"})");
+    else if (value == "error")
+        daemon.misbehave("SetDevlockState", "error", R"("message":"went wrong")");
+    else if (!value.isEmpty())
+        daemon.answer("SetDevlockState", value);
     QVERIFY(!client->setLocked(1));
-    const QStringList lines = log->take();
-    QCOMPARE(lines.size(), 1);
-    QVERIFY2(QRegularExpression("^warning setLocked failed: \".+\"$"_s).match(lines.first()).hasMatch(),
-             qPrintable(lines.first()));
-}
-
-void TestLockControl::setLockedFailsWithoutAPeer()
-{
-    const auto client = newClient();
-    grant(client.get(), token);
-    daemon.request(R"({"do":"drop-peers"})");
-    QVERIFY(!client->setLocked(1));
-    const QStringList lines = log->take();
-    QCOMPARE(lines.size(), 1);
-    QVERIFY2(QRegularExpression("^warning setLocked failed: \".+\"$"_s).match(lines.first()).hasMatch(),
-             qPrintable(lines.first()));
-    QCOMPARE(daemon.calls(), QStringList());
+    QCOMPARE(value == "error" ? log->take() : withoutTexts(log->take()), expected);
+    QCOMPARE(daemon.calls(), value == "no peer" ? QStringList() : QStringList{lockCall(1)});
+    QVERIFY(client->authenticated());
 }
 
 void TestLockControl::setLockedChangesNothingHere()
@@ -198,52 +154,52 @@ void TestLockControl::lockingDropsTheTokenWhenTheDaemonAnnouncesIt()
     QCOMPARE(heard.list(), dropSignals);
 }
 
-void TestLockControl::unlockIfNeededSendsNothingButTheCall()
+void TestLockControl::unlockIfNeeded_data()
 {
-    daemon.misbehave("UnlockIfNeeded", "hold");
-    const auto client = newClient();
-    SignalRecorder heard(client.get());
-    client->unlockIfNeeded();
-    daemon.waitCalls("UnlockIfNeeded");
-    drain(client.get());
-    QCOMPARE(daemon.calls(), QStringList{peerCall("UnlockIfNeeded", "", "()")});
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(log->take(), QStringList());
+    QTest::addColumn<QByteArray>("how");
+    QTest::addColumn<QByteArray>("more");
+    QTest::addColumn<int>("times");
+    QTest::addColumn<QByteArrayList>("emissions");
+    QTest::addColumn<QStringList>("expected");
+    const auto row = [](const char *name, const char *how, const char *more, int times, const QByteArrayList &emissions,
+                        const QStringList &expected) {
+        QTest::newRow(name) << QByteArray(how) << QByteArray(more) << times << emissions << expected;
+    };
+    const QString yes = finished.arg("true"_s);
+    const QString no = finished.arg("false"_s);
+    const char *const reply = R"-("value":"()")-";
+    row("sends nothing but the call", "hold", "", 1, {}, {});
+    row("true signal is the answer", "reply", reply, 1, {"UnlockIfNeededFinished (true,)"}, {yes});
+    row("false signal is the answer", "reply", reply, 1, {"UnlockIfNeededFinished (false,)"}, {no});
+    row("error is a failure", "error", R"("message":"went wrong")", 1, {}, {no});
+    row("several errors are as many failures", "error", "", 3, {}, {no, no, no});
+    row("values of the reply are ignored", "reply", R"-("value":"(true, 'and more')")-", 1, {}, {});
+    row("signal comes before the reply", "signal-first", "", 1, {}, {yes});
 }
 
-void TestLockControl::unlockIfNeededIsAnsweredByTheDaemonsSignal_data()
+void TestLockControl::unlockIfNeeded()
 {
-    QTest::addColumn<QString>("success");
-    QTest::newRow("true") << "true"_s;
-    QTest::newRow("false") << "false"_s;
-}
-
-void TestLockControl::unlockIfNeededIsAnsweredByTheDaemonsSignal()
-{
-    QFETCH(QString, success);
-    daemon.answer("UnlockIfNeeded", "()");
+    QFETCH(QByteArray, how);
+    QFETCH(QByteArray, more);
+    QFETCH(int, times);
+    QFETCH(QByteArrayList, emissions);
+    QFETCH(QStringList, expected);
+    daemon.misbehave("UnlockIfNeeded", how.constData(), more);
     const auto client = newClient();
     SignalRecorder heard(client.get());
-    client->unlockIfNeeded();
-    daemon.waitCalls("UnlockIfNeeded");
-    drain(client.get());
+    QStringList calls;
+    for (int i = 0; i < times; ++i) {
+        client->unlockIfNeeded();
+        calls.append(peerCall("UnlockIfNeeded", "", "()"));
+    }
     QCOMPARE(heard.list(), QStringList());
-    daemon.emitSignal("UnlockIfNeededFinished", '(' + success.toLatin1() + ",)");
+    drainAfter(client.get(), "UnlockIfNeeded", times);
+    QCOMPARE(daemon.calls(), calls);
+    if (!emissions.isEmpty())
+        QCOMPARE(heard.list(), QStringList());
+    emitSignals(emissions);
     drain(client.get());
-    QCOMPARE(heard.list(), QStringList{finished.arg(success)});
-    QCOMPARE(log->take(), QStringList());
-}
-
-void TestLockControl::unlockIfNeededFails()
-{
-    daemon.misbehave("UnlockIfNeeded", "error", R"("message":"went wrong")");
-    const auto client = newClient();
-    SignalRecorder heard(client.get());
-    client->unlockIfNeeded();
-    QCOMPARE(heard.list(), QStringList());
-    daemon.waitCalls("UnlockIfNeeded");
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList{finished.arg("false"_s)});
+    QCOMPARE(heard.list(), expected);
     QCOMPARE(log->take(), QStringList());
 }
 
@@ -274,74 +230,45 @@ void TestLockControl::unlockIfNeededLosesItsPeerAndFailsOnce()
     QCOMPARE(log->take(), QStringList());
 }
 
-void TestLockControl::unlockIfNeededIgnoresReplyValues()
+void TestLockControl::drop_data()
 {
-    daemon.answer("UnlockIfNeeded", "(true, 'and more')");
-    const auto client = newClient();
-    SignalRecorder heard(client.get());
-    client->unlockIfNeeded();
-    daemon.waitCalls("UnlockIfNeeded");
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList());
+    QTest::addColumn<bool>("hasToken");
+    QTest::addColumn<bool>("isUnderWay");
+    QTest::addColumn<int>("times");
+    QTest::addColumn<QStringList>("expected");
+    QTest::newRow("tells without a token") << false << false << 2 << dropSignals + dropSignals;
+    QTest::newRow("forgets the token") << true << false << 1 << dropSignals;
+    QTest::newRow("ends the request") << false << true << 1 << QStringList{"progressChanged()"_s} + dropSignals;
 }
 
-void TestLockControl::unlockIfNeededSignalBeforeTheReply()
+void TestLockControl::drop()
 {
-    daemon.misbehave("UnlockIfNeeded", "signal-first");
+    QFETCH(bool, hasToken);
+    QFETCH(bool, isUnderWay);
+    QFETCH(int, times);
+    QFETCH(QStringList, expected);
+    daemon.misbehave("Authenticate", "hold");
     const auto client = newClient();
+    if (hasToken)
+        grant(client.get(), token);
+    if (isUnderWay) {
+        client->authenticate("login"_s, {});
+        daemon.waitCalls("Authenticate");
+    }
+    daemon.clearCalls();
     SignalRecorder heard(client.get());
-    client->unlockIfNeeded();
-    daemon.waitCalls("UnlockIfNeeded");
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList{finished.arg("true"_s)});
-}
-
-void TestLockControl::severalUnlockIfNeededFailEach()
-{
-    daemon.misbehave("UnlockIfNeeded", "error");
-    const auto client = newClient();
-    SignalRecorder heard(client.get());
-    for (int i = 0; i < 3; ++i)
-        client->unlockIfNeeded();
-    daemon.waitCalls("UnlockIfNeeded", 3);
-    drain(client.get());
-    const QString failed = finished.arg("false"_s);
-    QCOMPARE(heard.list(), (QStringList{failed, failed, failed}));
-}
-
-void TestLockControl::dropWithoutATokenTells()
-{
-    const auto client = newClient();
-    SignalRecorder heard(client.get());
-    client->dropAuthentication();
-    client->dropAuthentication();
-    QCOMPARE(heard.list(), dropSignals + dropSignals);
+    for (int i = 0; i < times; ++i)
+        client->dropAuthentication();
+    QCOMPARE(heard.list(), expected);
     QVERIFY(!client->authenticated());
+    QVERIFY(!client->progress());
+    drain(client.get());
+    QCOMPARE(daemon.calls(), QStringList());
     QCOMPARE(log->take(), QStringList());
-}
 
-void TestLockControl::dropForgetsTheToken()
-{
-    const auto client = newClient();
-    grant(client.get(), token);
-    SignalRecorder heard(client.get());
-    client->dropAuthentication();
-    QCOMPARE(heard.list(), dropSignals);
-    QVERIFY(!client->authenticated());
     client->factorMethod({}, "code"_s, {});
     QCOMPARE(daemon.waitCalls("FactorMethod"),
              QStringList{peerCall("FactorMethod", "aysa{sv}", "(@ay [], 'code', @a{sv} {})")});
-}
-
-void TestLockControl::dropEndsTheRequest()
-{
-    daemon.misbehave("Authenticate", "hold");
-    const auto client = newClient();
-    client->authenticate("login"_s, {});
-    SignalRecorder heard(client.get());
-    client->dropAuthentication();
-    QCOMPARE(heard.list(), QStringList{"progressChanged()"_s} + dropSignals);
-    QVERIFY(!client->progress());
 }
 
 void TestLockControl::dropEndsTheRequestBeforeItForgetsTheToken()
@@ -360,7 +287,7 @@ void TestLockControl::dropEndsTheRequestBeforeItForgetsTheToken()
     });
     client->dropAuthentication();
     QCOMPARE(results, QList<bool>{true});
-    QCOMPARE(daemon.calls(), QStringList{peerCall("SetDevlockState", "ayi", '(' + bytes(token) + ", 5)")});
+    QCOMPARE(daemon.calls(), QStringList{lockCall(5)});
 }
 
 void TestLockControl::tokenIsGoneWhenTheDropIsAnnounced()
@@ -375,15 +302,6 @@ void TestLockControl::tokenIsGoneWhenTheDropIsAnnounced()
     client->dropAuthentication();
     QCOMPARE(results, (QList<bool>{false, false}));
     QCOMPARE(log->take(), (QStringList{noToken, noToken}));
-    QCOMPARE(daemon.calls(), QStringList());
-}
-
-void TestLockControl::dropDoesNotCall()
-{
-    const auto client = newClient();
-    grant(client.get(), token);
-    client->dropAuthentication();
-    drain(client.get());
     QCOMPARE(daemon.calls(), QStringList());
 }
 
@@ -403,31 +321,33 @@ void TestLockControl::dropInsideADropHandler()
     QCOMPARE(heard.list(), dropSignals + dropSignals);
 }
 
-void TestLockControl::cancelLeavesTheRequest()
+void TestLockControl::callsThatDoNothing_data()
 {
-    daemon.misbehave("Authenticate", "hold");
-    const auto client = newClient();
-    client->authenticate("login"_s, {});
-    daemon.waitCalls("Authenticate");
-    daemon.clearCalls();
-    SignalRecorder heard(client.get());
-    client->cancel();
-    drain(client.get());
-    QVERIFY(client->progress());
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(daemon.calls(), QStringList());
-    QCOMPARE(log->take(), QStringList());
+    textRows("call", {"cancel", "requestChallenge"});
 }
 
-void TestLockControl::requestChallengeDoesNothing()
+void TestLockControl::callsThatDoNothing()
 {
+    QFETCH(QByteArray, call);
+    daemon.misbehave("Authenticate", "hold");
     const auto client = newClient();
-    SignalRecorder heard(client.get());
-    client->requestChallenge();
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList());
-    QCOMPARE(daemon.calls(), QStringList());
-    QCOMPARE(log->take(), QStringList());
+    for (const bool isUnderWay : {false, true}) {
+        if (isUnderWay) {
+            client->authenticate("login"_s, {{"challenge"_s, 1}});
+            daemon.waitCalls("Authenticate");
+        }
+        daemon.clearCalls();
+        SignalRecorder heard(client.get());
+        if (call == "cancel")
+            client->cancel();
+        else
+            client->requestChallenge();
+        drain(client.get());
+        QCOMPARE(client->progress(), isUnderWay);
+        QCOMPARE(heard.list(), QStringList());
+        QCOMPARE(daemon.calls(), QStringList());
+        QCOMPARE(log->take(), QStringList());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestLockControl)
