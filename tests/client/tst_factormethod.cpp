@@ -9,44 +9,38 @@ class TestFactorMethod : public TestCase
     Q_OBJECT
 
 private:
-    QList<QVariant> m_results;
+    void call(AuthClient *client, const QVariantMap &params, const QString &method = QStringLiteral("code"));
     ValueCallBack collect();
+
+    QList<QVariant> m_results;
+    QStringList m_linesAtCallback;
 
 private Q_SLOTS:
     void init();
 
+    void callSendsTokenMethodAndParameters_data();
     void callSendsTokenMethodAndParameters();
-    void callSendsAnEmptyTokenToo();
+    void callFetchesTheChallengeAndDoesNotSendIt_data();
     void callFetchesTheChallengeAndDoesNotSendIt();
+    void callWithAFailedChallengeIsStillSent_data();
     void callWithAFailedChallengeIsStillSent();
+    void callTouchesNeitherProgressNorAuthentication_data();
     void callTouchesNeitherProgressNorAuthentication();
-    void callbackReceivesTheResult_data();
-    void callbackReceivesTheResult();
-    void callbackReceivesAMapAsTheBusProducedIt();
+    void callGivesTheResult_data();
+    void callGivesTheResult();
+    void callGivesAMapAsTheBusProducedIt_data();
+    void callGivesAMapAsTheBusProducedIt();
+    void callGivesAnInvalidValueOnFailure_data();
+    void callGivesAnInvalidValueOnFailure();
+
     void callbackIsCalledFromTheEventLoop();
-    void callbackReceivesAnInvalidValueOnFailure();
-    void callbackReceivesAnInvalidValueForAnotherReply_data();
-    void callbackReceivesAnInvalidValueForAnotherReply();
     void callbackIsCopied();
     void callbackMayCallAgain();
     void callbacksAreCalledInTheOrderOfTheReplies();
     void watcherBelongsToTheClientAndIsDeletedAfterTheCallback();
     void emptyCallbackIsNotCalled();
     void emptyCallbackOnFailure();
-    void callWithoutAPeerFails();
-
-    void waitSendsTokenMethodAndParameters();
-    void waitSendsAnEmptyTokenToo();
-    void waitFetchesTheChallengeAndDoesNotSendIt();
-    void waitReturnsTheResult_data();
-    void waitReturnsTheResult();
-    void waitReturnsAMapAsTheBusProducedIt();
-    void waitReturnsAnInvalidValueOnFailure();
-    void waitReturnsAnInvalidValueForAnotherReply_data();
-    void waitReturnsAnInvalidValueForAnotherReply();
-    void waitWithoutAPeerFails();
     void waitDeliversSignalsAfterwards();
-    void waitTouchesNeitherProgressNorAuthentication();
 
     void factorSignalIsRelayedAsItIs_data();
     void factorSignalIsRelayedAsItIs();
@@ -57,96 +51,120 @@ namespace {
 const QByteArray challenge = "s3cr3t challenge";
 const QByteArray token = "s3cr3t token";
 
-QByteArray reply(const QByteArray &value)
+// The two ways of calling give the same.
+const char *const ways[] = {"callback", "wait"};
+
+bool waits()
 {
-    return '(' + bytes(value) + ",)";
+    return QByteArray(QTest::currentDataTag()).startsWith("wait");
+}
+
+void wayRows()
+{
+    textRows("way", {ways[0], ways[1]});
 }
 
 QString factorCall(const QByteArray &withToken, const QByteArray &rest)
 {
     return peerCall("FactorMethod", "aysa{sv}", '(' + bytes(withToken) + ", " + rest + ')');
 }
-
-void resultRows()
-{
-    QTest::addColumn<QByteArray>("value");
-    QTest::addColumn<QVariant>("expected");
-    QTest::newRow("true") << QByteArray("(<true>,)") << QVariant(true);
-    QTest::newRow("false") << QByteArray("(<false>,)") << QVariant(false);
-    QTest::newRow("byte") << QByteArray("(<byte 0x07>,)") << QVariant::fromValue(uchar(7));
-    QTest::newRow("int") << QByteArray("(<5>,)") << QVariant(5);
-    QTest::newRow("uint") << QByteArray("(<uint32 5>,)") << QVariant(5U);
-    QTest::newRow("long") << QByteArray("(<int64 5>,)") << QVariant(5LL);
-    QTest::newRow("double") << QByteArray("(<0.5>,)") << QVariant(0.5);
-    QTest::newRow("string") << QByteArray("(<'s3cr3t'>,)") << QVariant(QStringLiteral("s3cr3t"));
-    QTest::newRow("empty string") << QByteArray("(<''>,)") << QVariant(QStringLiteral(""));
-    QTest::newRow("bytes") << '(' + QByteArray("<") + bytes("s3cr3t") + ">,)" << QVariant(QByteArray("s3cr3t"));
-    QTest::newRow("strings") << QByteArray("(<['a', 'b']>,)")
-                             << QVariant(QStringList{QStringLiteral("a"), QStringLiteral("b")});
-}
-
-void otherReplyRows()
-{
-    QTest::addColumn<QByteArray>("value");
-    for (const char *value : {"()", "('s3cr3t',)", "(true,)", "(5,)", "(@a{sv} {},)", "([<'s3cr3t'>],)"})
-        QTest::newRow(value) << QByteArray(value);
-}
 } // namespace
 
 ValueCallBack TestFactorMethod::collect()
 {
-    return [this](const QVariant &result) { m_results.append(result); };
+    return [this](const QVariant &result) {
+        m_linesAtCallback = log->lines();
+        m_results.append(result);
+    };
+}
+
+/** Calls in the way that the row says, and waits for the result. */
+void TestFactorMethod::call(AuthClient *client, const QVariantMap &params, const QString &method)
+{
+    const int before = m_results.size();
+    if (waits()) {
+        m_results.append(client->factorMethodWait(params, method));
+    } else {
+        client->factorMethod(params, method, collect());
+        QCOMPARE(m_results.size(), before);
+        QVERIFY(waitFor([&] { return m_results.size() > before; }));
+    }
+    drainSystemBus();
 }
 
 void TestFactorMethod::init()
 {
     TestCase::init();
     m_results.clear();
-    daemon.answer("RequestChallenge", reply(challenge));
+    daemon.answer("RequestChallenge", byteTuple(challenge));
+}
+
+void TestFactorMethod::callSendsTokenMethodAndParameters_data()
+{
+    QTest::addColumn<QByteArray>("held");
+    QTest::addColumn<QString>("method");
+    QTest::addColumn<QVariantMap>("params");
+    QTest::addColumn<QByteArray>("args");
+    for (const char *way : ways) {
+        QTest::addRow("%s, all", way) << token << "code"_s
+                                      << QVariantMap{{"type"_s, "echo"_s}, {"uid"_s, 1000U}, {"value"_s, "s3cr3t"_s}}
+                                      << QByteArray("'code', {'type': <'echo'>, 'uid': <uint32 1000>, "
+                                                    "'value': <'s3cr3t'>}");
+        QTest::addRow("%s, nothing", way) << QByteArray() << QString() << QVariantMap() << QByteArray("'', @a{sv} {}");
+    }
 }
 
 void TestFactorMethod::callSendsTokenMethodAndParameters()
 {
+    QFETCH(QByteArray, held);
+    QFETCH(QString, method);
+    QFETCH(QVariantMap, params);
+    QFETCH(QByteArray, args);
+    daemon.answer("FactorMethod", "(<5>,)");
     const auto client = newClient();
-    grant(client.get(), token);
-    client->factorMethod({{"type"_s, "echo"_s}, {"uid"_s, 1000U}, {"value"_s, "s3cr3t"_s}}, "code"_s, collect());
-    QCOMPARE(daemon.waitCalls("FactorMethod"),
-             QStringList{factorCall(token, "'code', {'type': <'echo'>, 'uid': <uint32 1000>, 'value': <'s3cr3t'>}")});
+    if (!held.isEmpty())
+        grant(client.get(), held);
+    call(client.get(), params, method);
+    QCOMPARE(daemon.waitCalls("FactorMethod"), QStringList{factorCall(held, args)});
+    QCOMPARE(m_results, QList<QVariant>{5});
 }
 
-void TestFactorMethod::callSendsAnEmptyTokenToo()
+void TestFactorMethod::callFetchesTheChallengeAndDoesNotSendIt_data()
 {
-    const auto client = newClient();
-    client->factorMethod({}, QString(), collect());
-    QCOMPARE(daemon.waitCalls("FactorMethod"), QStringList{factorCall(QByteArray(), "'', @a{sv} {}")});
+    wayRows();
 }
 
 void TestFactorMethod::callFetchesTheChallengeAndDoesNotSendIt()
 {
     const auto client = newClient();
-    client->factorMethod({}, "code"_s, {});
-    client->factorMethod({}, "code"_s, {});
-    daemon.waitCalls("FactorMethod", 2);
-    const QString call = factorCall(QByteArray(), "'code', @a{sv} {}");
-    QCOMPARE(daemon.calls(), (QStringList{peerCall("RequestChallenge", "", "()"), call, call}));
+    call(client.get(), echo(5));
+    call(client.get(), echo(5));
+    const QString sent = factorCall(QByteArray(), "'code', {'type': <'echo'>, 'value': <5>}");
+    QCOMPARE(daemon.calls(), (QStringList{peerCall("RequestChallenge", "", "()"), sent, sent}));
 
-    // It is the one that authenticate() sends.
+    // The same challenge is the one that authenticate() sends.
     client->authenticate("login"_s, {});
-    QCOMPARE(daemon.waitCalls("Authenticate"),
-             QStringList{peerCall("Authenticate", "sa{sv}", "('login', {'challenge': <" + bytes(challenge) + ">})")});
+    QCOMPARE(daemon.waitCalls("Authenticate"), QStringList{loginCall(challenge)});
     QCOMPARE(daemon.calls().size(), 4);
+}
+
+void TestFactorMethod::callWithAFailedChallengeIsStillSent_data()
+{
+    wayRows();
 }
 
 void TestFactorMethod::callWithAFailedChallengeIsStillSent()
 {
     daemon.misbehave("RequestChallenge", "error", R"("message":"no challenge today")");
     const auto client = newClient();
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, collect());
-    QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
+    call(client.get(), echo(5));
     QCOMPARE(m_results, QList<QVariant>{5});
-    QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 6}}, "code"_s), QVariant(6));
-    const QString warning = R"(warning request failed: "no challenge today")"_s;
-    QCOMPARE(log->takeComplaints(), (QStringList{warning, warning}));
+    QCOMPARE(log->takeComplaints(), QStringList{R"(warning request failed: "no challenge today")"_s});
+}
+
+void TestFactorMethod::callTouchesNeitherProgressNorAuthentication_data()
+{
+    wayRows();
 }
 
 void TestFactorMethod::callTouchesNeitherProgressNorAuthentication()
@@ -154,42 +172,64 @@ void TestFactorMethod::callTouchesNeitherProgressNorAuthentication()
     const auto client = newClient();
     grant(client.get(), token);
     SignalRecorder heard(client.get());
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, false}}, "code"_s, collect());
+    client->factorMethod(echo(false), "code"_s, {});
     QVERIFY(!client->progress());
-    client->factorMethod({}, "code"_s, collect());
-    QVERIFY(waitFor([this] { return m_results.size() == 2; }));
+    call(client.get(), echo(false));
+    call(client.get(), {});
     drain(client.get());
+    QCOMPARE(m_results, (QList<QVariant>{false, QVariant()}));
     QCOMPARE(heard.list(), QStringList());
     QVERIFY(client->authenticated());
+    QVERIFY(!client->progress());
     QCOMPARE(log->takeComplaints().size(), 1);
 }
 
-void TestFactorMethod::callbackReceivesTheResult_data()
+void TestFactorMethod::callGivesTheResult_data()
 {
-    resultRows();
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<QVariant>("expected");
+    for (const char *way : ways) {
+        const auto row = [way](const char *name, const QByteArray &value, const QVariant &expected) {
+            QTest::addRow("%s %s", way, name) << "(<" + value + ">,)" << expected;
+        };
+        row("true", "true", true);
+        row("false", "false", false);
+        row("byte", "byte 0x07", QVariant::fromValue(uchar(7)));
+        row("int", "5", 5);
+        row("uint", "uint32 5", 5U);
+        row("long", "int64 5", 5LL);
+        row("double", "0.5", 0.5);
+        row("string", "'s3cr3t'", "s3cr3t"_s);
+        row("empty string", "''", ""_s);
+        row("bytes", bytes("s3cr3t"), QByteArray("s3cr3t"));
+        row("strings", "['a', 'b']", QStringList{"a"_s, "b"_s});
+    }
 }
 
-void TestFactorMethod::callbackReceivesTheResult()
+void TestFactorMethod::callGivesTheResult()
 {
     QFETCH(QByteArray, value);
     QFETCH(QVariant, expected);
     daemon.answer("FactorMethod", value);
     const auto client = newClient();
-    client->factorMethod({}, "code"_s, collect());
-    QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
+    call(client.get(), {});
     drain(client.get());
     QCOMPARE(m_results, QList<QVariant>{expected});
     QCOMPARE(m_results.first().userType(), expected.userType());
     QCOMPARE(log->take(), QStringList());
 }
 
-void TestFactorMethod::callbackReceivesAMapAsTheBusProducedIt()
+void TestFactorMethod::callGivesAMapAsTheBusProducedIt_data()
+{
+    wayRows();
+}
+
+void TestFactorMethod::callGivesAMapAsTheBusProducedIt()
 {
     daemon.answer("FactorMethod", "(<{'a': <5>, 'b': <{'c': <'s3cr3t'>}>}>,)");
     const auto client = newClient();
-    client->factorMethod({}, "code"_s, collect());
-    QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
-    QCOMPARE(m_results.first().userType(), qMetaTypeId<QDBusArgument>());
+    call(client.get(), {});
+    QCOMPARE(m_results.value(0).userType(), qMetaTypeId<QDBusArgument>());
     const auto argument = m_results.first().value<QDBusArgument>();
     QCOMPARE(argument.currentSignature(), "a{sv}"_s);
     const QVariantMap map = qdbus_cast<QVariantMap>(argument);
@@ -197,55 +237,55 @@ void TestFactorMethod::callbackReceivesAMapAsTheBusProducedIt()
     QCOMPARE(qdbus_cast<QVariantMap>(map.value("b"_s).value<QDBusArgument>()), (QVariantMap{{"c"_s, "s3cr3t"_s}}));
 }
 
+void TestFactorMethod::callGivesAnInvalidValueOnFailure_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    for (const char *way : ways) {
+        for (const char *value :
+             {"error", "no peer", "()", "('s3cr3t',)", "(true,)", "(5,)", "(@a{sv} {},)", "([<'s3cr3t'>],)"})
+            QTest::addRow("%s %s", way, value) << QByteArray(value);
+    }
+}
+
+void TestFactorMethod::callGivesAnInvalidValueOnFailure()
+{
+    QFETCH(QByteArray, value);
+    const auto client = newClient();
+    if (value == "no peer")
+        daemon.request(R"({"do":"drop-peers"})");
+    else if (value == "error")
+        daemon.misbehave("FactorMethod", "error", R"("message":"went wrong")");
+    else
+        daemon.answer("FactorMethod", value);
+    call(client.get(), {});
+    if (value != "no peer")
+        drain(client.get());
+    QCOMPARE(m_results, QList<QVariant>{QVariant()});
+
+    QStringList lines = log->take();
+    if (!waits())
+        QCOMPARE(m_linesAtCallback, lines);
+    if (value != "error")
+        lines = withoutTexts(lines);
+    QStringList expected{"warning %1: %2"_s.arg(waits() ? "factorMethodWait failed"_s : "reply isError"_s,
+                                                value == "error" ? "\"went wrong\""_s : "…"_s)};
+    // Nor can the challenge be had from nobody.
+    if (value == "no peer")
+        expected.prepend("warning request failed: …"_s);
+    QCOMPARE(lines, expected);
+    QCOMPARE(daemon.calls().isEmpty(), value == "no peer");
+}
+
 void TestFactorMethod::callbackIsCalledFromTheEventLoop()
 {
     const auto client = newClient();
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, collect());
+    client->factorMethod(echo(5), "code"_s, collect());
     daemon.waitCalls("FactorMethod");
     // A round trip later the reply is there; the callback is not for a blocking call to make.
-    QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 6}}, "code"_s), QVariant(6));
+    QCOMPARE(client->factorMethodWait(echo(6), "code"_s), QVariant(6));
     QVERIFY(m_results.isEmpty());
     QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
     QCOMPARE(m_results, QList<QVariant>{5});
-}
-
-void TestFactorMethod::callbackReceivesAnInvalidValueOnFailure()
-{
-    daemon.misbehave("FactorMethod", "error", R"("message":"went wrong")");
-    const auto client = newClient();
-    QStringList linesAtCallback;
-    client->factorMethod({}, "code"_s, [&](const QVariant &result) {
-        linesAtCallback = log->lines();
-        m_results.append(result);
-    });
-    QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
-    drain(client.get());
-    QCOMPARE(m_results, QList<QVariant>{QVariant()});
-    QVERIFY(!m_results.first().isValid());
-    const QStringList warning{R"(warning reply isError: "went wrong")"_s};
-    QCOMPARE(linesAtCallback, warning);
-    QCOMPARE(log->take(), warning);
-}
-
-void TestFactorMethod::callbackReceivesAnInvalidValueForAnotherReply_data()
-{
-    otherReplyRows();
-}
-
-void TestFactorMethod::callbackReceivesAnInvalidValueForAnotherReply()
-{
-    QFETCH(QByteArray, value);
-    daemon.answer("FactorMethod", value);
-    const auto client = newClient();
-    client->factorMethod({}, "code"_s, collect());
-    QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
-    drain(client.get());
-    QCOMPARE(m_results.size(), 1);
-    QVERIFY(!m_results.first().isValid());
-    const QStringList lines = log->take();
-    QCOMPARE(lines.size(), 1);
-    QVERIFY2(QRegularExpression("^warning reply isError: \".+\"$"_s).match(lines.first()).hasMatch(),
-             qPrintable(lines.first()));
 }
 
 void TestFactorMethod::callbackIsCopied()
@@ -253,7 +293,7 @@ void TestFactorMethod::callbackIsCopied()
     const auto client = newClient();
     const auto alive = std::make_shared<int>();
     ValueCallBack callback = [this, alive](const QVariant &result) { m_results.append(result); };
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, callback);
+    client->factorMethod(echo(5), "code"_s, callback);
     callback = {};
     QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
     QCOMPARE(m_results, QList<QVariant>{5});
@@ -264,10 +304,10 @@ void TestFactorMethod::callbackIsCopied()
 void TestFactorMethod::callbackMayCallAgain()
 {
     const auto client = newClient();
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 1}}, "code"_s, [&](const QVariant &result) {
+    client->factorMethod(echo(1), "code"_s, [&](const QVariant &result) {
         m_results.append(result);
-        m_results.append(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 2}}, "code"_s));
-        client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 3}}, "code"_s, collect());
+        m_results.append(client->factorMethodWait(echo(2), "code"_s));
+        client->factorMethod(echo(3), "code"_s, collect());
     });
     QVERIFY(waitFor([this] { return m_results.size() == 3; }));
     QCOMPARE(m_results, (QList<QVariant>{1, 2, 3}));
@@ -278,7 +318,7 @@ void TestFactorMethod::callbacksAreCalledInTheOrderOfTheReplies()
     daemon.misbehave("FactorMethod", "hold", R"("times":1)");
     const auto client = newClient();
     for (int i = 0; i < 3; ++i)
-        client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, i}}, "code"_s, collect());
+        client->factorMethod(echo(i), "code"_s, collect());
     QVERIFY(waitFor([this] { return m_results.size() == 2; }));
     daemon.request(R"({"do":"release"})");
     QVERIFY(waitFor([this] { return m_results.size() == 3; }));
@@ -292,8 +332,7 @@ void TestFactorMethod::watcherBelongsToTheClientAndIsDeletedAfterTheCallback()
         return client->findChildren<QDBusPendingCallWatcher *>(QString(), Qt::FindDirectChildrenOnly).size();
     };
     int seen = -1;
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s,
-                         [&](const QVariant &) { seen = watchers(); });
+    client->factorMethod(echo(5), "code"_s, [&](const QVariant &) { seen = watchers(); });
     QCOMPARE(watchers(), 1);
     QVERIFY(waitFor([&] { return seen >= 0; }));
     QCOMPARE(seen, 1);
@@ -303,8 +342,8 @@ void TestFactorMethod::watcherBelongsToTheClientAndIsDeletedAfterTheCallback()
 void TestFactorMethod::emptyCallbackIsNotCalled()
 {
     const auto client = newClient();
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s, ValueCallBack());
-    client->factorMethod({{"type"_s, "echo"_s}, {"value"_s, 6}}, "code"_s, nullptr);
+    client->factorMethod(echo(5), "code"_s, ValueCallBack());
+    client->factorMethod(echo(6), "code"_s, nullptr);
     QCOMPARE(daemon.waitCalls("FactorMethod", 2).size(), 2);
     // The replies are taken all the same.
     QVERIFY(waitFor([&] { return client->findChildren<QDBusPendingCallWatcher *>().isEmpty(); }));
@@ -322,118 +361,6 @@ void TestFactorMethod::emptyCallbackOnFailure()
     QCOMPARE(log->take(), QStringList{R"(warning reply isError: "went wrong")"_s});
 }
 
-void TestFactorMethod::callWithoutAPeerFails()
-{
-    const auto client = newClient();
-    client->factorMethod({}, "code"_s, {});
-    daemon.waitCalls("FactorMethod");
-    drain(client.get());
-    log->take();
-    daemon.request(R"({"do":"drop-peers"})");
-    client->factorMethod({}, "code"_s, collect());
-    QVERIFY(m_results.isEmpty());
-    QVERIFY(waitFor([this] { return !m_results.isEmpty(); }));
-    drainSystemBus();
-    QCOMPARE(m_results.size(), 1);
-    QVERIFY(!m_results.first().isValid());
-    const QStringList lines = log->take();
-    QCOMPARE(lines.size(), 1);
-    QVERIFY2(QRegularExpression("^warning reply isError: \".+\"$"_s).match(lines.first()).hasMatch(),
-             qPrintable(lines.first()));
-}
-
-void TestFactorMethod::waitSendsTokenMethodAndParameters()
-{
-    const auto client = newClient();
-    grant(client.get(), token);
-    QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, "s3cr3t"_s}}, "code"_s), QVariant("s3cr3t"_s));
-    QCOMPARE(daemon.waitCalls("FactorMethod"),
-             QStringList{factorCall(token, "'code', {'type': <'echo'>, 'value': <'s3cr3t'>}")});
-}
-
-void TestFactorMethod::waitSendsAnEmptyTokenToo()
-{
-    const auto client = newClient();
-    QCOMPARE(client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s), QVariant(5));
-    QCOMPARE(daemon.waitCalls("FactorMethod"),
-             QStringList{factorCall(QByteArray(), "'code', {'type': <'echo'>, 'value': <5>}")});
-}
-
-void TestFactorMethod::waitFetchesTheChallengeAndDoesNotSendIt()
-{
-    const auto client = newClient();
-    client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s);
-    client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, 5}}, "code"_s);
-    const QString call = factorCall(QByteArray(), "'code', {'type': <'echo'>, 'value': <5>}");
-    QCOMPARE(daemon.calls(), (QStringList{peerCall("RequestChallenge", "", "()"), call, call}));
-}
-
-void TestFactorMethod::waitReturnsTheResult_data()
-{
-    resultRows();
-}
-
-void TestFactorMethod::waitReturnsTheResult()
-{
-    QFETCH(QByteArray, value);
-    QFETCH(QVariant, expected);
-    daemon.answer("FactorMethod", value);
-    const auto client = newClient();
-    const QVariant result = client->factorMethodWait({}, "code"_s);
-    QCOMPARE(result, expected);
-    QCOMPARE(result.userType(), expected.userType());
-    QCOMPARE(log->take(), QStringList());
-}
-
-void TestFactorMethod::waitReturnsAMapAsTheBusProducedIt()
-{
-    daemon.answer("FactorMethod", "(<{'a': <5>}>,)");
-    const auto client = newClient();
-    const QVariant result = client->factorMethodWait({}, "code"_s);
-    QCOMPARE(result.userType(), qMetaTypeId<QDBusArgument>());
-    QCOMPARE(qdbus_cast<QVariantMap>(result.value<QDBusArgument>()), (QVariantMap{{"a"_s, 5}}));
-}
-
-void TestFactorMethod::waitReturnsAnInvalidValueOnFailure()
-{
-    daemon.misbehave("FactorMethod", "error", R"("message":"went wrong")");
-    const auto client = newClient();
-    QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
-    QCOMPARE(log->take(), QStringList{R"(warning factorMethodWait failed: "went wrong")"_s});
-}
-
-void TestFactorMethod::waitReturnsAnInvalidValueForAnotherReply_data()
-{
-    otherReplyRows();
-}
-
-void TestFactorMethod::waitReturnsAnInvalidValueForAnotherReply()
-{
-    QFETCH(QByteArray, value);
-    daemon.answer("FactorMethod", value);
-    const auto client = newClient();
-    QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
-    const QStringList lines = log->take();
-    QCOMPARE(lines.size(), 1);
-    QVERIFY2(QRegularExpression("^warning factorMethodWait failed: \".+\"$"_s).match(lines.first()).hasMatch(),
-             qPrintable(lines.first()));
-}
-
-void TestFactorMethod::waitWithoutAPeerFails()
-{
-    const auto client = newClient();
-    daemon.request(R"({"do":"drop-peers"})");
-    QVERIFY(!client->factorMethodWait({}, "code"_s).isValid());
-    const QStringList lines = log->take();
-    // The challenge cannot be had either.
-    QCOMPARE(lines.size(), 2);
-    QVERIFY2(QRegularExpression("^warning request failed: \".+\"$"_s).match(lines.at(0)).hasMatch(),
-             qPrintable(lines.at(0)));
-    QVERIFY2(QRegularExpression("^warning factorMethodWait failed: \".+\"$"_s).match(lines.at(1)).hasMatch(),
-             qPrintable(lines.at(1)));
-    QCOMPARE(daemon.calls(), QStringList());
-}
-
 void TestFactorMethod::waitDeliversSignalsAfterwards()
 {
     const auto client = newClient();
@@ -443,18 +370,6 @@ void TestFactorMethod::waitDeliversSignalsAfterwards()
     QCOMPARE(heard.list(), QStringList());
     drain(client.get());
     QCOMPARE(heard.list(), QStringList{"factorSignal(code, %1)"_s.arg(written(told))});
-}
-
-void TestFactorMethod::waitTouchesNeitherProgressNorAuthentication()
-{
-    const auto client = newClient();
-    grant(client.get(), token);
-    SignalRecorder heard(client.get());
-    client->factorMethodWait({{"type"_s, "echo"_s}, {"value"_s, false}}, "code"_s);
-    drain(client.get());
-    QCOMPARE(heard.list(), QStringList());
-    QVERIFY(client->authenticated());
-    QVERIFY(!client->progress());
 }
 
 void TestFactorMethod::factorSignalIsRelayedAsItIs_data()
