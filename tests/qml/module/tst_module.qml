@@ -44,7 +44,8 @@ PatientTestCase {
         QtObject {
             readonly property AuthDevlockClient devlock: AuthDevlockClient {}
             readonly property bool open: devlock.state === AuthDevlockClient.Unlocked
-            readonly property string name: ["open", "locked", "lockout", "lockout", "unknown", "secure"][devlock.state] || "?"
+            readonly property string name:
+                ["open", "locked", "lockout", "lockout", "unknown", "secure"][devlock.state] || "?"
         }
     }
 
@@ -112,29 +113,22 @@ PatientTestCase {
     }
 
     function test_enumerators() {
-        compare(AuthDevlockClient.Unlocked, 0);
-        compare(AuthDevlockClient.Locked, 1);
-        compare(AuthDevlockClient.ManagerLockout, 2);
-        compare(AuthDevlockClient.CodeEntryLockout, 3);
-        compare(AuthDevlockClient.Undefined, 4);
-        compare(AuthDevlockClient.SecurityUi, 5);
+        const names = ["Unlocked", "Locked", "ManagerLockout", "CodeEntryLockout", "Undefined", "SecurityUi"];
+        compare(names.map(name => AuthDevlockClient[name]), [0, 1, 2, 3, 4, 5]);
     }
 
     function test_cannotBeCreated_data() {
         return [
-            { tag: "FactorListModel", text: "FactorListModel cannot be created: use the one of AuthSettingsClient.factors" },
+            { tag: "FactorListModel",
+              text: "FactorListModel cannot be created: use the one of AuthSettingsClient.factors" },
             { tag: "AuthSettingsClient", text: "Element is not creatable." },
             { tag: "AuthParameters", text: "Element is not creatable." },
         ];
     }
 
     function test_cannotBeCreated(row) {
-        let errors = [];
-        try {
-            Qt.createQmlObject("import Vantora.Auth 1.0\n" + row.tag + " {}", test, "made");
-        } catch (e) {
-            errors = e.qmlErrors;
-        }
+        const text = "import Vantora.Auth 1.0\n" + row.tag + " {}";
+        const errors = errorOf(() => Qt.createQmlObject(text, test, "made")).qmlErrors;
         compare(errors.length, 1);
         compare(errors[0].message, row.text);
         compare(errors[0].lineNumber, 2);
@@ -149,13 +143,8 @@ PatientTestCase {
         any.destroy();
 
         const holder = createTemporaryObject(holderComponent, test);
-        let error = null;
-        try {
-            holder.client = AuthSettingsClient;
-        } catch (e) {
-            error = e;
-        }
-        compare(String(error), "Error: Cannot assign QObject* to QmlAuthClient*");
+        compare(String(errorOf(() => { holder.client = AuthSettingsClient })),
+                "Error: Cannot assign QObject* to QmlAuthClient*");
         holder.client = makeClient();
     }
 
@@ -237,13 +226,7 @@ PatientTestCase {
 
     function test_uidIsNot(row) {
         AuthSettingsClient.uid = 1000;
-        let error = null;
-        try {
-            AuthSettingsClient.uid = row.value;
-        } catch (e) {
-            error = e;
-        }
-        compare(String(error), row.text);
+        compare(String(errorOf(() => { AuthSettingsClient.uid = row.value })), row.text);
         compare(AuthSettingsClient.uid, 1000);
     }
 
@@ -255,7 +238,7 @@ PatientTestCase {
         compare(factors.indexOf("code"), 0);
         compare(factors.map(f => f.toUpperCase()).join(), "CODE,SMARTCARD");
         compare(Array.from(factors).join(), "code,smartcard");
-        // A list of the toolkit's own, which is no Array.
+        // A list of QML 5.15's own, which is no Array.
         verify(!Array.isArray(factors));
         verify(Array.isArray(Array.from(factors)));
     }
@@ -334,12 +317,7 @@ PatientTestCase {
         gc();
         compare(AuthSettingsClient.uid, 1000);
         compare(daemon.state().peers.length, 1);
-        let error = null;
-        try {
-            AuthSettingsClient.destroy();
-        } catch (e) {
-            error = e;
-        }
-        compare(String(error), "Error: Invalid attempt to destroy() an indestructible object");
+        compare(String(errorOf(() => AuthSettingsClient.destroy())),
+                "Error: Invalid attempt to destroy() an indestructible object");
     }
 }

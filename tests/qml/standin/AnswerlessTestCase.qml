@@ -8,15 +8,6 @@ PatientTestCase {
 
     property StandIn daemon: StandIn {}
 
-    function errorOf(action) {
-        try {
-            action();
-        } catch (error) {
-            return error.message;
-        }
-        return "no error";
-    }
-
     function test_errors_data() {
         return [
             { tag: "request", action: () => daemon.lockState(), request: '{"do":"state"}' },
@@ -28,6 +19,6 @@ PatientTestCase {
     }
 
     function test_errors(data) {
-        compare(errorOf(data.action), "StandIn: " + reason + " (" + data.request + ")");
+        compare(errorOf(data.action).message, "StandIn: " + reason + " (" + data.request + ")");
     }
 }

@@ -5,6 +5,6 @@ AnswerlessTestCase {
 
     function initTestCase() {
         compare(daemon.request({ do: "quit" }), { ok: true });
-        tryVerify(() => errorOf(() => daemon.lockState()).startsWith("StandIn: there is no stand-in"));
+        tryVerify(() => errorOf(() => daemon.lockState()).message.startsWith("StandIn: there is no stand-in"));
     }
 }
