@@ -2,6 +2,7 @@
 
 #include <QtCore/QJsonArray>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -87,7 +88,11 @@ Play::Play(const QList<QByteArray> &host, const QByteArray &code, const Patience
     : m_host(host)
     , m_code(code)
     , m_patience(patience)
+    , m_daemon([](const QString &error) {
+        throw Outcome{Outcome::NotMade, error};
+    })
 {
+    m_daemon.setPatience(30000);
     m_clock.start();
     // What the host leaves behind comes here.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -128,13 +133,13 @@ void Play::misbehave(const QByteArray &method, const QByteArray &how, const QByt
 
 void Play::answer(const QByteArray &method, const QByteArray &value)
 {
-    misbehave(method, "reply", "\"value\":" + quoted(value));
+    misbehave(method, "reply", "\"value\":" + AuthStandIn::quoted(QString::fromUtf8(value)));
 }
 
 void Play::emitSignal(const QByteArray &name, const QByteArray &args, const QByteArray &more)
 {
-    daemon(R"({"do":"emit","signal":")" + name + R"(","args":)" + quoted(args) + (more.isEmpty() ? "" : ",") + more
-           + '}');
+    daemon(R"({"do":"emit","signal":")" + name + R"(","args":)" + AuthStandIn::quoted(QString::fromUtf8(args))
+           + (more.isEmpty() ? "" : ",") + more + '}');
 }
 
 void Play::setLock(int state)
@@ -219,9 +224,21 @@ bool Play::enterUntil(const QByteArray &code, const std::function<bool()> &condi
     return false;
 }
 
+int Play::callCount(const QByteArray &method)
+{
+    const QString name = QString::fromUtf8(method);
+    if (method != "Introspect")
+        return m_daemon.calls(name).size();
+    const QJsonArray calls =
+        m_daemon.request(QByteArray(R"({"do":"standard-calls"})")).value(QLatin1String("calls")).toArray();
+    return int(std::count_if(calls.begin(), calls.end(), [&name](const QJsonValue &call) {
+        return call[QLatin1String("method")].toString() == name;
+    }));
+}
+
 bool Play::wasCalled(const QByteArray &method, int nth)
 {
-    return m_daemon.callCount(method) >= nth;
+    return callCount(method) >= nth;
 }
 
 void Play::reach(const QByteArray &method, int nth)
@@ -289,7 +306,7 @@ void Play::usable()
     lock();
     // Until the code is on its way the daemon is Locked: what the host has left to say before is judged by that.
     misbehave("Authenticate", "hold");
-    const int calls = m_daemon.callCount("Authenticate");
+    const int calls = callCount("Authenticate");
     if (!enterUntil(m_code, [&] { return wasCalled("Authenticate", calls + 1); }))
         failToUnlock();
     awaitLocked();
@@ -342,7 +359,7 @@ Outcome Play::judgeEnd(const HostEnded &end)
 
 void Play::observe()
 {
-    const QJsonObject state = m_daemon.request(R"({"do":"state"})");
+    const QJsonObject state = m_daemon.state();
     m_lockState = state.value(QLatin1String("lock-state")).toInt();
     m_hasOwner = !state.value(QLatin1String("owner")).toString().isEmpty();
     m_peers = state.value(QLatin1String("peers")).toArray().size();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "daemon.h"
+#include "auth-stand-in.h"
 #include "outcome.h"
 
 #include <QtCore/QElapsedTimer>
@@ -122,6 +122,7 @@ private:
     };
 
     bool enterUntil(const QByteArray &code, const std::function<bool()> &condition, int pause);
+    int callCount(const QByteArray &method);
     void say(const QByteArray &text);
     void observe();
     bool until(const std::function<bool()> &condition, qint64 milliseconds);
@@ -138,7 +139,7 @@ private:
     const QList<QByteArray> m_host;
     const QByteArray m_code;
     const Patience m_patience;
-    Daemon m_daemon;
+    AuthStandIn m_daemon;
     QElapsedTimer m_clock;
 
     QVector<Truth> m_truth;

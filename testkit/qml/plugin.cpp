@@ -1,7 +1,33 @@
-#include "stand-in.h"
+#include "auth-stand-in.h"
+#include "bus-round-trip.h"
 
+#include <QtQml/QJSEngine>
 #include <QtQml/qqml.h>
 #include <QtQml/QQmlExtensionPlugin>
+
+/** For tests written in QML: what fails is thrown as a JavaScript error. */
+class StandIn : public AuthStandIn
+{
+    Q_OBJECT
+
+public:
+    StandIn()
+        : AuthStandIn(nullptr)
+    {
+    }
+
+protected:
+    ErrorHandler errorHandler() const override
+    {
+        return [engine = qjsEngine(this)](const QString &error) {
+            engine->throwError(QStringLiteral("StandIn: ") + error);
+        };
+    }
+    void settleBus() override
+    {
+        roundTripToSystemBus();
+    }
+};
 
 class VantoraAuthTestingPlugin : public QQmlExtensionPlugin
 {

@@ -11,7 +11,6 @@
 
 #include <QtCore/QIdentityProxyModel>
 #include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
 #include <QtCore/QMutex>
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QTranslator>
@@ -20,9 +19,6 @@
 
 #include <cstdio>
 #include <optional>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
@@ -85,77 +81,33 @@ private:
 
 Warnings *Warnings::m_instance = nullptr;
 
-/** Requests to the stand-in whose answers need not be waited for one by one. */
+/** Requests to the stand-in, which are made together when the stand-in is next waited for. */
 class Control
 {
 public:
-    Control()
-        : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        qstrcpy(address.sun_path, "/run/authd/standin.socket");
-        if (connect(m_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-            qFatal("No stand-in");
-    }
-    ~Control()
-    {
-        close(m_socket);
-    }
-    Q_DISABLE_COPY(Control)
-
     void post(const QByteArray &json, bool mayBeRefused = false)
     {
-        m_output += json + '\n';
-        m_expected.append(mayBeRefused ? QByteArray() : json);
+        m_requests.append(json);
+        m_mayBeRefused.append(mayBeRefused);
     }
 
-    void flush()
+    /** Makes all requests that were posted, and gives the last answer. */
+    QJsonObject await()
     {
-        for (int sent = 0; sent < m_output.size();) {
-            const ssize_t count =
-                send(m_socket, m_output.constData() + sent, size_t(m_output.size() - sent), MSG_NOSIGNAL);
-            if (count < 0)
-                qFatal("The stand-in does not listen");
-            sent += int(count);
+        const QVector<QJsonObject> answers = m_standIn.requests(m_requests);
+        for (int i = 0; i < answers.size(); ++i) {
+            if (!m_mayBeRefused.at(i) && !answers.at(i).value("ok"_s).toBool())
+                qFatal("The stand-in refuses %s", m_requests.at(i).constData());
         }
-        m_output.clear();
-    }
-
-    /** Waits for the answers to all that was posted, and gives the last. */
-    QByteArray await()
-    {
-        flush();
-        QByteArray answer;
-        for (const QByteArray &request : qAsConst(m_expected)) {
-            answer = line();
-            if (!request.isEmpty() && !QJsonDocument::fromJson(answer).object().value("ok"_s).toBool())
-                qFatal("The stand-in refuses %s: %s", request.constData(), answer.constData());
-        }
-        m_expected.clear();
-        return answer;
+        m_requests.clear();
+        m_mayBeRefused.clear();
+        return answers.isEmpty() ? QJsonObject() : answers.last();
     }
 
 private:
-    QByteArray line()
-    {
-        int end;
-        while ((end = m_input.indexOf('\n')) < 0) {
-            char buffer[65536];
-            const ssize_t count = recv(m_socket, buffer, sizeof buffer, 0);
-            if (count <= 0)
-                qFatal("The stand-in does not answer");
-            m_input.append(buffer, int(count));
-        }
-        QByteArray result = m_input.left(end);
-        m_input.remove(0, end + 1);
-        return result;
-    }
-
-    const int m_socket;
-    QByteArray m_output;
-    QByteArray m_input;
-    QVector<QByteArray> m_expected;
+    StandIn m_standIn;
+    QVector<QByteArray> m_requests;
+    QVector<bool> m_mayBeRefused;
 };
 
 class Translations : public QTranslator
@@ -461,7 +413,7 @@ void Pair::deliver()
     static int marks = 0;
     const QString mark = drainMark + QString::number(++marks);
     m_control->post(R"~({"do":"emit","signal":"Factor","args":"(')~" + mark.toLatin1() + R"~(', @a{sv} {})"})~");
-    m_control->flush();
+    m_control->await();
     QDeadlineTimer deadline(120000);
     QTimer wakening;
     wakening.start(1000);
@@ -470,7 +422,6 @@ void Pair::deliver()
             qFatal("The client does not hear the daemon");
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
-    m_control->await();
     m_oracle->hear(m_daemon.takeAnnouncements());
 }
 
@@ -555,7 +506,7 @@ QStringList Pair::newCalls()
     // The base's own calls are nobody's concern here.
     static const QStringList others{"Authenticate"_s, "RequestChallenge"_s, "GetState"_s};
     m_control->post(R"({"do":"calls","since":)" + QByteArray::number(m_nextCall) + '}');
-    const QJsonObject answer = QJsonDocument::fromJson(m_control->await()).object();
+    const QJsonObject answer = m_control->await();
     m_nextCall = answer.value("next"_s).toInt();
     QStringList result;
     const QJsonArray calls = answer.value("calls"_s).toArray();

@@ -1,25 +1,8 @@
 #include "stand-in.h"
 
-#include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
-#include <QtDBus/QDBusConnection>
-#include <QtDBus/QDBusMessage>
-
-#include <cerrno>
-#include <cstring>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "bus-round-trip.h"
 
 namespace {
-const char socketPath[] = "/run/authd/standin.socket";
-
-QByteArray quoted(const QByteArray &text)
-{
-    const QByteArray array = QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
-    return array.mid(1, array.size() - 2);
-}
 
 QByteArray with(const QByteArray &more)
 {
@@ -29,99 +12,39 @@ QByteArray with(const QByteArray &more)
 // The members that say which option is meant.
 QByteArray place(const QByteArray &key, uint uid)
 {
-    return "\"key\":" + quoted(key) + (uid ? ",\"uid\":" + QByteArray::number(uid) : QByteArray());
-}
-
-QString written(const QJsonObject &call)
-{
-    const auto text = [&call](const char *member) { return call.value(QLatin1String(member)).toString(); };
-    return QStringLiteral("%1 %2 %3.%4 %5 %6")
-        .arg(text("bus"), text("path"), text("interface"), text("method"), text("signature"), text("args"));
+    return "\"key\":" + AuthStandIn::quoted(QString::fromUtf8(key))
+        + (uid ? ",\"uid\":" + QByteArray::number(uid) : QByteArray());
 }
 
 QStringList written(const QJsonArray &calls)
 {
     QStringList result;
-    for (const QJsonValue &call : calls)
-        result.append(written(call.toObject()));
+    for (const QJsonValue &call : calls) {
+        const auto text = [&call](const char *member) { return call[QLatin1String(member)].toString(); };
+        result.append(
+            QStringLiteral("%1 %2 %3.%4 %5 %6")
+                .arg(text("bus"), text("path"), text("interface"), text("method"), text("signature"), text("args")));
+    }
     return result;
 }
 
-// Whatever this process sent to the bus before is dealt with there when this returns.
-void flushSystemBus()
-{
-    QDBusConnection bus = QDBusConnection::systemBus();
-    if (bus.isConnected()) {
-        bus.call(QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/"),
-                                                QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
-    }
-}
 } // namespace
 
-void StandIn::connect()
+StandIn::StandIn()
+    : AuthStandIn([](const QString &error) { qFatal("The stand-in: %s", qPrintable(error)); })
 {
-    m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    static_assert(sizeof socketPath <= sizeof address.sun_path, "the path fits");
-    memcpy(address.sun_path, socketPath, sizeof socketPath);
-    const timeval timeout = {180, 0};
-    setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (::connect(m_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        qFatal("No stand-in at %s: %s", socketPath, strerror(errno));
+    // Under valgrind on a busy machine.
+    setPatience(180000);
 }
 
-StandIn::~StandIn()
+void StandIn::settleBus()
 {
-    if (m_socket >= 0)
-        close(m_socket);
-}
-
-QJsonObject StandIn::request(const QByteArray &json)
-{
-    if (m_socket < 0)
-        connect();
-    const QByteArray line = json + '\n';
-    for (int sent = 0; sent < line.size();) {
-        const ssize_t count = send(m_socket, line.constData() + sent, size_t(line.size() - sent), MSG_NOSIGNAL);
-        if (count < 0 && errno != EINTR)
-            qFatal("The stand-in does not take %s: %s", json.constData(), strerror(errno));
-        sent += count < 0 ? 0 : int(count);
-    }
-
-    int end = -1;
-    for (int searched = 0; (end = m_input.indexOf('\n', searched)) < 0;) {
-        searched = m_input.size();
-        char buffer[65536];
-        const ssize_t count = recv(m_socket, buffer, sizeof buffer, 0);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            qFatal("The stand-in does not answer %s: %s", json.constData(), count ? strerror(errno) : "closed");
-        m_input.append(buffer, int(count));
-    }
-
-    const QByteArray text = m_input.left(end);
-    m_input.remove(0, end + 1);
-    const QJsonObject answer = QJsonDocument::fromJson(text).object();
-    if (!answer.value(QLatin1String("ok")).toBool())
-        qFatal("The stand-in refuses %s: %s", json.constData(), text.constData());
-    return answer;
+    roundTripToSystemBus();
 }
 
 void StandIn::reset()
 {
-    // The match rules of clients that are gone must not bring their successors news of the restart.
-    flushSystemBus();
-    request(R"({"do":"behave"})");
-    request(R"({"do":"release"})");
-    request(R"({"do":"accept","how":"normal"})");
-    request(R"({"do":"drop-old"})");
-    request(R"({"do":"reset-options"})");
-    request(R"({"do":"restart"})");
-    request(R"({"do":"set-lock","state":0})");
-    flushSystemBus();
-    clearCalls();
+    AuthStandIn::reset(0);
 }
 
 void StandIn::misbehave(const char *method, const char *how, const QByteArray &more)
@@ -131,7 +54,7 @@ void StandIn::misbehave(const char *method, const char *how, const QByteArray &m
 
 void StandIn::answer(const char *method, const QByteArray &value)
 {
-    misbehave(method, "reply", "\"value\":" + quoted(value));
+    AuthStandIn::answer(QLatin1String(method), QString::fromUtf8(value));
 }
 
 void StandIn::arrangeOption(const QByteArray &key, const QByteArray &json, uint uid)
@@ -151,53 +74,42 @@ void StandIn::removeOption(const QByteArray &key, uint uid)
 
 QString StandIn::option(const QByteArray &key, uint uid)
 {
-    const QByteArray user = uid ? ",\"uid\":" + QByteArray::number(uid) : QByteArray();
-    const QJsonObject answer = request(R"({"do":"options")" + user + '}');
-    return answer.value(QLatin1String("options")).toObject().value(QString::fromUtf8(key)).toString();
+    return options(uid).value(QString::fromUtf8(key)).toString();
 }
 
 void StandIn::emitSignal(const char *name, const QByteArray &args, const QByteArray &more)
 {
-    request(R"({"do":"emit","signal":")" + QByteArray(name) + R"(","args":)" + quoted(args) + with(more) + '}');
+    request(R"({"do":"emit","signal":")" + QByteArray(name) + R"(","args":)" + quoted(QString::fromUtf8(args))
+            + with(more) + '}');
 }
 
 QStringList StandIn::calls()
 {
-    return written(request(R"({"do":"calls"})").value(QLatin1String("calls")).toArray());
+    return written(AuthStandIn::calls());
 }
 
 QStringList StandIn::waitCalls(const char *method, int count)
 {
-    return written(request(R"({"do":"wait-calls","method":")" + QByteArray(method) + R"(","count":)"
-                           + QByteArray::number(count) + R"(,"timeout":120000})")
-                       .value(QLatin1String("calls"))
-                       .toArray());
-}
-
-void StandIn::clearCalls()
-{
-    request(R"({"do":"clear-calls"})");
+    return written(AuthStandIn::waitCalls(QLatin1String(method), count, 120000));
 }
 
 QList<int> StandIn::instancesOf(const char *method)
 {
     QList<int> result;
-    const QJsonArray calls = request(R"({"do":"calls"})").value(QLatin1String("calls")).toArray();
-    for (const QJsonValue &call : calls) {
-        if (call.toObject().value(QLatin1String("method")).toString() == QLatin1String(method))
-            result.append(call.toObject().value(QLatin1String("instance")).toInt());
-    }
+    const QJsonArray calls = AuthStandIn::calls(QLatin1String(method));
+    for (const QJsonValue &call : calls)
+        result.append(call[QLatin1String("instance")].toInt());
     return result;
 }
 
 int StandIn::peerCount()
 {
-    return request(R"({"do":"state"})").value(QLatin1String("peers")).toArray().size();
+    return state().value(QLatin1String("peers")).toArray().size();
 }
 
 QString StandIn::owner()
 {
-    return request(R"({"do":"state"})").value(QLatin1String("owner")).toString();
+    return state().value(QLatin1String("owner")).toString();
 }
 
 QString peerCall(const char *method, const char *signature, const QByteArray &args)

@@ -1,22 +1,20 @@
 #pragma once
 
-#include <QtCore/QJsonObject>
+#include <AuthStandIn>
+
 #include <QtCore/QStringList>
 
 /**
- * Drives the stand-in daemon over its control socket.
+ * The stand-in daemon, for tests that write its requests as JSON text.
  *
- * The socket is a plain blocking one, so that a request never turns the event loop under test. A refused request and a
- * stand-in that does not answer end the test program.
+ * A refused request and a stand-in that does not answer end the test program. No function turns the event loop under test.
  */
-class StandIn
+class StandIn : public AuthStandIn
 {
-public:
-    StandIn() = default;
-    ~StandIn();
-    Q_DISABLE_COPY(StandIn)
+    Q_OBJECT
 
-    QJsonObject request(const QByteArray &json);
+public:
+    StandIn();
 
     /** A new, well-behaved daemon in an unlocked device, with its scenario's options and nothing in its call log. */
     void reset();
@@ -38,7 +36,6 @@ public:
     QStringList calls();
     /** Waits until @p count calls of @p method are in the log; returns these. */
     QStringList waitCalls(const char *method, int count = 1);
-    void clearCalls();
 
     /** The daemon instance that logged each call of @p method. */
     QList<int> instancesOf(const char *method);
@@ -46,11 +43,8 @@ public:
     /** The unique bus name of the present instance. */
     QString owner();
 
-private:
-    void connect();
-
-    int m_socket = -1;
-    QByteArray m_input;
+protected:
+    void settleBus() override;
 };
 
 /** How a call of the main object is written by StandIn::calls(). */

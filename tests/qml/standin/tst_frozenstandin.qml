@@ -1,4 +1,4 @@
 AnswerlessTestCase {
     name: "frozenstandin"
-    reason: "the stand-in daemon does not answer"
+    reason: "the stand-in does not answer"
 }

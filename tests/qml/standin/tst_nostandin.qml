@@ -1,7 +1,7 @@
 AnswerlessTestCase {
     name: "nostandin"
-    reason: "there is no stand-in daemon at /run/authd/standin.socket; run the tests where there is one: "
-        + "authd-standin run -- qmltestrunner -input FILE"
+    reason: "there is no stand-in at /run/authd/standin.socket: No such file or directory; run the tests where there "
+        + "is one: authd-standin run -- COMMAND"
 
     function initTestCase() {
         compare(daemon.request({ do: "quit" }), { ok: true });
