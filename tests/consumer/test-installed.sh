@@ -54,6 +54,17 @@ for screen in lockscreen login settings; do
 done
 
 # pkg-config escapes the blank of the path, for a shell to read.
+flags=$(pkg-config --cflags --libs auth-stand-in)
+cat >lock.cpp <<'END'
+#include <AuthStandIn>
+
+int main()
+{
+    return AuthStandIn([](const QString &error) { qFatal("%s", qPrintable(error)); }).lock() ? 0 : 1;
+}
+END
+step eval "$compiler -std=c++17 -fPIC lock.cpp -o with-stand-in-alone $flags"
+step authd-standin run -- ./with-stand-in-alone
 flags=$(pkg-config --cflags --libs auth-client)
 step eval "$compiler -std=c++17 -fPIC host.cpp -o with-pkg-config $flags"
 step authd-standin run -- ./with-pkg-config
