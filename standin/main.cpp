@@ -5,11 +5,17 @@
 #include "scenario.h"
 #include "service.h"
 
+#include <algorithm>
+#include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstring>
 #include <glib-unix.h>
 #include <iostream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <set>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -25,7 +31,7 @@ enum ExitStatus {
 const char defaultControlPath[] = "/run/authd/standin.socket";
 const char daemonSocketPath[] = "/var/run/authd/authd.socket";
 
-const char help[] = R"(Usage:
+const char helpText[] = R"(Usage:
   authd-standin run [--scenario FILE] [--uid N] [--no-bus] -- COMMAND...
   authd-standin [serve] [--scenario FILE] [--control PATH] [--ready-fd N]
   authd-standin ctl [--control PATH] REQUEST...
@@ -68,50 +74,79 @@ struct Options
     int readyFd = -1;
     std::string uid;
     bool noBus = false;
+    bool help = false;
+    bool version = false;
     std::vector<std::string> arguments;
 };
 
-/** Reads the options of a command, which are those among @p allowed. */
-Options readOptions(std::vector<std::string> words, const std::set<std::string> &allowed)
+/** Reads the options of a command, which are those among @p allowed. What follows the first argument is no option. */
+Options readOptions(const std::vector<std::string> &words, const std::set<std::string> &allowed)
 {
+    g_autofree char *scenario = nullptr;
+    g_autofree char *control = nullptr;
+    g_autofree char *uid = nullptr;
+    g_auto(GStrv) arguments = nullptr;
+    constexpr int noFd = INT_MIN;
+    int readyFd = noFd;
+    gboolean noBus = FALSE;
+    gboolean wantsHelp = FALSE;
+    gboolean wantsVersion = FALSE;
+    const GOptionEntry all[] = {
+        {"scenario", 0, 0, G_OPTION_ARG_FILENAME, &scenario, nullptr, nullptr},
+        {"control", 0, 0, G_OPTION_ARG_FILENAME, &control, nullptr, nullptr},
+        {"ready-fd", 0, 0, G_OPTION_ARG_INT, &readyFd, nullptr, nullptr},
+        {"uid", 0, 0, G_OPTION_ARG_FILENAME, &uid, nullptr, nullptr},
+        {"no-bus", 0, 0, G_OPTION_ARG_NONE, &noBus, nullptr, nullptr},
+        {"help", 'h', 0, G_OPTION_ARG_NONE, &wantsHelp, nullptr, nullptr},
+        {"version", 0, 0, G_OPTION_ARG_NONE, &wantsVersion, nullptr, nullptr},
+        {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &arguments, nullptr, nullptr},
+    };
+    std::vector<GOptionEntry> entries;
+    std::copy_if(std::begin(all), std::end(all), std::back_inserter(entries), [&](const GOptionEntry &entry) {
+        const std::string name = entry.long_name;
+        return name.empty() || name == "help" || name == "version" || allowed.count(name);
+    });
+    entries.push_back({});
+
+    const std::unique_ptr<GOptionContext, void (*)(GOptionContext *)> context(g_option_context_new(nullptr),
+                                                                              g_option_context_free);
+    g_option_context_set_help_enabled(context.get(), FALSE);
+    g_option_context_set_strict_posix(context.get(), TRUE);
+    g_option_context_add_main_entries(context.get(), entries.data(), nullptr);
+    g_autoptr(GStrvBuilder) builder = g_strv_builder_new();
+    g_strv_builder_add(builder, "authd-standin");
+    for (const std::string &word : words)
+        g_strv_builder_add(builder, word.c_str());
+    g_auto(GStrv) argv = g_strv_builder_end(builder);
+    g_autoptr(GError) error = nullptr;
+    if (!g_option_context_parse_strv(context.get(), &argv, &error))
+        throw UsageError(error->message);
+
     Options options;
-    while (!words.empty() && words.front().size() > 1 && words.front().front() == '-') {
-        const std::string word = words.front();
-        words.erase(words.begin());
-        if (word == "--")
-            break;
-        const size_t equals = word.find('=');
-        const std::string name = word.substr(0, equals);
-        if (!allowed.count(name))
-            throw UsageError("unknown option " + word);
-        if (name == "--no-bus") {
-            if (equals != std::string::npos)
-                throw UsageError("--no-bus takes no value");
-            options.noBus = true;
-            continue;
+    const auto take = [](const char *name, const char *value, std::string &place) {
+        if (value && !*value)
+            throw UsageError(std::string(name) + " wants a value");
+        if (value)
+            place = value;
+    };
+    take("--scenario", scenario, options.scenario);
+    take("--control", control, options.control);
+    take("--uid", uid, options.uid);
+    if (readyFd < 0 && readyFd != noFd)
+        throw UsageError("--ready-fd wants a number from 0");
+    options.readyFd = readyFd == noFd ? -1 : readyFd;
+    options.noBus = noBus;
+    options.help = wantsHelp;
+    options.version = wantsVersion;
+    for (char **argument = arguments; argument && *argument; ++argument)
+        options.arguments.emplace_back(*argument);
+    // GOption of GLib 2.74 takes no notice of the value in --no-bus=7.
+    for (auto word = words.begin(); word != words.end() - static_cast<ptrdiff_t>(options.arguments.size()); ++word) {
+        for (const std::string flag : {"--no-bus", "--help", "--version"}) {
+            if (g_str_has_prefix(word->c_str(), (flag + '=').c_str()))
+                throw UsageError(flag + " takes no value");
         }
-        std::string value;
-        if (equals != std::string::npos) {
-            value = word.substr(equals + 1);
-        } else if (!words.empty()) {
-            value = words.front();
-            words.erase(words.begin());
-        }
-        if (value.empty())
-            throw UsageError(name + " wants a value");
-        guint64 number = 0;
-        if (name == "--ready-fd" && !g_ascii_string_to_unsigned(value.c_str(), 10, 0, INT32_MAX, &number, nullptr))
-            throw UsageError(name + " wants a number");
-        if (name == "--scenario")
-            options.scenario = value;
-        else if (name == "--control")
-            options.control = value;
-        else if (name == "--ready-fd")
-            options.readyFd = static_cast<int>(number);
-        else
-            options.uid = value;
     }
-    options.arguments = words;
     return options;
 }
 
@@ -186,40 +221,56 @@ int runInWorld(const Options &options)
     return CannotServe;
 }
 
+int control(const Options &options)
+{
+    if (options.arguments.empty())
+        throw UsageError("ctl wants a request");
+    return runCtl(options.control, options.arguments);
+}
+
+int check(const Options &options)
+{
+    if (options.arguments.size() != 1)
+        throw UsageError("check wants a file, and no more");
+    Scenario::fromFile(options.arguments.front());
+    return Success;
+}
+
+int printScenario(const Options &options)
+{
+    if (!options.arguments.empty())
+        throw UsageError("scenario takes no arguments");
+    std::cout << Embedded::scenario;
+    return Success;
+}
+
+struct Command
+{
+    std::set<std::string> options;
+    int (*run)(const Options &options);
+};
+
 int run(const std::vector<std::string> &words)
 {
-    const bool named = !words.empty() && words.front().front() != '-';
-    const std::string command = named ? words.front() : "serve";
-    const std::vector<std::string> rest(words.begin() + (named ? 1 : 0), words.end());
-    if (!rest.empty() && (rest.front() == "--help" || rest.front() == "-h")) {
-        std::cout << help;
-        return Success;
-    }
-    if (!rest.empty() && rest.front() == "--version") {
+    static const std::map<std::string, Command> commands = {
+        {"run", {{"scenario", "uid", "no-bus"}, runInWorld}},
+        {"serve", {{"scenario", "control", "ready-fd"}, serve}},
+        {"ctl", {{"control"}, control}},
+        {"check", {{}, check}},
+        {"scenario", {{}, printScenario}},
+    };
+    const bool named = !words.empty() && !g_str_has_prefix(words.front().c_str(), "-");
+    const auto command = commands.find(named ? words.front() : "serve");
+    if (command == commands.end())
+        throw UsageError("unknown command " + words.front());
+    const Options options = readOptions({words.begin() + (named ? 1 : 0), words.end()}, command->second.options);
+    if (options.help)
+        std::cout << helpText;
+    else if (options.version)
         std::cout << "authd-standin " STANDIN_VERSION << std::endl;
-        return Success;
-    }
-    if (command == "serve")
-        return serve(readOptions(rest, {"--scenario", "--control", "--ready-fd"}));
-    if (command == "run")
-        return runInWorld(readOptions(rest, {"--scenario", "--uid", "--no-bus"}));
-    if (command == "ctl") {
-        const Options options = readOptions(rest, {"--control"});
-        if (options.arguments.empty())
-            throw UsageError("ctl wants a request");
-        return runCtl(options.control, options.arguments);
-    }
-    const Options options = readOptions(rest, {});
-    if (command == "check" && options.arguments.size() == 1) {
-        Scenario::fromFile(options.arguments.front());
-        return Success;
-    }
-    if (command == "scenario" && options.arguments.empty()) {
-        std::cout << Embedded::scenario;
-        return Success;
-    }
-    throw UsageError(command == "check" || command == "scenario" ? command + ": wrong number of arguments"
-                                                                 : "unknown command " + command);
+    else
+        return command->second.run(options);
+    return Success;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "report.h"
 #include "runner.h"
 
+#include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -20,30 +21,6 @@ enum ExitStatus {
     NotMade = 125,
 };
 
-const char help[] = R"(Usage: authd-hostcheck [OPTION]... [--] HOST [ARGUMENT]...
-
-Runs HOST, a screen or another host of libauth-client, through bad days: the
-daemon dies, restarts, goes mute, lies and is impersonated. Says for each day
-whether the host stayed up, or ended where the library ends it, and whether it
-claimed to be unlocked while the daemon was not.
-
-  --day NAME       plays this day alone (may be given several times)
-  --list           prints the days
-  --code CODE      a right code of the default factor (default: 1234)
-  --scenario FILE  the stand-in's users and factors (default: built in)
-  --jobs N         so many days side by side (default: number of processors);
-                   days that only wait come on top
-  --junit FILE     writes the results as JUnit XML, too
-  --logs DIR       keeps what the host and the stand-in wrote, a file a day
-  -h, --help, --version
-
-HOST tells what it claims, and takes codes, over the descriptor that the
-environment variable AUTHD_HOSTCHECK_FD names; see authd-hostcheck(1).
-
-Exit status: 0 no findings, 1 findings, 2 wrong usage, 125 the check could not
-be made.
-)";
-
 int refuse(const QString &problem, int status)
 {
     fprintf(stderr, "authd-hostcheck: %s\n", qPrintable(problem));
@@ -52,64 +29,85 @@ int refuse(const QString &problem, int status)
     return status;
 }
 
+/** What the command line asks for. */
 struct Options
 {
     Check check;
     QString junit;
-    QString problem;
+    QString problem; ///< why it cannot be done; empty if it can
 };
 
-Options readOptions(QStringList words)
+const char description[] = R"(
+Runs HOST, a screen or another host of libauth-client, through bad days: the
+daemon dies, restarts, goes mute, lies and is impersonated. Says for each day
+whether the host stayed up, or ended where the library ends it, and whether it
+claimed to be unlocked while the daemon was not.
+
+HOST tells what it claims, and takes codes, over the descriptor that the
+environment variable AUTHD_HOSTCHECK_FD names; see authd-hostcheck(1).
+
+Exit status: 0 no findings, 1 findings, 2 wrong usage, 125 the check could not
+be made.)";
+
+void addOptions(QCommandLineParser *parser)
+{
+    const auto add = [parser](const char *names, const char *value, const char *text) {
+        QCommandLineOption option(QString::fromLatin1(names).split(QLatin1Char(' ')), QLatin1String(text),
+                                  QLatin1String(value));
+        if (!*text)
+            option.setFlags(QCommandLineOption::HiddenFromHelp);
+        parser->addOption(option);
+    };
+    add("day", "name", "Plays this day alone (may be given several times).");
+    add("list", "", "Prints the days.");
+    add("code", "code", "A right code of the default factor (default: 1234).");
+    add("scenario", "file", "The stand-in's users and factors (default: built in).");
+    add("jobs", "n", "So many days side by side (default: number of processors); days that only wait come on top.");
+    add("junit", "file", "Writes the results as JUnit XML, too.");
+    add("logs", "directory", "Keeps what the host and the stand-in wrote, a file a day.");
+    add("h help", "", "Prints this.");
+    add("version", "", "Prints the version.");
+    // The program itself asks for this, in the world of the day: --inside DAY -- CODE HOST ARGUMENT...
+    add("inside", "day", "");
+    parser->addPositionalArgument(QStringLiteral("HOST"), QStringLiteral("The host's program."));
+    parser->addPositionalArgument(QStringLiteral("ARGUMENT..."), QStringLiteral("Its arguments."));
+    parser->setApplicationDescription(QLatin1String(description));
+    // The host's options are its own.
+    parser->setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+}
+
+Options readOptions(const QCommandLineParser &parser)
 {
     Options options;
     Check &check = options.check;
-    check.code = QStringLiteral("1234");
-    check.jobs = QThread::idealThreadCount();
     const auto fail = [&options](const QString &problem) {
         options.problem = problem;
         return options;
     };
-
-    while (!words.isEmpty() && words.first().startsWith(QLatin1Char('-'))) {
-        const QString word = words.takeFirst();
-        if (word == QLatin1String("--"))
-            break;
-        const int equals = word.indexOf(QLatin1Char('='));
-        const QString name = word.left(equals);
-        static const QStringList names = {QStringLiteral("--day"),  QStringLiteral("--code"),
-                                          QStringLiteral("--jobs"), QStringLiteral("--scenario"),
-                                          QStringLiteral("--logs"), QStringLiteral("--junit")};
-        if (!names.contains(name))
-            return fail(QStringLiteral("unknown option ") + word);
-        QString value;
-        if (equals >= 0)
-            value = word.mid(equals + 1);
-        else if (!words.isEmpty())
-            value = words.takeFirst();
-        if (value.isEmpty())
-            return fail(name + QStringLiteral(" wants a value"));
-
-        if (name == QLatin1String("--day")) {
-            const Day *day = findDay(value.toUtf8());
-            if (!day)
-                return fail(QStringLiteral("there is no day %1 (see --list)").arg(value));
-            check.days.push_back(day);
-        } else if (name == QLatin1String("--jobs")) {
-            bool isNumber = false;
-            check.jobs = value.toInt(&isNumber);
-            if (!isNumber || check.jobs < 1)
-                return fail(QStringLiteral("--jobs wants a number from 1"));
-        } else {
-            QString &place = name == QLatin1String("--code") ? check.code
-                : name == QLatin1String("--scenario")        ? check.scenario
-                : name == QLatin1String("--logs")            ? check.logs
-                                                             : options.junit;
-            place = value;
-        }
+    for (const char *name : {"day", "code", "scenario", "jobs", "junit", "logs"}) {
+        if (parser.values(QLatin1String(name)).contains(QString()))
+            return fail(QStringLiteral("--%1 wants a value").arg(QLatin1String(name)));
     }
-    if (words.isEmpty())
+    const QStringList days = parser.values(QStringLiteral("day"));
+    for (const QString &name : days) {
+        const Day *day = findDay(name.toUtf8());
+        if (!day)
+            return fail(QStringLiteral("there is no day %1 (see --list)").arg(name));
+        check.days.push_back(day);
+    }
+    const auto given = [&parser](const char *name, const QString &otherwise = QString()) {
+        return parser.isSet(QLatin1String(name)) ? parser.value(QLatin1String(name)) : otherwise;
+    };
+    check.jobs = given("jobs", QString::number(QThread::idealThreadCount())).toInt();
+    if (check.jobs < 1)
+        return fail(QStringLiteral("--jobs wants a number from 1"));
+    check.code = given("code", QStringLiteral("1234"));
+    check.scenario = given("scenario");
+    check.logs = given("logs");
+    options.junit = given("junit");
+    check.host = parser.positionalArguments();
+    if (check.host.isEmpty())
         return fail(QStringLiteral("no host given"));
-    check.host = words;
     if (check.days.empty()) {
         for (const Day &day : allDays())
             check.days.push_back(&day);
@@ -117,7 +115,7 @@ Options readOptions(QStringList words)
     return options;
 }
 
-// A host that cannot be there is no host's fault.
+// A host that cannot be started is no finding: the check is not made.
 QString hostProblem(const QString &host)
 {
     const QString program = host.contains(QLatin1Char('/')) ? host : QStandardPaths::findExecutable(host);
@@ -143,7 +141,7 @@ int check(Options options)
     if (check.world.isEmpty())
         return refuse(QStringLiteral("authd-world is neither in %1 nor in PATH").arg(beside), NotMade);
 
-    // Before what a signal may not leave behind.
+    // Made before the temporary directory, so that a signal that would end the process leaves no directory behind.
     const SignalsHeld held;
     const QTemporaryDir temporary;
     if (check.logs.isEmpty())
@@ -169,25 +167,25 @@ int check(Options options)
 
 int main(int argc, char **argv)
 {
-    QCoreApplication application(argc, argv);
-    const QStringList words = QCoreApplication::arguments().mid(1);
-    const QString first = words.value(0);
-    if (first == QLatin1String("--inside")) {
-        const Day *day = findDay(words.value(1).toUtf8());
-        return day ? playInside(*day, words.value(2), words.mid(3)) : int(WrongUsage);
+    const QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationVersion(QStringLiteral(HOSTCHECK_VERSION));
+    QCommandLineParser parser;
+    addOptions(&parser);
+    if (!parser.parse(QCoreApplication::arguments()))
+        return refuse(parser.errorText(), WrongUsage);
+    if (parser.isSet(QStringLiteral("inside"))) {
+        const Day *day = findDay(parser.value(QStringLiteral("inside")).toUtf8());
+        const QStringList words = parser.positionalArguments();
+        return day ? playInside(*day, words.value(0), words.mid(1)) : int(WrongUsage);
     }
-    if (first == QLatin1String("--help") || first == QLatin1String("-h")) {
-        fputs(help, stdout);
-        return AllPassed;
-    }
-    if (first == QLatin1String("--version")) {
-        puts("authd-hostcheck " HOSTCHECK_VERSION);
-        return AllPassed;
-    }
-    if (first == QLatin1String("--list")) {
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp(AllPassed);
+    if (parser.isSet(QStringLiteral("version")))
+        parser.showVersion();
+    if (parser.isSet(QStringLiteral("list"))) {
         listDays();
         return AllPassed;
     }
-    const Options options = readOptions(words);
+    const Options options = readOptions(parser);
     return options.problem.isEmpty() ? check(options) : refuse(options.problem, WrongUsage);
 }

@@ -21,7 +21,7 @@
 
 namespace {
 
-// By the days' pace. An unanswered call holds a host up for 25 seconds.
+// By Day::pace. An unanswered call holds a host up for 25 seconds.
 const Patience patiences[] = {{30000, 2000, 30000}, {30000, 2000, 60000}, {60000, 27000, 110000}};
 // Hosts that wait take no processor, except to start.
 const int MostWaiting = 12;
@@ -60,7 +60,7 @@ sigset_t endingSignals()
 class World : public QProcess
 {
 protected:
-    // Else it would start with the signals held.
+    // Else the world would start with the signals held that SignalsHeld holds here.
     void setupChildProcess() override
     {
         sigset_t none;
@@ -122,7 +122,7 @@ private:
         if (!m_check.scenario.isEmpty())
             arguments.append({QStringLiteral("--scenario"), m_check.scenario});
         arguments.append({QStringLiteral("--"), QCoreApplication::applicationFilePath(), QStringLiteral("--inside"),
-                          QString::fromUtf8(day->name), m_check.code});
+                          QString::fromUtf8(day->name), QStringLiteral("--"), m_check.code});
         arguments.append(m_check.host);
 
         auto *world = new World;
@@ -136,7 +136,7 @@ private:
             world->deleteLater();
             m_worlds.remove(world);
             m_runningWaiting -= day->pace != Day::Quick;
-            // Ctrl-C reaches the worlds, too: how they ended says nothing then.
+            // Ctrl-C reaches the worlds, too: how the worlds ended says nothing about the host then.
             if (!m_held.isAnyWaiting()) {
                 m_tell({day, outcomeOf(*world), seconds});
                 startMore();

@@ -742,14 +742,15 @@ void TestHostCheck::wrongUsage_data()
     };
     wrong("nothing", {}, "no host given");
     wrong("no host", {QStringLiteral("--jobs"), QStringLiteral("2"), QStringLiteral("--")}, "no host given");
-    wrong("unknown option", {QStringLiteral("--fast"), rightHost}, "unknown option --fast");
+    wrong("unknown option", {QStringLiteral("--fast"), rightHost}, "Unknown option 'fast'\\.");
     wrong("unknown day", {QStringLiteral("--day"), QStringLiteral("sunday"), rightHost},
           "there is no day sunday \\(see --list\\)");
-    wrong("no value", {QStringLiteral("--junit")}, "--junit wants a value");
+    wrong("no value", {QStringLiteral("--junit")}, "Missing value after '--junit'\\.");
+    wrong("empty value", {QStringLiteral("--junit="), rightHost}, "--junit wants a value");
     wrong("no jobs", {QStringLiteral("--jobs"), QStringLiteral("0"), rightHost}, "--jobs wants a number from 1");
     wrong("odd jobs", {QStringLiteral("--jobs=many"), rightHost}, "--jobs wants a number from 1");
-    QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0 << QStringLiteral("^Usage: authd-hostcheck ")
-                          << QStringLiteral("^$");
+    QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0
+                          << QStringLiteral("^Usage: \\S*authd-hostcheck \\[options\\] HOST ") << QStringLiteral("^$");
     QTest::newRow("version") << QStringList{QStringLiteral("--version")} << 0
                              << QStringLiteral("^authd-hostcheck [0-9]+\\.[0-9]+\\.[0-9]+\n$") << QStringLiteral("^$");
     QTest::newRow("junit nowhere") << QStringList{QStringLiteral("--junit"), QStringLiteral("/nowhere/a.xml"),
