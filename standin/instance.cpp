@@ -13,7 +13,7 @@ const char serviceName[] = "vantora.AuthService";
 
 /** How long the main loop waits until the system bus, which may be frozen, has taken what it is sent. */
 constexpr std::chrono::seconds busPatience(2);
-/** The same until it has answered: what goes without an answer goes without the bus, and a busy machine's is late. */
+/** The same until the bus has answered: without its answer the stand-in serves the socket alone, and busy ones are late. */
 constexpr std::chrono::seconds answerPatience(15);
 
 void releaseBus(GDBusConnection *connection)
@@ -22,7 +22,7 @@ void releaseBus(GDBusConnection *connection)
         g_object_unref(connection);
 }
 
-/** What @p function gives if that is in time; nothing else can end the blocking calls of a bus connection. */
+/** What @p function gives if it ends in time. `GDBusConnection` of GLib 2.74 blocks for good on a bus that is frozen. */
 template <typename Function> auto inTime(std::chrono::seconds patience, Function function)
 {
     using Result = decltype(function());
@@ -40,7 +40,7 @@ struct Arrival
     Message message;
 };
 
-/** Ids are never used again, so that one id is one connection in the life of the program. */
+/** Ids are never used again, so that in the life of the program an id means one connection. */
 int nextPeer()
 {
     static int last = 0;
@@ -152,7 +152,7 @@ void Instance::dropPeer(int id)
     const std::shared_ptr<Peer> peer = found->second;
     m_peers.erase(found);
     peer->close();
-    // It may be its own message that ends it.
+    // The connection may be dropped by the handler of a message of its own, which goes on using the peer.
     after(0, [peer] {});
     m_handlers.onPeerClosed(id);
 }

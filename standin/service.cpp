@@ -203,7 +203,7 @@ std::shared_ptr<Instance> Service::findInstance(int number) const
 
 void Service::end(const std::shared_ptr<Instance> &instance)
 {
-    // What it refers to is reset below.
+    // The parameter may refer to the member that is reset below.
     const std::shared_ptr<Instance> ended = instance; // NOLINT(performance-unnecessary-copy-initialization)
     if (m_current == ended)
         m_current.reset();
@@ -211,7 +211,7 @@ void Service::end(const std::shared_ptr<Instance> &instance)
         m_old.erase(std::remove(m_old.begin(), m_old.end(), ended), m_old.end());
     ended->close();
     m_world.forgetInstance(ended->number());
-    // It may be one of its own calls that ends it.
+    // The instance may be ended by the handler of a call of its own, which goes on using the instance.
     after(0, [ended] {});
 }
 
@@ -390,7 +390,7 @@ void Service::sendSignals(const Signals &signals, const std::shared_ptr<Instance
 {
     for (const Signal &signal : signals) {
         const Object *object = objectWithSignal(signal.name);
-        // What concerns everybody is told by the present instance, whichever has taken the call.
+        // Signals to everybody are sent by the present instance, whichever instance has taken the call.
         const std::shared_ptr<Instance> sender = signal.audience == Signal::Caller ? instance : m_current;
         if (sender)
             emitSignal(object->bus, object->path, object->interface->name, signal.name, signal.arguments,

@@ -106,7 +106,7 @@ void Stream::close()
 
 gboolean Stream::onReadable(int, GIOCondition, gpointer self)
 {
-    // A handler may let go of the stream.
+    // A handler may give up the last reference to the stream.
     const std::shared_ptr<Stream> stream = static_cast<Stream *>(self)->shared_from_this();
     stream->read();
     return G_SOURCE_CONTINUE;
@@ -214,7 +214,7 @@ bool Listener::isAlive(const std::string &path)
 {
     const sockaddr_un address = addressOf(path);
     const int fd = newSocket();
-    // EAGAIN: somebody listens, who is slow to accept.
+    // EAGAIN: the socket's owner listens, but is slow to accept.
     const bool alive =
         connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
     ::close(fd);

@@ -8,7 +8,7 @@
 
 namespace {
 
-// The bus' own limits; who receives more closes the connection.
+// The limits of dbus-daemon; a receiver of more closes the connection.
 constexpr int deepestArrays = 32;
 constexpr int deepestStructures = 32;
 constexpr int deepestMessage = 64;
@@ -97,7 +97,7 @@ Variant parse(const GVariantType *type, const std::string &text, const std::stri
     GVariant *value = g_variant_parse(type, text.c_str(), nullptr, nullptr, &error);
     if (!value)
         throw std::invalid_argument("expected " + expected + " in GVariant text format (" + error->message + ")");
-    // The parser gives a full reference, unlike the constructors.
+    // `g_variant_parse` of GLib gives a full reference, unlike the constructors, which give a floating one.
     return Variant(value, g_variant_unref);
 }
 

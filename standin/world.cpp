@@ -135,7 +135,7 @@ std::optional<uint32_t> userIdOf(GVariant *value)
     default:
         break;
     }
-    // Not a number is not in the range either.
+    // NaN compares false, so it is not in the range either.
     if (!(number >= 0 && number <= UINT32_MAX) || number != std::floor(number))
         return std::nullopt;
     return static_cast<uint32_t>(number);
@@ -504,7 +504,7 @@ bool World::isChallengeGood(const Caller &caller, GVariant *params) const
     return challenge && expected != m_challenges.end() && bytesOf(challenge) == expected->second;
 }
 
-/** Whether there are such a factor and the user that @p params name. */
+/** Whether there are such a factor and the user that @p params name, whose id is given in @p uid. */
 bool World::findSubject(const char *factor, GVariant *params, uint32_t &uid) const
 {
     uid = m_scenario.defaultUser;

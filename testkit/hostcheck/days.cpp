@@ -34,15 +34,15 @@ Action goesAt(const QByteArray &method, int nth, const QByteArray &how)
 {
     return [=](Play &play) {
         misbehaveAt(play, method, nth, how);
-        // A client that is being made ends the process when the socket goes. Only then it asks for the state, and to be
-        // introspected; a host may claim something before.
+        // A client that is being made ends the process when the socket goes, and only while it is being made it calls
+        // GetState and Introspect. A host may make a claim before it makes its client.
         play.mayEnd(
             [&play, method, nth] { return (!play.isUp() || !isPeerCall(method)) && play.wasCalled(method, nth); });
         play.start();
         play.reach(method, nth);
         if (how == "crash")
             play.daemon(R"({"do":"start"})");
-        // What was closed stays closed until the daemon comes anew.
+        // A host whose connection was closed connects again only when the daemon comes anew.
         if (how == "drop")
             play.daemon(R"({"do":"restart"})");
         play.usable();
@@ -162,7 +162,7 @@ Action returns(const QByteArray &without)
             play.daemon(R"({"do":"start"})");
         }
         play.awaitEnd();
-        // Only a host that has ended needs no more.
+        // The day of a host that has ended is over; every other host has to be usable.
         play.daemon(R"({"do":"accept","how":"normal"})");
         play.daemon(R"({"do":"restart"})");
     };
@@ -260,7 +260,7 @@ void otherPlaces(Play &play)
 void busDies(Play &play)
 {
     play.startIdle();
-    // It cannot reach the bus again: what supervises it may have to.
+    // The host cannot connect to the bus again: its supervisor may have to start it anew.
     play.mayEnd();
     play.killBus();
     play.enter(play.rightCode());
@@ -368,7 +368,7 @@ std::vector<Day> makeDays()
                 {"number", "(1,)"},
                 {"variant", "(<[byte 0x01]>,)"},
                 {"empty", "()"}});
-    // A challenge is kept until the daemon leaves the bus: one that is refused, and one of a former instance, too.
+    // A host keeps its challenge until the daemon leaves the bus, also a challenge that is refused or a former instance's.
     const Action restarts = asks(restart);
     add("stale-RequestChallenge", "gives a challenge that it does not take; restarts later",
         answersAt("RequestChallenge", "([byte 0x01],)", restarts));
@@ -491,7 +491,7 @@ std::vector<Day> makeDays()
     add("locked-again-at-once", "locks right after the unlocking", lockedAgainAtOnce);
     add("locks-during-attempt", "locks, and drops the token, while the token is being used",
         during("SetDevlockState", [](Play &play) {
-            // A token ends when the state becomes Locked, which it is already.
+            // Tokens end when the state becomes Locked, and the state is Locked already.
             play.setLock(ManagerLockout);
             play.setLock(Locked);
         }));

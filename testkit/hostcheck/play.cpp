@@ -27,7 +27,7 @@ const int Alone = 65000;
 const int EntryPause = 2000;
 const int Tick = 20;
 
-[[noreturn]] void fail(const QString &what)
+[[noreturn]] void throwFinding(const QString &what)
 {
     throw Outcome{Outcome::Failed, what};
 }
@@ -94,7 +94,7 @@ Play::Play(const QList<QByteArray> &host, const QByteArray &code, const Patience
 {
     m_daemon.setPatience(30000);
     m_clock.start();
-    // What the host leaves behind comes here.
+    // The processes that the host leaves behind become children of this one.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     sigset_t children;
     sigemptyset(&children);
@@ -169,7 +169,7 @@ void Play::start()
     m_isUp = false;
     m_hasEnded = false;
     m_isEnding = false;
-    // What was true before it was there, it cannot mean.
+    // The host's claims are about what is true from its start on, not about what was true before.
     observe();
     m_seen = m_truth.size() - 1;
     m_pid = spawn(m_host, ends[1]);
@@ -183,7 +183,7 @@ void Play::start()
 void Play::startIdle()
 {
     start();
-    // Some hosts connect only when there is something to ask.
+    // Some hosts connect to the daemon only when they have something to ask it.
     until([this] { return m_peers > 0; }, Grace);
     quiet();
     m_peersAtStart = m_peers;
@@ -193,10 +193,10 @@ void Play::enter(const QByteArray &code)
 {
     say("enter " + code);
     const QByteArray line = "enter " + code + '\n';
-    // That the host has ended is seen elsewhere.
+    // A host that has ended takes nothing; reap() is where its end is noticed.
     const ssize_t sent = send(m_probe, line.constData(), size_t(line.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0 && sent != line.size())
-        fail(QStringLiteral("did not read from the probe"));
+        throwFinding(QStringLiteral("did not read from the probe"));
 }
 
 QByteArray Play::wrongCode() const
@@ -244,11 +244,11 @@ bool Play::wasCalled(const QByteArray &method, int nth)
 void Play::reach(const QByteArray &method, int nth)
 {
     const auto reached = [&] { return wasCalled(method, nth); };
-    // What will hold the host up has not come yet.
+    // The rule of the day has not held the host up yet, so a code that has had no effect may be entered again soon.
     if (!reached()
         && !enterUntil(
             m_code, [&] { return reached() || isUnlocked(); }, EntryPause))
-        fail(QStringLiteral("the right code had no effect within %1").arg(seconds(m_patience.code)));
+        throwFinding(QStringLiteral("the right code had no effect within %1").arg(seconds(m_patience.code)));
     if (!reached())
         throw Outcome{Outcome::NotReached, QStringLiteral("the host made no such call")};
 }
@@ -260,7 +260,7 @@ bool Play::isUnlocked() const
 
 void Play::awaitLocked()
 {
-    // It is checkClaim() that loses its patience.
+    // Before this time is over checkClaim() throws: a host may keep its claim for no longer than Grace.
     until([this] { return !m_claimsUnlocked; }, qint64(2) * Grace);
 }
 
@@ -287,9 +287,10 @@ void Play::unlock()
 
 void Play::failToUnlock()
 {
-    fail(isDaemonUnlocked()
-             ? QStringLiteral("did not tell within %1 that the right code had unlocked").arg(seconds(m_patience.code))
-             : QStringLiteral("the right code did not unlock within %1").arg(seconds(m_patience.code)));
+    throwFinding(
+        isDaemonUnlocked()
+            ? QStringLiteral("did not tell within %1 that the right code had unlocked").arg(seconds(m_patience.code))
+            : QStringLiteral("the right code did not unlock within %1").arg(seconds(m_patience.code)));
 }
 
 void Play::lock()
@@ -304,7 +305,7 @@ void Play::usable()
     daemon(R"({"do":"release"})");
     awaitConnections();
     lock();
-    // Until the code is on its way the daemon is Locked: what the host has left to say before is judged by that.
+    // The code is held until the host has taken back what it still claimed from before: the daemon is Locked meanwhile.
     misbehave("Authenticate", "hold");
     const int calls = callCount("Authenticate");
     if (!enterUntil(m_code, [&] { return wasCalled("Authenticate", calls + 1); }))
@@ -325,9 +326,9 @@ void Play::end()
     const bool asAsked = WIFSIGNALED(m_status) ? WTERMSIG(m_status) == SIGTERM
                                                : WEXITSTATUS(m_status) == 0 || WEXITSTATUS(m_status) == 128 + SIGTERM;
     if (!asAsked)
-        fail(endText(m_status) + QStringLiteral(" when asked to end"));
+        throwFinding(endText(m_status) + QStringLiteral(" when asked to end"));
     awaitNoChildren();
-    // What it has claimed ends with it.
+    // A process that has ended claims nothing.
     m_claimsUnlocked = false;
     m_input.clear();
     if (m_probe >= 0)
@@ -349,10 +350,10 @@ Outcome Play::judgeEnd(const HostEnded &end)
     m_isEnding = true;
     observe();
     if (m_claimsUnlocked && !isDaemonUnlocked())
-        fail(endText(end.status) + QStringLiteral(" while it claimed to be unlocked and the daemon was ")
-             + daemonState());
+        throwFinding(endText(end.status) + QStringLiteral(" while it claimed to be unlocked and the daemon was ")
+                     + daemonState());
     if (!WIFEXITED(end.status) || WEXITSTATUS(end.status) != 1 || !m_mayEnd())
-        fail(endText(end.status) + (m_isUp ? QString() : QStringLiteral(" before it was up")));
+        throwFinding(endText(end.status) + (m_isUp ? QString() : QStringLiteral(" before it was up")));
     awaitNoChildren();
     return {Outcome::Passed, endText(end.status)};
 }
@@ -382,7 +383,7 @@ QString Play::daemonState() const
 void Play::await(const std::function<bool()> &condition, int milliseconds, const QString &finding)
 {
     if (!until(condition, milliseconds))
-        fail(finding);
+        throwFinding(finding);
 }
 
 bool Play::until(const std::function<bool()> &condition, qint64 milliseconds)
@@ -403,10 +404,10 @@ void Play::turn(int milliseconds)
 {
     pollfd sources[] = {{m_probe, POLLIN, 0}, {m_signals, POLLIN, 0}, {STDIN_FILENO, 0, 0}};
     poll(sources, std::size(sources), milliseconds);
-    // The other end is the check outside of this world.
+    // Standard input is a pipe from the authd-hostcheck outside of this world, which has ended when the pipe is closed.
     if (sources[2].revents & (POLLHUP | POLLERR))
         throw Outcome{Outcome::NotMade, QStringLiteral("the check was broken off")};
-    // Before what is read: a host has said everything when it has ended.
+    // The host's end is looked for before its lines are read: then what has been read is all that it has said.
     if (sources[1].revents)
         reap();
     if (m_probe >= 0)
@@ -462,10 +463,10 @@ void Play::hear(const QByteArray &line)
         return;
     }
     if (line != "unlocked")
-        fail(QStringLiteral("told neither locked nor unlocked, but \"%1\"").arg(QString::fromUtf8(line)));
+        throwFinding(QStringLiteral("told neither locked nor unlocked, but \"%1\"").arg(QString::fromUtf8(line)));
     m_claimsUnlocked = true;
-    // The host may be late. It speaks of the first time that the daemon was Unlocked, of those that it has not yet left
-    // behind and that have not ended too long ago.
+    // The host may be late. Its claim is about one of the times in which the daemon was Unlocked: the first one that no
+    // earlier claim was later than, and that is not over for longer than Grace.
     for (int i = m_seen; i < m_truth.size(); ++i) {
         const bool isOver = i + 1 < m_truth.size();
         if (m_truth.at(i).isUnlocked && (!isOver || m_clock.elapsed() - m_truth.at(i + 1).since <= Grace)) {
@@ -473,20 +474,21 @@ void Play::hear(const QByteArray &line)
             return;
         }
     }
-    fail(QStringLiteral("claimed to be unlocked while the daemon was ") + daemonState());
+    throwFinding(QStringLiteral("claimed to be unlocked while the daemon was ") + daemonState());
 }
 
 void Play::checkClaim()
 {
     if (m_claimsUnlocked && !isDaemonUnlocked() && m_clock.elapsed() - m_truth.last().since > Grace) {
-        fail(QStringLiteral("still claimed to be unlocked after the daemon had been %1 for %2")
-                 .arg(daemonState(), seconds(Grace)));
+        throwFinding(QStringLiteral("still claimed to be unlocked after the daemon had been %1 for %2")
+                         .arg(daemonState(), seconds(Grace)));
     }
 }
 
 void Play::awaitConnections()
 {
-    // How many it needs is not known, and it may be one that tells nobody: what it can do is found out anyway.
+    // How many connections the host needs is not known; where it does not come back to as many as it had after its start,
+    // the next code shows whether it can be used.
     until([this] { return m_peers >= m_peersAtStart; }, Grace);
 }
 

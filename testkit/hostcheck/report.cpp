@@ -69,7 +69,7 @@ int Report::count(Outcome::Verdict verdict) const
 
 void Report::finish()
 {
-    // They have come in the order in which they ended.
+    // The results have come in the order in which the days ended.
     std::sort(m_results.begin(), m_results.end(), [this](const Result &left, const Result &right) {
         const auto at = [this](const Day *day) { return std::find(m_check.days.begin(), m_check.days.end(), day); };
         return at(left.day) < at(right.day);
