@@ -89,7 +89,7 @@ void handleEnd(int)
     _exit(signalStatus);
 }
 
-// The toolkit has threads of its own, which signals may come to, and the question is no matter for two at a time.
+// Qt D-Bus has threads of its own, which signals may come to, and the question is no matter for two threads at a time.
 bool passOn(int number)
 {
     return !pthread_equal(pthread_self(), asker) && pthread_kill(asker, number) == 0;

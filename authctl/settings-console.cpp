@@ -65,7 +65,7 @@ private:
 /** Whether a warning is about a call that was not answered; it may have been heeded all the same. */
 bool isUnanswered(const QString &words)
 {
-    // What the bus and the toolkit say, in no language but this.
+    // What libdbus and `QDBusConnection` of Qt 5.15 say; neither has translations of it.
     return words.contains(QLatin1String("Did not receive a reply"))
         || words.contains(QLatin1String("Not connected to D-Bus server"));
 }
