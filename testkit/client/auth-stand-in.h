@@ -8,23 +8,22 @@
 #include <functional>
 
 /**
- * Scripts the stand-in daemon of this world (authd-standin) over its control socket, for tests of screens and other hosts.
+ * Scripts the stand-in daemon authd-standin over its control socket, for tests of screens and other hosts.
  *
- * Every function is one request to the control socket, or a few. It returns when the daemon has sent what follows from it,
- * and blocks until then without turning the event loop: the host under test sees the effects afterwards, from its event
- * loop, in the order in which the functions were called. waitForCalls() alone turns the event loop while it waits.
+ * Every function is one request to the control socket, or a few. It returns when the daemon has sent what follows from
+ * the request, and blocks until then without turning the event loop: the host under test sees the effects afterwards,
+ * from its event loop, in the order in which the functions were called. waitForCalls() alone turns it while it waits.
  *
- * **Failures.** A request that the stand-in refuses, a world without a stand-in, one that ends before it has answered, and
- * an answer that does not come within 10 seconds (setPatience()) are told to the ErrorHandler, before the function returns:
- * false, an empty object or list, or what else its description says. A function that makes several requests ends with the
- * first that fails.
+ * **Failures.** A request that the stand-in refuses, a world without a stand-in, one that ends before it has answered,
+ * and an answer that does not come within 10 seconds (setPatience()) are told to the ErrorHandler. Then the function
+ * returns false, or an empty object or list. One that makes several requests ends with the first that fails.
  *
- * Any number of objects script the same daemon. There is a connection for each request: an object that is not used does
- * not connect, one that has failed can be used again at once, and a late answer is never taken for that to another request.
+ * Any number of objects script the same daemon. Each request has a connection of its own: an object that is not used
+ * does not connect, one that has failed can be used again at once, and no late answer is taken for another one.
  *
  * Values that travel on the bus are texts in GVariant notation, always a tuple: "(true,)", "(1,)",
- * "('code', {'uid': <uint32 1000>})", "()". Options are JSON values, as setOption() describes. Numbers are double, as those
- * of JSON and QML are: one that is no whole number, or out of bounds, is refused by the stand-in and not rounded here.
+ * "('code', {'uid': <uint32 1000>})", "()". Options are JSON values, as setOption() describes. Numbers are double, as
+ * in JSON and QML: the stand-in refuses one that is no whole number or out of bounds, nothing is rounded here.
  */
 class AuthStandIn : public QObject
 {
@@ -55,8 +54,8 @@ public:
     /**
      * Sends several requests at once, which is faster than one by one.
      *
-     * @return the answers in the order of the requests, among them those that say "ok": false, which are not told to the
-     *         error handler; none when not all are answered
+     * @return the answers in the order of the requests; none when not all are answered. Those that say "ok": false are
+     *         not told to the error handler
      */
     QVector<QJsonObject> requests(const QVector<QByteArray> &texts);
 
@@ -140,13 +139,13 @@ public:
      */
     Q_INVOKABLE QJsonArray calls(const QString &method = QString());
     /**
-     * Waits until @p count calls of @p method are in the log. The event loop turns meanwhile, and may delete this object.
+     * Waits until @p count calls of @p method are in the log. The event loop turns meanwhile, and may delete it.
      *
-     * @param timeout how long to wait, in milliseconds; that it is over is a failure
+     * @param timeout how long to wait, in milliseconds; calls that have not come by then are a failure
      * @return these calls, as calls() gives them
      */
     Q_INVOKABLE QJsonArray waitForCalls(const QString &method, double count = 1, double timeout = 5000);
-    /** The same while the event loop stands, for calls of other processes and for those that are on their way already. */
+    /** The same while the event loop stands: for calls of other processes, and for those that are on their way. */
     QJsonArray waitCalls(const QString &method, double count = 1, double timeout = 5000);
     /** Empties the log. */
     Q_INVOKABLE bool clearCalls();
@@ -167,13 +166,13 @@ public:
     static QByteArray quoted(const QString &text);
 
 protected:
-    /** What the next request's failure is told to; it is asked for before the request, and may outlive this object. */
+    /** What the next failure is told to: asked for before each request, and used even if this object goes meanwhile. */
     virtual ErrorHandler errorHandler() const;
     /**
      * Called by reset() before and after the daemon's restart.
      *
-     * In a process that keeps its connection to the system bus from one test to the next, as all with Qt D-Bus do, a round
-     * trip to the bus here keeps the news of the restart from clients that are made later. The default does nothing.
+     * A process with Qt D-Bus keeps its connection to the system bus from one test to the next. A round trip to the bus
+     * here keeps the news of the restart from clients that are made later. The default does nothing.
      */
     virtual void settleBus();
 

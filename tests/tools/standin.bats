@@ -439,15 +439,15 @@ asked() # PATTERN REQUEST…: the answers, without quotes, match
 }
 
 @test "control requests for options that are wrong are refused" {
-    for request in '"do":"set-option","value":true' '"do":"remove-option"'; do
+    for wrong in '"do":"set-option","value":true' '"do":"remove-option"'; do
         asked '^(.ok:false,error:key: missing. ){2}.ok:false,error:key: expected a text that is not empty. '\
 '.ok:false,error:uid: missing. .ok:false,error:uid: there is no user 7. .ok:false,error:factor: there is no factor \\nose\\. '\
 '.ok:false,error:name: missing. .ok:false,error:name: expected a text that is not empty. .ok:false,error:name: unknown member. '\
-'.ok:false,error:key: unknown member. $' "{$request}" "{$request,\"uid\":1000}" "{$request,\"key\":\"\"}" \
-            "{$request,\"factor\":\"code\",\"name\":\"x\"}" "{$request,\"uid\":7,\"key\":\"x\"}" \
-            "{$request,\"uid\":1000,\"factor\":\"nose\",\"name\":\"x\"}" "{$request,\"uid\":1000,\"factor\":\"code\",\"key\":\"x\"}" \
-            "{$request,\"uid\":1000,\"factor\":\"code\",\"name\":\"\"}" "{$request,\"uid\":1000,\"key\":\"worker/show-last-login\",\"name\":\"x\"}" \
-            "{$request,\"uid\":1000,\"factor\":\"code\",\"key\":\"x\",\"name\":\"length\"}"
+'.ok:false,error:key: unknown member. $' "{$wrong}" "{$wrong,\"uid\":1000}" "{$wrong,\"key\":\"\"}" \
+            "{$wrong,\"factor\":\"code\",\"name\":\"x\"}" "{$wrong,\"uid\":7,\"key\":\"x\"}" \
+            "{$wrong,\"uid\":1000,\"factor\":\"nose\",\"name\":\"x\"}" "{$wrong,\"uid\":1000,\"factor\":\"code\",\"key\":\"x\"}" \
+            "{$wrong,\"uid\":1000,\"factor\":\"code\",\"name\":\"\"}" "{$wrong,\"uid\":1000,\"key\":\"worker/show-last-login\",\"name\":\"x\"}" \
+            "{$wrong,\"uid\":1000,\"factor\":\"code\",\"key\":\"x\",\"name\":\"length\"}"
     done
     asked '^.ok:false,error:value: missing. .ok:false,error:value: expected true, .*error:value\[0\]: expected a text. .*error:value.type: '\
 'expected one D-Bus type.*error:announce: expected true.*error:there is no option \\x\\. .*error:uid: missing. .*error:x: unknown member. $' \
