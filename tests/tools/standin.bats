@@ -1,7 +1,7 @@
 # Tests the stand-in, in worlds that the cases make.
 # shellcheck disable=SC2016
 
-load tools
+load tools.sh
 
 S=$(command -v authd-standin) C=$(command -v standin-client) W=$(command -v authd-world) dir=$BATS_TEST_TMPDIR
 export S C W dir SOCKET=/var/run/authd/authd.socket CONTROL=/run/authd/standin.socket
