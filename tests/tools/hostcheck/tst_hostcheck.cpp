@@ -14,6 +14,17 @@
 
 namespace {
 
+QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, int(size));
+}
+
+/** The words of a text. */
+QStringList operator""_words(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, int(size)).split(QLatin1Char(' '));
+}
+
 const QString program = QStringLiteral(HOSTCHECK);
 const QString rightHost = QStringLiteral(SAMPLE_HOST);
 const QString wrongHost = QStringLiteral(WRONG_HOST);
@@ -45,7 +56,7 @@ public:
         : m_ignored(ignored)
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("TMPDIR"), temporary);
+        environment.insert("TMPDIR"_s, temporary);
         setProcessEnvironment(environment);
         start(QStringLiteral(HOSTCHECK), arguments);
         waitForStarted();
@@ -54,10 +65,10 @@ public:
     /** The processes of this check, or those alone that have the variable as well. */
     int count(const QByteArray &variable = "TMPDIR") const
     {
-        const QString wanted = QStringLiteral("TMPDIR=") + processEnvironment().value(QStringLiteral("TMPDIR"));
+        const QString wanted = "TMPDIR="_s + processEnvironment().value("TMPDIR"_s);
         int count = 0;
-        for (const QString &process : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-            QFile file(QStringLiteral("/proc/%1/environ").arg(process));
+        for (const QString &process : QDir("/proc"_s).entryList(QDir::Dirs)) {
+            QFile file("/proc/%1/environ"_s.arg(process));
             if (!file.open(QIODevice::ReadOnly))
                 continue;
             const QList<QByteArray> environment = file.readAll().split('\0');
@@ -95,14 +106,14 @@ QStringList days(const QStringList &names)
 {
     QStringList options;
     for (const QString &name : names)
-        options << QStringLiteral("--day") << name;
+        options << "--day"_s << name;
     return options;
 }
 
 QStringList allDays()
 {
     QStringList names;
-    const QStringList lines = run({QStringLiteral("--list")}).output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    const QStringList lines = run({"--list"_s}).output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     for (const QString &line : lines)
         names << line.section(QLatin1Char(' '), 0, 0);
     return names;
@@ -113,15 +124,14 @@ QStringList affordableDays()
 {
     if (qEnvironmentVariable("AUTH_TEST_RUNNER").isEmpty())
         return QStringList();
-    return days({QStringLiteral("ordinary"), QStringLiteral("crash-Authenticate"), QStringLiteral("restart-with-token"),
-                 QStringLiteral("error-SetDevlockState"), QStringLiteral("returns-without-socket"),
-                 QStringLiteral("start-without-bus"), QStringLiteral("announces-6"), QStringLiteral("spoof-token")});
+    return days("ordinary crash-Authenticate restart-with-token error-SetDevlockState returns-without-socket "
+                "start-without-bus announces-6 spoof-token"_words);
 }
 
 // The rows of the table with this verdict, sorted: the day and what happened.
 QStringList rows(const QString &output, const char *verdict)
 {
-    const QRegularExpression row(QStringLiteral("^(\\S+) +%1 +[0-9.]+ s  (.*)$").arg(QLatin1String(verdict)),
+    const QRegularExpression row("^(\\S+) +%1 +[0-9.]+ s  (.*)$"_s.arg(QLatin1String(verdict)),
                                  QRegularExpression::MultilineOption);
     QStringList result;
     for (auto i = row.globalMatch(output); i.hasNext();) {
@@ -130,7 +140,7 @@ QStringList rows(const QString &output, const char *verdict)
         // A daemon that has crashed is there again at once: a claim meets the one or the other.
         if (match.captured(1).startsWith(QLatin1String("crash-")))
             happened.replace(QLatin1String("the daemon was Locked"), QLatin1String("the daemon was away"));
-        result << match.captured(1) + QStringLiteral(": ") + happened;
+        result << match.captured(1) + ": "_s + happened;
     }
     result.sort();
     return result;
@@ -141,9 +151,9 @@ QString difference(const QStringList &actual, const QStringList &expected)
 {
     QString result;
     for (const QString &row : actual)
-        result += expected.contains(row) ? QString() : QStringLiteral("unexpected: %1\n").arg(row);
+        result += expected.contains(row) ? QString() : "unexpected: %1\n"_s.arg(row);
     for (const QString &row : expected)
-        result += actual.contains(row) ? QString() : QStringLiteral("missing: %1\n").arg(row);
+        result += actual.contains(row) ? QString() : "missing: %1\n"_s.arg(row);
     return result;
 }
 
@@ -152,14 +162,36 @@ QString sums(const QString &output)
     return output.trimmed().section(QLatin1Char('\n'), -1);
 }
 
-// The toolkit cuts long messages off: what matters comes first.
+// QTestLog of Qt 5.15 cuts long messages off: what matters comes first.
 QString described(const Run &run)
 {
     const QStringList findings = rows(run.output, "FAILED") + rows(run.output, "NOT MADE");
-    return QStringLiteral("%1\n%2\n%3%4").arg(run.status).arg(findings.join(QLatin1Char('\n')), run.errors, run.output);
+    return "%1\n%2\n%3%4"_s.arg(run.status).arg(findings.join(QLatin1Char('\n')), run.errors, run.output);
 }
 
-struct TestCase
+/** Each name with what happened on that day. */
+QStringList on(const QStringList &names, const QString &happened)
+{
+    QStringList result;
+    for (const QString &name : names)
+        result << name + ": "_s + happened;
+    return result;
+}
+
+const QString openWhenLocked = "claimed to be unlocked while the daemon was Locked"_s;
+const QString openWhenAway = "claimed to be unlocked while the daemon was away"_s;
+const QString openAfterLocking = "still claimed to be unlocked after the daemon had been Locked for 5 s"_s;
+const QString codeIsUseless = "the right code did not unlock within 30 s"_s;
+
+QString written(const QTemporaryDir &directory, const QString &name, const QByteArray &text)
+{
+    QFile file(directory.filePath(name));
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
+        qFatal("%s cannot be written", qPrintable(file.fileName()));
+    return file.fileName();
+}
+
+struct Case
 {
     QString name;
     QString child;
@@ -218,9 +250,9 @@ void TestHostCheck::rightHostPasses()
     const Run check = run(affordableDays() << underRunner({rightHost}));
     COMPARE_RUN(check, 0);
     QVERIFY(check.errors.isEmpty());
-    QVERIFY(rows(check.output, "passed").contains(QStringLiteral("ordinary: stayed up")));
-    QVERIFY(rows(check.output, "passed").contains(QStringLiteral("start-without-bus: ended with status 1")));
-    QVERIFY(rows(check.output, "passed").contains(QStringLiteral("returns-without-socket: ended with status 1")));
+    QVERIFY(rows(check.output, "passed").contains("ordinary: stayed up"_s));
+    QVERIFY(rows(check.output, "passed").contains("start-without-bus: ended with status 1"_s));
+    QVERIFY(rows(check.output, "passed").contains("returns-without-socket: ended with status 1"_s));
     // It shows no options.
     for (const QString &row : rows(check.output, "not reached")) {
         QVERIFY2(row.contains(QLatin1String("Option")) && row.endsWith(QLatin1String(": the host made no such call")),
@@ -230,8 +262,8 @@ void TestHostCheck::rightHostPasses()
 
 void TestHostCheck::lockScreenPasses()
 {
-    const QStringList screen = {QStringLiteral(LOCK_SCREEN), QStringLiteral("--user"), QStringLiteral("1000")};
-    const Run check = run(affordableDays() << underRunner(screen));
+    const Run check =
+        run(affordableDays() << underRunner(QStringList{QStringLiteral(LOCK_SCREEN)} << "--user 1000"_words));
     COMPARE_RUN(check, 0);
     for (const QString &row : rows(check.output, "not reached"))
         QVERIFY2(row.contains(QLatin1String("Option")), qPrintable(row));
@@ -241,210 +273,152 @@ void TestHostCheck::hostThatOpensAtTheEnd()
 {
     // On these the client ends or not: it depends on how far it has come.
     QStringList names = allDays();
-    names.removeAll(QStringLiteral("crash-GetState"));
-    names.removeAll(QStringLiteral("restart-GetState"));
-    names.removeAll(QStringLiteral("restart-Introspect-1"));
-    const Run check = run(days(names) << QStringLiteral("--jobs") << QStringLiteral("4") << wrongHost
-                                      << QStringLiteral("opens-at-the-end") << rightHost);
+    names.removeAll("crash-GetState"_s);
+    names.removeAll("restart-GetState"_s);
+    names.removeAll("restart-Introspect-1"_s);
+    const Run check = run(days(names) << "--jobs 4"_words << wrongHost << "opens-at-the-end"_s << rightHost);
     COMPARE_RUN(check, 1);
-    const QString away = QStringLiteral(": claimed to be unlocked while the daemon was away");
-    const QString locked = QStringLiteral(": claimed to be unlocked while the daemon was Locked");
-    const QStringList expected{
-        QStringLiteral("crash-Introspect-1") + away,
-        QStringLiteral("crash-Introspect-2") + away,
-        QStringLiteral("crash-Introspect-3") + away,
-        QStringLiteral("restart-Introspect-2") + locked,
-        QStringLiteral("restart-Introspect-3") + locked,
-        QStringLiteral("returns-without-socket") + locked,
-        // Its claim is true until the device is locked.
-        QStringLiteral("returns-without-socket-unlocked: "
-                       "still claimed to be unlocked after the daemon had been Locked for 5 s"),
-        QStringLiteral("returns-closing") + locked,
-        QStringLiteral("start-without-bus") + away,
-        QStringLiteral("start-without-daemon") + away,
-        QStringLiteral("start-without-socket") + locked,
-        QStringLiteral("start-refused") + locked,
-        QStringLiteral("start-closed") + locked,
-    };
+    const QStringList expected =
+        on("crash-Introspect-1 crash-Introspect-2 crash-Introspect-3 start-without-bus start-without-daemon"_words,
+           openWhenAway)
+        + on("restart-Introspect-2 restart-Introspect-3 returns-without-socket returns-closing start-without-socket "
+             "start-refused start-closed"_words,
+             openWhenLocked)
+        // The host's claim is true until the device is locked.
+        + on({"returns-without-socket-unlocked"_s}, openAfterLocking);
     QCOMPARE(difference(rows(check.output, "FAILED"), expected), QString());
     QVERIFY(rows(check.output, "NOT MADE").isEmpty());
 }
 
 void TestHostCheck::hostThatBelievesErrors()
 {
-    const Run check =
-        run({QStringLiteral("--jobs"), QStringLiteral("4"), wrongHost, QStringLiteral("believes-errors")});
+    const Run check = run("--jobs 4"_words << wrongHost << "believes-errors"_s);
     COMPARE_RUN(check, 1);
-    const QString locked = QStringLiteral(": claimed to be unlocked while the daemon was Locked");
-    const QStringList expected{
-        QStringLiteral("crash-SetDevlockState: claimed to be unlocked while the daemon was away"),
-        QStringLiteral("restart-SetDevlockState") + locked,
-        QStringLiteral("drop-SetDevlockState") + locked,
-        QStringLiteral("mute-SetDevlockState") + locked,
-        QStringLiteral("lose-signals-SetDevlockState: "
-                       "still claimed to be unlocked after the daemon had been Locked for 5 s"),
-        QStringLiteral("error-SetDevlockState") + locked,
-        QStringLiteral("false-SetDevlockState") + locked,
-        QStringLiteral("true-SetDevlockState") + locked,
-        QStringLiteral("text-SetDevlockState") + locked,
-        QStringLiteral("number-SetDevlockState") + locked,
-        QStringLiteral("variant-SetDevlockState") + locked,
-        QStringLiteral("empty-SetDevlockState") + locked,
-        QStringLiteral("restart-with-token") + locked,
-        QStringLiteral("locks-during-attempt") + locked,
-        QStringLiteral("spoof-token") + locked,
-        QStringLiteral("spoof-token-each-connection") + locked,
-        QStringLiteral("spoof-empty-token") + locked,
-        QStringLiteral("spoof-token-after-failure") + locked,
-        QStringLiteral("spoof-token-after-locking") + locked,
-    };
+    const QStringList expected = on({"crash-SetDevlockState"_s}, openWhenAway)
+        + on({"lose-signals-SetDevlockState"_s}, openAfterLocking)
+        + on("restart-SetDevlockState drop-SetDevlockState mute-SetDevlockState error-SetDevlockState "
+             "false-SetDevlockState true-SetDevlockState text-SetDevlockState number-SetDevlockState "
+             "variant-SetDevlockState empty-SetDevlockState restart-with-token locks-during-attempt spoof-token "
+             "spoof-token-each-connection spoof-empty-token spoof-token-after-failure spoof-token-after-locking"_words,
+             openWhenLocked);
     QCOMPARE(difference(rows(check.output, "FAILED"), expected), QString());
     QVERIFY(rows(check.output, "NOT MADE").isEmpty());
 }
 
 void TestHostCheck::hostThatWorksOnce()
 {
-    const QStringList names{QStringLiteral("restart-Authenticate"), QStringLiteral("signal-first-Authenticate"),
-                            QStringLiteral("false-Authenticate"),   QStringLiteral("restart-during-challenge"),
-                            QStringLiteral("restart-unlocked"),     QStringLiteral("dies-after-Authenticate"),
-                            QStringLiteral("locked-again-at-once"), QStringLiteral("lockout-manager")};
-    const Run check = run(days(names) << QStringLiteral("--jobs") << QString::number(names.size()) << wrongHost
-                                      << QStringLiteral("works-once"));
+    const QStringList names = "restart-Authenticate signal-first-Authenticate false-Authenticate "
+                              "restart-during-challenge restart-unlocked dies-after-Authenticate "
+                              "locked-again-at-once lockout-manager"_words;
+    const Run check = run(days(names) << "--jobs 8"_words << wrongHost << "works-once"_s);
     COMPARE_RUN(check, 1);
-    QStringList expected;
-    for (const QString &name : names)
-        expected << name + QStringLiteral(": the right code did not unlock within 30 s");
-    QCOMPARE(difference(rows(check.output, "FAILED"), expected), QString());
+    QCOMPARE(difference(rows(check.output, "FAILED"), on(names, codeIsUseless)), QString());
 }
 
 void TestHostCheck::claimOfLongAgo()
 {
     const QTemporaryDir directory;
-    QFile scenario(directory.filePath(QStringLiteral("scenario.json")));
-    QVERIFY(scenario.open(QIODevice::WriteOnly));
-    scenario.write(R"({"lock-state": "Unlocked"})");
-    scenario.close();
-    const Run check =
-        run(days({QStringLiteral("start-without-daemon")})
-            << QStringLiteral("--scenario") << scenario.fileName() << wrongHost << QStringLiteral("claims-late"));
+    const QString scenario = written(directory, "scenario.json"_s, R"({"lock-state": "Unlocked"})");
+    const Run check = run("--day start-without-daemon --scenario"_words << scenario << wrongHost << "claims-late"_s);
     COMPARE_RUN(check, 1);
-    QCOMPARE(rows(check.output, "FAILED"),
-             QStringList{QStringLiteral("start-without-daemon: claimed to be unlocked while the daemon was away")});
+    QCOMPARE(rows(check.output, "FAILED"), on({"start-without-daemon"_s}, openWhenAway));
 }
 
 void TestHostCheck::slowHostPasses()
 {
-    const Run check = run(days({QStringLiteral("restart-unlocked")}) << wrongHost << QStringLiteral("is-slow"));
+    const Run check = run("--day restart-unlocked"_words << wrongHost << "is-slow"_s);
     COMPARE_RUN(check, 0);
-    QCOMPARE(sums(check.output), QStringLiteral("1 day: 1 passed, 0 failed, 0 not reached"));
+    QCOMPARE(sums(check.output), "1 day: 1 passed, 0 failed, 0 not reached"_s);
 }
 
-// It has nothing to read, its processes may start others that outlive them, and it may end as a program that handles
-// SIGTERM does.
+// Such a host has nothing to read, its processes may start others that outlive them, and the host may end as a program
+// that handles SIGTERM does.
 void TestHostCheck::ordinaryProcessPasses()
 {
-    const QString script = QStringLiteral(R"(
+    const QString script = R"(
         cat
         (true &)
         "$0" & host=$!
         trap 'kill $host; wait $host; exit 143' TERM
         while wait; do :; done
-    )");
-    const Run check = run(days({QStringLiteral("restart-idle")})
-                          << QStringLiteral("sh") << QStringLiteral("-c") << script << rightHost);
+    )"_s;
+    const Run check = run("--day restart-idle sh -c"_words << script << rightHost);
     COMPARE_RUN(check, 0);
-    QCOMPARE(rows(check.output, "passed"), QStringList{QStringLiteral("restart-idle: stayed up")});
+    QCOMPARE(rows(check.output, "passed"), QStringList{"restart-idle: stayed up"_s});
 }
 
 void TestHostCheck::hostStartsWithNoSignalBlocked()
 {
     // A shell would unblock them.
-    const Run check = run(days({QStringLiteral("restart-idle")})
-                          << QStringLiteral("grep") << QStringLiteral("-q") << QStringLiteral("^SigBlk:[[:space:]]0*$")
-                          << QStringLiteral("/proc/self/status"));
+    const Run check = run("--day restart-idle grep -q ^SigBlk:[[:space:]]0*$ /proc/self/status"_words);
     COMPARE_RUN(check, 1);
-    QCOMPARE(rows(check.output, "FAILED"),
-             QStringList{QStringLiteral("restart-idle: ended with status 0 before it was up")});
+    QCOMPARE(rows(check.output, "FAILED"), QStringList{"restart-idle: ended with status 0 before it was up"_s});
 }
 
 void TestHostCheck::findings_data()
 {
-    QTest::addColumn<QString>("fault");
-    QTest::addColumn<bool>("hasClient");
     QTest::addColumn<QString>("day");
+    QTest::addColumn<QString>("fault");
     QTest::addColumn<QString>("finding");
-    const auto add = [](const char *row, const char *fault, bool hasClient, const char *day, const char *finding) {
-        QTest::newRow(row) << QString::fromLatin1(fault) << hasClient << QString::fromLatin1(day)
-                           << QString::fromLatin1(finding);
+    const auto add = [](const char *row, const char *day, const QString &finding, const char *fault = nullptr) {
+        QTest::newRow(row) << QString::fromLatin1(day) << QString::fromLatin1(fault ? fault : row) << finding;
     };
-    add("keeps-its-claim", "keeps-its-claim", false, "ordinary",
-        "still claimed to be unlocked after the daemon had been Locked for 5 s");
-    add("keeps-its-claim-of-nobody", "keeps-its-claim", false, "restart-unlocked",
-        "still claimed to be unlocked after the daemon had been away for 5 s");
-    add("takes-back-late", "takes-back-late", false, "ordinary",
-        "still claimed to be unlocked after the daemon had been Locked for 5 s");
-    add("claims-at-a-code", "claims-at-a-code", false, "restart-idle",
-        "claimed to be unlocked while the daemon was Locked");
-    add("claims-at-its-end", "claims-at-its-end", false, "start-without-daemon",
-        "claimed to be unlocked while the daemon was away");
-    add("claims-again", "claims-again", false, "ordinary", "claimed to be unlocked while the daemon was Locked");
+    add("keeps-its-claim", "ordinary", openAfterLocking);
+    add("keeps-its-claim-of-nobody", "restart-unlocked",
+        "still claimed to be unlocked after the daemon had been away for 5 s"_s, "keeps-its-claim");
+    add("takes-back-late", "ordinary", openAfterLocking);
+    add("claims-at-a-code", "restart-idle", openWhenLocked);
+    add("claims-at-its-end", "start-without-daemon", openWhenAway);
+    add("claims-again", "ordinary", openWhenLocked);
     for (const char *day : {"left-alone-mute", "left-alone-lose-signals", "left-alone-error"})
-        add(day, "gives-up-open", false, day, "claimed to be unlocked while the daemon was Locked");
-    add("remembers", "remembers", false, "started-again", "claimed to be unlocked while the daemon was Locked");
-    add("ignores-sigterm", "ignores-sigterm", true, "restart-idle", "did not end within 5 s of SIGTERM");
-    add("leaves-a-process", "leaves-a-process", true, "restart-idle", "left processes behind");
+        add(day, day, openWhenLocked, "gives-up-open");
+    add("remembers", "started-again", openWhenLocked);
+    add("ignores-sigterm", "restart-idle", "did not end within 5 s of SIGTERM"_s);
+    add("leaves-a-process", "restart-idle", "left processes behind"_s);
     // A day on which the right host ends by itself.
-    add("leaves-a-process-early", "leaves-a-process", true, "start-without-daemon", "left processes behind");
-    add("crashes", "crashes", false, "restart-idle", "was ended by signal 11 (Segmentation fault)");
-    add("ends", "ends", false, "restart-idle", "ended with status 3");
+    add("leaves-a-process-early", "start-without-daemon", "left processes behind"_s, "leaves-a-process");
+    add("crashes", "restart-idle", "was ended by signal 11 (Segmentation fault)"_s);
+    add("ends", "restart-idle", "ended with status 3"_s);
     // A day on which status 1 would be right.
-    add("ends-otherwise", "ends", false, "start-without-daemon", "ended with status 3");
-    // Days on which it would be right at another time.
-    add("ends-at-a-code", "ends-at-a-code", false, "crash-Introspect-1", "ended with status 1");
-    add("ends-when-away", "ends-when-away", false, "crash-Authenticate", "ended with status 1");
-    add("crashes-at-sigterm", "crashes-at-sigterm", false, "restart-idle",
-        "was ended by signal 11 (Segmentation fault) when asked to end");
-    add("ends-at-sigterm", "ends-at-sigterm", false, "restart-idle", "ended with status 1 when asked to end");
-    add("ends-at-once", "ends-at-once", false, "restart-idle", "ended with status 1 before it was up");
-    add("ends-with-claim", "ends-with-claim", false, "ordinary",
-        "ended with status 1 while it claimed to be unlocked and the daemon was Locked");
-    add("is-silent", "is-silent", false, "restart-idle", "told no claim within 30 s of its start");
-    add("mumbles", "mumbles", false, "restart-idle", "told neither locked nor unlocked, but \"open\"");
-    add("ignores-codes", "ignores-codes", false, "restart-idle", "the right code did not unlock within 30 s");
-    add("ignores-codes-to-reach", "ignores-codes", false, "crash-Authenticate",
-        "the right code had no effect within 30 s");
-    add("ignores-codes-from-the-start", "ignores-codes", false, "start-without-daemon",
-        "the right code did not unlock within 30 s");
-    add("hides-success", "hides-success", false, "restart-idle",
-        "did not tell within 30 s that the right code had unlocked");
+    add("ends-otherwise", "start-without-daemon", "ended with status 3"_s, "ends");
+    // Days on which status 1 would be right at another time.
+    add("ends-at-a-code", "crash-Introspect-1", "ended with status 1"_s);
+    add("ends-when-away", "crash-Authenticate", "ended with status 1"_s);
+    add("crashes-at-sigterm", "restart-idle", "was ended by signal 11 (Segmentation fault) when asked to end"_s);
+    add("ends-at-sigterm", "restart-idle", "ended with status 1 when asked to end"_s);
+    add("ends-at-once", "restart-idle", "ended with status 1 before it was up"_s);
+    add("ends-with-claim", "ordinary",
+        "ended with status 1 while it claimed to be unlocked and the daemon was Locked"_s);
+    add("is-silent", "restart-idle", "told no claim within 30 s of its start"_s);
+    add("mumbles", "restart-idle", "told neither locked nor unlocked, but \"open\""_s);
+    add("ignores-codes", "restart-idle", codeIsUseless);
+    add("ignores-codes-to-reach", "crash-Authenticate", "the right code had no effect within 30 s"_s, "ignores-codes");
+    add("ignores-codes-from-the-start", "start-without-daemon", codeIsUseless, "ignores-codes");
+    add("hides-success", "restart-idle", "did not tell within 30 s that the right code had unlocked"_s);
 }
 
 void TestHostCheck::findings()
 {
-    QFETCH(QString, fault);
-    QFETCH(bool, hasClient);
     QFETCH(QString, day);
+    QFETCH(QString, fault);
     QFETCH(QString, finding);
-    QStringList arguments = {QStringLiteral("--day"), day, wrongHost, fault};
-    if (hasClient)
-        arguments << rightHost;
-    const Run check = run(arguments);
+    // The right host is the rest of those that need one, and nothing to the others.
+    const Run check = run({"--day"_s, day, wrongHost, fault, rightHost});
     COMPARE_RUN(check, 1);
-    QCOMPARE(rows(check.output, "FAILED"), QStringList{QStringLiteral("%1: %2").arg(day, finding)});
-    QCOMPARE(sums(check.output), QStringLiteral("1 day: 0 passed, 1 failed, 0 not reached"));
+    QCOMPARE(rows(check.output, "FAILED"), on({day}, finding));
+    QCOMPARE(sums(check.output), "1 day: 0 passed, 1 failed, 0 not reached"_s);
 }
 
 void TestHostCheck::logOfAFailingDayIsShown()
 {
     const QTemporaryDir directory;
-    const QString logs = directory.filePath(QStringLiteral("new/logs"));
-    const Run check = run({QStringLiteral("--day=ordinary"), QStringLiteral("--logs=") + logs, QStringLiteral("--"),
-                           wrongHost, QStringLiteral("mumbles")});
+    const QString logs = directory.filePath("new/logs"_s);
+    const Run check = run({"--day=ordinary"_s, "--logs="_s + logs, "--"_s, wrongHost, "mumbles"_s});
     COMPARE_RUN(check, 1);
-    QFile log(logs + QStringLiteral("/ordinary.log"));
+    QFile log(logs + "/ordinary.log"_s);
     QVERIFY(log.open(QIODevice::ReadOnly));
     const QString text = QString::fromLocal8Bit(log.readAll());
-    QVERIFY2(text.contains(QLatin1String("] host: open\n")), qPrintable(text));
+    QVERIFY2(text.contains("] host: open\n"_s), qPrintable(text));
     QVERIFY2(text.contains(QLatin1String("mumbling\n")), qPrintable(text));
     QVERIFY2(check.output.contains(QLatin1String("\n    mumbling\n")), qPrintable(check.output));
 }
@@ -452,9 +426,8 @@ void TestHostCheck::logOfAFailingDayIsShown()
 void TestHostCheck::endOfALongLog()
 {
     const QTemporaryDir directory;
-    QFile file(directory.filePath(QStringLiteral("results.xml")));
-    const Run check = run({QStringLiteral("--day=ordinary"), QStringLiteral("--junit"), file.fileName(), wrongHost,
-                           QStringLiteral("babbles")});
+    QFile file(directory.filePath("results.xml"_s));
+    const Run check = run({"--day=ordinary"_s, "--junit"_s, file.fileName(), wrongHost, "babbles"_s});
     COMPARE_RUN(check, 1);
     for (const char *line : {"line 290.", "line 300."})
         QVERIFY2(check.output.contains(QLatin1String(line)), qPrintable(check.output));
@@ -472,7 +445,7 @@ void TestHostCheck::endOfALongLog()
             text += xml.text();
     }
     QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
-    QCOMPARE(message, QStringLiteral("told neither locked nor unlocked, but \"\ufffdopen\""));
+    QCOMPARE(message, "told neither locked nor unlocked, but \"\ufffdopen\""_s);
     for (const char *line : {"line 110.", "line 300."})
         QVERIFY2(text.contains(QLatin1String(line)), qPrintable(text));
     QVERIFY2(!text.contains(QLatin1String("line 90.")), qPrintable(text));
@@ -480,28 +453,25 @@ void TestHostCheck::endOfALongLog()
 
 void TestHostCheck::noSuchCall()
 {
-    const Run check = run(days({QStringLiteral("crash-GetOption"), QStringLiteral("restart-idle")}) << rightHost);
+    const Run check = run("--day crash-GetOption --day restart-idle"_words << rightHost);
     COMPARE_RUN(check, 0);
-    QCOMPARE(rows(check.output, "not reached"),
-             QStringList{QStringLiteral("crash-GetOption: the host made no such call")});
-    QCOMPARE(sums(check.output), QStringLiteral("2 days: 1 passed, 0 failed, 1 not reached"));
+    QCOMPARE(rows(check.output, "not reached"), QStringList{"crash-GetOption: the host made no such call"_s});
+    QCOMPARE(sums(check.output), "2 days: 1 passed, 0 failed, 1 not reached"_s);
 }
 
 void TestHostCheck::jUnit()
 {
     const QTemporaryDir directory;
-    const QString name = directory.filePath(QStringLiteral("results.xml"));
-    const Run check =
-        run(days({QStringLiteral("restart-idle"), QStringLiteral("start-without-daemon"),
-                  QStringLiteral("crash-GetOption"), QStringLiteral("returns-without-socket")})
-            << QStringLiteral("--junit") << name << wrongHost << QStringLiteral("opens-at-the-end") << rightHost);
+    const QString name = directory.filePath("results.xml"_s);
+    const Run check = run(days("restart-idle start-without-daemon crash-GetOption returns-without-socket"_words)
+                          << "--junit"_s << name << wrongHost << "opens-at-the-end"_s << rightHost);
     COMPARE_RUN(check, 1);
 
     QFile file(name);
     QVERIFY(file.open(QIODevice::ReadOnly));
     QXmlStreamReader xml(&file);
     QStringList counts;
-    QList<TestCase> cases;
+    QList<Case> cases;
     double sum = 0;
     double seconds = 0;
     while (!xml.atEnd()) {
@@ -513,12 +483,11 @@ void TestHostCheck::jUnit()
         if (!xml.isStartElement())
             continue;
         if (xml.name() == QLatin1String("testsuites") || xml.name() == QLatin1String("testsuite")) {
-            QCOMPARE(value("name"), QStringLiteral("authd-hostcheck"));
-            counts << QStringLiteral("%1 %2 %3 %4")
-                          .arg(value("tests"), value("failures"), value("errors"), value("skipped"));
+            QCOMPARE(value("name"), "authd-hostcheck"_s);
+            counts << "%1 %2 %3 %4"_s.arg(value("tests"), value("failures"), value("errors"), value("skipped"));
             sum = value("time").toDouble();
         } else if (xml.name() == QLatin1String("testcase")) {
-            QCOMPARE(value("classname"), QStringLiteral("authd-hostcheck"));
+            QCOMPARE(value("classname"), "authd-hostcheck"_s);
             cases.append({value("name"), QString(), QString(), QString()});
             seconds += value("time").toDouble();
         } else {
@@ -527,30 +496,25 @@ void TestHostCheck::jUnit()
         }
     }
     QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
-    QCOMPARE(counts, (QStringList{QStringLiteral("4 2 0 1"), QStringLiteral("4 2 0 1")}));
+    QCOMPARE(counts, (QStringList{"4 2 0 1"_s, "4 2 0 1"_s}));
     QCOMPARE(qRound(sum * 100), qRound(seconds * 100));
     // In the order asked for, not in that in which they ended.
     QCOMPARE(cases.size(), 4);
-    QCOMPARE(cases.at(0).name, QStringLiteral("restart-idle"));
-    QCOMPARE(cases.at(0).child, QString());
-    QCOMPARE(cases.at(1).name, QStringLiteral("start-without-daemon"));
-    QCOMPARE(cases.at(1).child, QStringLiteral("failure"));
-    QCOMPARE(cases.at(1).message, QStringLiteral("claimed to be unlocked while the daemon was away"));
-    QVERIFY2(cases.at(1).text.contains(QLatin1String("host: unlocked")), qPrintable(cases.at(1).text));
-    QCOMPARE(cases.at(2).name, QStringLiteral("crash-GetOption"));
-    QCOMPARE(cases.at(2).child, QStringLiteral("skipped"));
-    QCOMPARE(cases.at(2).message, QStringLiteral("the host made no such call"));
-    QCOMPARE(cases.at(3).name, QStringLiteral("returns-without-socket"));
-    QCOMPARE(cases.at(3).child, QStringLiteral("failure"));
+    QStringList said;
+    for (const Case &one : cases)
+        said << one.name + QLatin1Char(' ') + one.child + ": "_s + one.message;
+    QCOMPARE(said.mid(0, 3),
+             (QStringList{"restart-idle : "_s, "start-without-daemon failure: "_s + openWhenAway,
+                          "crash-GetOption skipped: the host made no such call"_s}));
+    QVERIFY2(said.at(3).startsWith("returns-without-socket failure: "_s), qPrintable(said.at(3)));
+    QVERIFY2(cases.at(1).text.contains("host: unlocked"_s), qPrintable(cases.at(1).text));
 }
 
 void TestHostCheck::jUnitOfNoCheck()
 {
     const QTemporaryDir directory;
-    QFile file(directory.filePath(QStringLiteral("results.xml")));
-    const Run check =
-        run(days({QStringLiteral("ordinary")}) << QStringLiteral("--scenario") << QStringLiteral("/nowhere.json")
-                                               << QStringLiteral("--junit") << file.fileName() << rightHost);
+    QFile file(directory.filePath("results.xml"_s));
+    const Run check = run("--day ordinary --scenario /nowhere.json --junit"_words << file.fileName() << rightHost);
     COMPARE_RUN(check, 125);
     QVERIFY(file.open(QIODevice::ReadOnly));
     const QString text = QString::fromUtf8(file.readAll());
@@ -560,106 +524,89 @@ void TestHostCheck::jUnitOfNoCheck()
 
 void TestHostCheck::jUnitOnAFullDisk()
 {
-    const Run check = run(days({QStringLiteral("start-without-daemon")})
-                          << QStringLiteral("--junit") << QStringLiteral("/dev/full") << rightHost);
+    const Run check = run("--day start-without-daemon --junit /dev/full"_words << rightHost);
     COMPARE_RUN(check, 125);
-    QCOMPARE(check.errors, QStringLiteral("authd-hostcheck: /dev/full cannot be written: No space left on device\n"));
+    QCOMPARE(check.errors, "authd-hostcheck: /dev/full cannot be written: No space left on device\n"_s);
 }
 
 void TestHostCheck::standInDies()
 {
     // Without a bus it ends, so that there is a finding as well.
-    const QString script = QStringLiteral(R"(
+    const QString script = R"(
         [ "${AUTHD_WORLD_BUS_PID-}" ] || exit 3
         for process in /proc/[0-9]*; do
             read -r name <"$process/comm"
             [ "$name" != authd-standin ] || kill -KILL "${process#/proc/}"
         done
         exec sleep 600
-    )");
-    const Run check = run(days({QStringLiteral("ordinary"), QStringLiteral("start-without-bus")})
-                          << QStringLiteral("sh") << QStringLiteral("-c") << script);
+    )"_s;
+    const Run check = run("--day ordinary --day start-without-bus sh -c"_words << script);
     COMPARE_RUN(check, 125);
     const QStringList notMade = rows(check.output, "NOT MADE");
     QCOMPARE(notMade.size(), 1);
     // As it comes: before the check asks, or when it waits for the answer.
-    const QRegularExpression text(
-        QStringLiteral("^ordinary: (there is no stand-in at .*|the stand-in has gone) \\(\\{.*\\}\\)$"));
+    const QRegularExpression text("^ordinary: (there is no stand-in at .*|the stand-in has gone) \\(\\{.*\\}\\)$"_s);
     QVERIFY2(text.match(notMade.first()).hasMatch(), qPrintable(notMade.first()));
-    QCOMPARE(rows(check.output, "FAILED"),
-             QStringList{QStringLiteral("start-without-bus: ended with status 3 before it was up")});
-    QCOMPARE(sums(check.output), QStringLiteral("2 days: 0 passed, 1 failed, 0 not reached, 1 not made"));
+    QCOMPARE(rows(check.output, "FAILED"), QStringList{"start-without-bus: ended with status 3 before it was up"_s});
+    QCOMPARE(sums(check.output), "2 days: 0 passed, 1 failed, 0 not reached, 1 not made"_s);
 }
 
 void TestHostCheck::otherCodeAndScenario()
 {
     const QTemporaryDir directory;
-    const QString name = directory.filePath(QStringLiteral("scenario.json"));
-    QFile file(name);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(R"({"users": [{"uid": 7, "secrets": {"code": "70\"0"}}]})");
-    file.close();
-    const QStringList options = {QStringLiteral("--day"), QStringLiteral("ordinary"), QStringLiteral("--scenario"),
-                                 name};
-    Run check = run(options + QStringList{QStringLiteral("--code"), QStringLiteral("70\"0"), rightHost});
+    const QStringList options = "--day ordinary --scenario"_words
+        << written(directory, "scenario.json"_s, R"({"users": [{"uid": 7, "secrets": {"code": "70\"0"}}]})");
+    Run check = run(options + QStringList{"--code"_s, "70\"0"_s, rightHost});
     COMPARE_RUN(check, 0);
     check = run(options + QStringList{rightHost});
     COMPARE_RUN(check, 1);
-    QCOMPARE(rows(check.output, "FAILED"),
-             QStringList{QStringLiteral("ordinary: the right code did not unlock within 30 s")});
+    QCOMPARE(rows(check.output, "FAILED"), on({"ordinary"_s}, codeIsUseless));
 }
 
 void TestHostCheck::badScenario()
 {
-    const Run check = run({QStringLiteral("--day"), QStringLiteral("ordinary"), QStringLiteral("--scenario"),
-                           QStringLiteral("/nowhere.json"), rightHost});
+    const Run check = run("--day ordinary --scenario /nowhere.json"_words << rightHost);
     COMPARE_RUN(check, 125);
-    QCOMPARE(rows(check.output, "NOT MADE"), QStringList{QStringLiteral("ordinary: the world ended with status 3")});
+    QCOMPARE(rows(check.output, "NOT MADE"), QStringList{"ordinary: the world ended with status 3"_s});
     QVERIFY2(check.output.contains(QLatin1String("/nowhere.json")), qPrintable(check.output));
-    QCOMPARE(sums(check.output), QStringLiteral("1 day: 0 passed, 0 failed, 0 not reached, 1 not made"));
+    QCOMPARE(sums(check.output), "1 day: 0 passed, 0 failed, 0 not reached, 1 not made"_s);
 }
 
 void TestHostCheck::hostIsMissing()
 {
-    Run check = run({QStringLiteral("/nowhere/host")});
+    Run check = run({"/nowhere/host"_s});
     COMPARE_RUN(check, 125);
     QCOMPARE(check.output, QString());
-    QCOMPARE(check.errors,
-             QStringLiteral("authd-hostcheck: the host /nowhere/host cannot be started: there is no such program\n"));
-    check = run({QStringLiteral("/etc/passwd")});
+    QCOMPARE(check.errors, "authd-hostcheck: the host /nowhere/host cannot be started: there is no such program\n"_s);
+    check = run({"/etc/passwd"_s});
     COMPARE_RUN(check, 125);
-    QCOMPARE(check.errors,
-             QStringLiteral("authd-hostcheck: the host /etc/passwd cannot be started: it is no program\n"));
-    // It is there, but what would run it is not.
+    QCOMPARE(check.errors, "authd-hostcheck: the host /etc/passwd cannot be started: it is no program\n"_s);
+    // The host is there, but what would run it is not.
     QTemporaryDir directory;
-    QFile file(directory.filePath(QStringLiteral("host")));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("#!/nowhere/sh\n");
-    file.close();
+    QFile file(written(directory, "host"_s, "#!/nowhere/sh\n"));
     QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
-    check = run({QStringLiteral("--day"), QStringLiteral("ordinary"), file.fileName()});
+    check = run({"--day"_s, "ordinary"_s, file.fileName()});
     COMPARE_RUN(check, 125);
     QCOMPARE(rows(check.output, "NOT MADE"),
-             QStringList{QStringLiteral("ordinary: the host cannot be started: No such file or directory")});
+             QStringList{"ordinary: the host cannot be started: No such file or directory"_s});
 }
 
 void TestHostCheck::worldIsMissing()
 {
     const QTemporaryDir directory;
-    const QString copy = directory.filePath(QStringLiteral("authd-hostcheck"));
+    const QString copy = directory.filePath("authd-hostcheck"_s);
     QVERIFY(QFile::copy(program, copy));
     QProcess process;
     process.start(copy, {rightHost});
     QVERIFY(process.waitForFinished(-1));
     QCOMPARE(process.exitCode(), 125);
     QCOMPARE(QString::fromLocal8Bit(process.readAllStandardError()),
-             QStringLiteral("authd-hostcheck: authd-world is neither in %1 nor in PATH\n").arg(directory.path()));
-    // It need not be beside.
+             "authd-hostcheck: authd-world is neither in %1 nor in PATH\n"_s.arg(directory.path()));
+    // authd-world need not be beside.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PATH"),
-                       QFileInfo(program).path() + QLatin1Char(':') + environment.value(QStringLiteral("PATH")));
+    environment.insert("PATH"_s, QFileInfo(program).path() + QLatin1Char(':') + environment.value("PATH"_s));
     process.setProcessEnvironment(environment);
-    process.start(copy, {QStringLiteral("--day"), QStringLiteral("start-without-bus"), rightHost});
+    process.start(copy, {"--day"_s, "start-without-bus"_s, rightHost});
     QVERIFY(process.waitForFinished(-1));
     QCOMPARE(process.exitCode(), 0);
 }
@@ -689,9 +636,8 @@ void TestHostCheck::brokenOff()
     const QTemporaryDir temporary;
     const auto directories = [&] { return QDir(temporary.path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); };
     Job job(temporary.path(),
-            days({QStringLiteral("ordinary"), QStringLiteral("start-without-bus"), QStringLiteral("mute-GetState")})
-                << QStringLiteral("--jobs") << QStringLiteral("2") << wrongHost << QStringLiteral("ignores-sigterm")
-                << wrongHost << QStringLiteral("is-silent"));
+            "--day ordinary --day start-without-bus --day mute-GetState --jobs 2"_words
+                << wrongHost << "ignores-sigterm"_s << wrongHost << "is-silent"_s);
     QTRY_COMPARE_WITH_TIMEOUT(directories(), 1, 25000);
     QVERIFY(job.waitForHosts(hosts));
     QCOMPARE(kill(pid_t(toGroup ? -job.processId() : job.processId()), signal), 0);
@@ -709,7 +655,7 @@ void TestHostCheck::brokenOff()
 void TestHostCheck::ignoredSignal()
 {
     const QTemporaryDir temporary;
-    Job job(temporary.path(), {QStringLiteral("--day"), QStringLiteral("ordinary"), rightHost}, SIGHUP);
+    Job job(temporary.path(), {"--day"_s, "ordinary"_s, rightHost}, SIGHUP);
     QVERIFY(job.waitForHosts(1));
     QCOMPARE(kill(pid_t(job.processId()), SIGHUP), 0);
     QVERIFY(job.waitForFinished(-1));
@@ -719,14 +665,13 @@ void TestHostCheck::ignoredSignal()
 
 void TestHostCheck::list()
 {
-    const Run list = run({QStringLiteral("--list")});
+    const Run list = run({"--list"_s});
     COMPARE_RUN(list, 0);
     QStringList names = allDays();
-    QVERIFY(names.contains(QStringLiteral("ordinary")));
+    QVERIFY(names.contains("ordinary"_s));
     QCOMPARE(names.removeDuplicates(), 0);
     for (const QString &line : list.output.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-        QVERIFY2(QRegularExpression(QStringLiteral("^[A-Za-z0-9-]+  +\\S.*$")).match(line).hasMatch(),
-                 qPrintable(line));
+        QVERIFY2(QRegularExpression("^[A-Za-z0-9-]+  +\\S.*$"_s).match(line).hasMatch(), qPrintable(line));
 }
 
 void TestHostCheck::wrongUsage_data()
@@ -736,30 +681,25 @@ void TestHostCheck::wrongUsage_data()
     QTest::addColumn<QString>("output");
     QTest::addColumn<QString>("errors");
     const auto wrong = [](const char *row, const QStringList &arguments, const char *problem) {
-        QTest::newRow(row)
-            << arguments << 2 << QString()
-            << QStringLiteral("^authd-hostcheck: %1\nTry authd-hostcheck --help.\n$").arg(QLatin1String(problem));
+        QTest::newRow(row) << arguments << 2 << QString()
+                           << "^authd-hostcheck: %1\nTry authd-hostcheck --help.\n$"_s.arg(QLatin1String(problem));
     };
     wrong("nothing", {}, "no host given");
-    wrong("no host", {QStringLiteral("--jobs"), QStringLiteral("2"), QStringLiteral("--")}, "no host given");
-    wrong("unknown option", {QStringLiteral("--fast"), rightHost}, "Unknown option 'fast'\\.");
-    wrong("unknown day", {QStringLiteral("--day"), QStringLiteral("sunday"), rightHost},
-          "there is no day sunday \\(see --list\\)");
-    wrong("no value", {QStringLiteral("--junit")}, "Missing value after '--junit'\\.");
-    wrong("empty value", {QStringLiteral("--junit="), rightHost}, "--junit wants a value");
-    wrong("no jobs", {QStringLiteral("--jobs"), QStringLiteral("0"), rightHost}, "--jobs wants a number from 1");
-    wrong("odd jobs", {QStringLiteral("--jobs=many"), rightHost}, "--jobs wants a number from 1");
-    QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0
-                          << QStringLiteral("^Usage: \\S*authd-hostcheck \\[options\\] HOST ") << QStringLiteral("^$");
-    QTest::newRow("version") << QStringList{QStringLiteral("--version")} << 0
-                             << QStringLiteral("^authd-hostcheck [0-9]+\\.[0-9]+\\.[0-9]+\n$") << QStringLiteral("^$");
-    QTest::newRow("junit nowhere") << QStringList{QStringLiteral("--junit"), QStringLiteral("/nowhere/a.xml"),
-                                                  rightHost}
-                                   << 125 << QString()
-                                   << QStringLiteral("^authd-hostcheck: /nowhere/a.xml cannot be written: ");
-    QTest::newRow("logs nowhere") << QStringList{QStringLiteral("--logs"), QStringLiteral("/proc/logs"), rightHost}
-                                  << 125 << QString()
-                                  << QStringLiteral("^authd-hostcheck: the directory /proc/logs cannot be made\n$");
+    wrong("no host", {"--jobs"_s, "2"_s, "--"_s}, "no host given");
+    wrong("unknown option", {"--fast"_s, rightHost}, "Unknown option 'fast'\\.");
+    wrong("unknown day", {"--day"_s, "sunday"_s, rightHost}, "there is no day sunday \\(see --list\\)");
+    wrong("no value", {"--junit"_s}, "Missing value after '--junit'\\.");
+    wrong("empty value", {"--junit="_s, rightHost}, "--junit wants a value");
+    wrong("no jobs", {"--jobs"_s, "0"_s, rightHost}, "--jobs wants a number from 1");
+    wrong("odd jobs", {"--jobs=many"_s, rightHost}, "--jobs wants a number from 1");
+    QTest::newRow("help") << QStringList{"--help"_s} << 0 << "^Usage: \\S*authd-hostcheck \\[options\\] HOST "_s
+                          << "^$"_s;
+    QTest::newRow("version") << QStringList{"--version"_s} << 0 << "^authd-hostcheck [0-9]+\\.[0-9]+\\.[0-9]+\n$"_s
+                             << "^$"_s;
+    QTest::newRow("junit nowhere") << QStringList{"--junit"_s, "/nowhere/a.xml"_s, rightHost} << 125 << QString()
+                                   << "^authd-hostcheck: /nowhere/a.xml cannot be written: "_s;
+    QTest::newRow("logs nowhere") << QStringList{"--logs"_s, "/proc/logs"_s, rightHost} << 125 << QString()
+                                  << "^authd-hostcheck: the directory /proc/logs cannot be made\n$"_s;
 }
 
 void TestHostCheck::wrongUsage()
