@@ -1,5 +1,5 @@
 // Uses all that the settings part of the library offers, for unload-host, which loads it and unloads it again. It hands
-// out nothing that dies with it: no text literals, which the toolkit keeps, and no callbacks.
+// out nothing that dies with it: no text literals, which Qt Core 5.15 keeps, and no callbacks.
 
 #include <AuthSettings>
 #include <AuthSettingsClient>

@@ -50,10 +50,10 @@ void TestEngines::singletonIsSharedAndOutlivesItsEngines()
         QQmlEngine other;
         auto screen = made(&one, source);
         const auto otherScreen = made(&other, source);
-        // The toolkit remembers where an object is at home, once.
+        // QQmlEngine of Qt 5.15 remembers where an object is at home, once.
         QCOMPARE(log->takeComplaints(),
                  QStringList("warning QQmlEngine::setContextForObject(): Object already has a QQmlContext"_s));
-        // It does not say where in its sources.
+        // QQmlEngine does not say where in its sources.
         QCOMPARE(log->takeFaults().size(), 1);
         settings->setUid(1000);
         QCOMPARE(screen->property("uid"), QVariant(1000));
@@ -90,7 +90,7 @@ void TestEngines::objectsGoWithTheirEngine()
     QTRY_COMPARE_WITH_TIMEOUT(daemon.peerCount(), 1, 60000);
 }
 
-// An AuthClient of C++ has the toolkit's conversions, not those of the module's own type.
+// An AuthClient of C++ has the conversions of QML 5.15, not those of the module's own type.
 void TestEngines::objectOfCppMayBeShown()
 {
     const auto client = newClient();
