@@ -4,8 +4,13 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <csignal>
 #include <cstdio>
 #include <memory>
+
+#include <execinfo.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 /** What a host is told by "app|staticapp|noapp CLASS STORAGE idle|flight END". */
 struct Orders
@@ -67,9 +72,46 @@ template <class Class, class Live> int store(const Orders &orders, Live live)
     return live(object);
 }
 
+inline void writeStack(int)
+{
+    void *frames[64];
+    backtrace_symbols_fd(frames, backtrace(frames, 64), STDERR_FILENO);
+}
+
+inline void writeStacks(int signal)
+{
+    writeStack(signal);
+    // Of the thread of Qt D-Bus, which is made soon after the first one.
+    for (pid_t thread = getpid(); thread < getpid() + 16; ++thread) {
+        if (thread != gettid() && syscall(SYS_tgkill, getpid(), thread, SIGUSR1) == 0)
+            usleep(100000);
+    }
+    raise(signal);
+}
+
+/** Has a host that crashes write where its threads are. */
+inline void tellOfCrashes()
+{
+    // The first call loads a library.
+    void *frame;
+    backtrace(&frame, 1);
+    std::signal(SIGUSR1, writeStack);
+    for (int number : {SIGSEGV, SIGBUS, SIGABRT}) {
+        struct sigaction action;
+        sigaction(number, nullptr, &action);
+        // A sanitizer tells more.
+        if (action.sa_handler != SIG_DFL)
+            continue;
+        action.sa_handler = writeStacks;
+        action.sa_flags = int(SA_RESETHAND);
+        sigaction(number, &action, nullptr);
+    }
+}
+
 /** The main function of a host that does its work in @p obey. */
 template <class Obey> int runHost(int argc, char **argv, Obey obey)
 {
+    tellOfCrashes();
     if (argc != 6)
         return 2;
     std::unique_ptr<QCoreApplication> application;

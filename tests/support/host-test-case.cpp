@@ -46,7 +46,7 @@ void HostTestCase::checkEnd(QProcess &host, int status, const QString &critical)
         QFAIL(("The host hangs:\n" + host.readAllStandardError()).constData());
     }
     said = QString::fromUtf8(host.readAllStandardError());
-    QVERIFY2(host.exitStatus() == QProcess::NormalExit, qPrintable(said));
+    QVERIFY2(host.exitStatus() == QProcess::NormalExit, qPrintable("signal %1:\n%2"_s.arg(host.exitCode()).arg(said)));
     QVERIFY2(host.exitCode() == status,
              qPrintable("%1 instead of %2:\n%3"_s.arg(host.exitCode()).arg(status).arg(said)));
 
