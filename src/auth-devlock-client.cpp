@@ -5,6 +5,7 @@
 #include "authd/options.h"
 
 #include <QtCore/QDebug>
+#include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusError>
 #include <QtDBus/QDBusPendingReply>
 
@@ -12,11 +13,25 @@
 
 namespace {
 
+// The D-Bus thread of Qt 5.15 enters the name that the bus gives to a connection into a list, and does not lock out the
+// calls, which look through that list, all but those of the bus itself. The bus tells the name before it answers. When
+// the event loop has just begun to run, what the bus told before comes after the answer, but is one task with it.
+void awaitOwnName(const QDBusConnection &bus)
+{
+    if (!bus.isConnected())
+        return;
+    bus.interface()->isServiceRegistered(bus.baseService());
+    QMetaObject::invokeMethod(
+        bus.interface(), [] {}, Qt::BlockingQueuedConnection);
+}
+
 // Every client's first use of D-Bus is this one.
 QDBusConnection systemBus()
 {
     makeTimerList();
-    return QDBusConnection::systemBus();
+    const QDBusConnection bus = QDBusConnection::systemBus();
+    awaitOwnName(bus);
+    return bus;
 }
 
 } // namespace
@@ -114,5 +129,7 @@ void AuthDevlockClientPrivate::handleBusLost()
 
 void AuthDevlockClientPrivate::setStateInternal(AuthDevlockClient::LockState newState)
 {
+    // In a host with an application the bus is not heard before the event loop runs.
+    awaitOwnName(connection);
     callMethod(devlockInterface, Authd::Method::SetState, {int(newState)});
 }

@@ -4,7 +4,7 @@
 // that is one), and END
 //     return   the main function returns
 //     exit     exit() is called
-//     loop     the event loop runs until the daemon sends the factor signal "quit"
+//     loop     the event loop runs until the daemon sends the factor signal "quit"; a devlock locks the device and quits
 //     second   another client is made once a line has come on standard input
 // It writes "ready" when it waits for something.
 
@@ -20,8 +20,14 @@ void startCalls(AuthDevlockClient *)
     // Its only call is the one that it makes by itself.
 }
 
-void quitOnSignal(AuthDevlockClient *)
+void quitOnSignal(AuthDevlockClient *client)
 {
+    // It hears none.
+    const auto lockAndQuit = [client] {
+        client->setState(AuthDevlockClient::Locked);
+        QCoreApplication::quit();
+    };
+    QMetaObject::invokeMethod(client, lockAndQuit, Qt::QueuedConnection);
 }
 
 template <class Client> int live(Client *client, const Orders &orders)

@@ -13,6 +13,8 @@ private Q_SLOTS:
     void daemonReturnsWithoutItsSocket_data();
     void daemonReturnsWithoutItsSocket();
     void noMessageIsLogged();
+    void deviceIsLockedAsTheLoopBegins_data();
+    void deviceIsLockedAsTheLoopBegins();
 
     void processEnds_data();
     void processEnds();
@@ -147,6 +149,25 @@ void TestExit::noMessageIsLogged()
     checkEnd(host, 0);
     QVERIFY(said.contains("connected to"_s));
     QVERIFY2(!said.contains("QDBus"_s), qPrintable(said));
+}
+
+void TestExit::deviceIsLockedAsTheLoopBegins_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    for (const char *application : {"app", "staticapp"}) {
+        for (const QString &storage : storages)
+            argumentsRow({QLatin1String(application), "devlock"_s, storage, "idle"_s, "loop"_s});
+    }
+}
+
+// Qt 5.15 takes no notice of the bus before.
+void TestExit::deviceIsLockedAsTheLoopBegins()
+{
+    QFETCH(QStringList, arguments);
+    QProcess host;
+    start(host, testHost, arguments);
+    checkEnd(host, 0);
+    QCOMPARE(daemon.calls().filter("SetState"_s).size(), 1);
 }
 
 void TestExit::processEnds_data()
