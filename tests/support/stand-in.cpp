@@ -45,6 +45,10 @@ void StandIn::settleBus()
 void StandIn::reset()
 {
     AuthStandIn::reset(0);
+    // Clients that outlive the daemon hear of the state by its announcement alone.
+    setLockState(0);
+    settleBus();
+    clearCalls();
 }
 
 void StandIn::misbehave(const char *method, const char *how, const QByteArray &more)
