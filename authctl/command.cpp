@@ -78,7 +78,7 @@ QString readParameter(const QString &word, Request &request)
 
 QString readOptionValue(const QString &word, Request &request)
 {
-    const QString problem = parseParameter(word, request.params);
+    QString problem = parseParameter(word, request.params);
     if (problem.isEmpty()) {
         request.name = request.params.firstKey();
         request.value = request.params.first();

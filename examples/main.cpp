@@ -138,8 +138,7 @@ int main(int argc, char **argv)
         {QStringLiteral("height"), wanted.height()},
     });
     engine.load(QUrl(QStringLiteral("qrc:/" SCREEN "/Main.qml")));
-    auto *screen =
-        engine.rootObjects().isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(engine.rootObjects().first());
+    auto *screen = qobject_cast<QQuickWindow *>(engine.rootObjects().value(0));
     if (!screen)
         return 2;
 

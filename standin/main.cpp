@@ -142,9 +142,9 @@ Options readOptions(const std::vector<std::string> &words, const std::set<std::s
         options.arguments.emplace_back(*argument);
     // GOption of GLib 2.74 takes no notice of the value in --no-bus=7.
     for (auto word = words.begin(); word != words.end() - static_cast<ptrdiff_t>(options.arguments.size()); ++word) {
-        for (const std::string flag : {"--no-bus", "--help", "--version"}) {
-            if (g_str_has_prefix(word->c_str(), (flag + '=').c_str()))
-                throw UsageError(flag + " takes no value");
+        for (const char *flag : {"--no-bus", "--help", "--version"}) {
+            if (g_str_has_prefix(word->c_str(), (std::string(flag) + '=').c_str()))
+                throw UsageError(std::string(flag) + " takes no value");
         }
     }
     return options;

@@ -3,7 +3,7 @@ import QtTest 1.15
 import Vantora.Auth 1.0
 import Vantora.Auth.Testing 1.0
 import Examples 1.0
-import ".."
+import "../qml"
 
 // The examples of docs/qml.md, in the order in which they are there.
 PatientTestCase {

@@ -756,6 +756,14 @@ can-switch-to-user   on$' authctl user 1000 show
     shows 0 "$shown" changes method code action reset --user 1000
 }
 
+offer_words()
+{
+    local service
+    for service in login unlock; do
+        ctl "{\"do\":\"set-option\",\"key\":\"worker/available-service-factors/$service\",\"value\":[\"code\",\"smartcard\",\"$json_words\"]}"
+    done
+}
+
 @test "what a user's settings say is shown on its line" {
     set_user worker/last-login-date "\"$json_words\""
     set_user worker/service-factors/unlock "[\"code\",\"$json_words\"]"
@@ -763,9 +771,7 @@ can-switch-to-user   on$' authctl user 1000 show
     shows 0 "unlock-factors       code, $shown" authctl user 1000 show
     shows 0 "\"last-login-date\":\"$shown_json\"" authctl user 1000 show --json
     shows 0 "$shown" authctl user 1000 last-login
-    for service in login unlock; do
-        ctl "{\"do\":\"set-option\",\"key\":\"worker/available-service-factors/$service\",\"value\":[\"code\",\"smartcard\",\"$json_words\"]}"
-    done
+    offer_words
     shows 0 "$shown  authd-factor-A" authctl factors --user 1000
     shows 0 "\"name\":\"$shown_json\"" authctl factors --user 1000 --json
     shows 0 "Chosen for unlock: $shown" changes unlock-factors toggle code --user 1000
@@ -781,6 +787,7 @@ can-switch-to-user   on$' authctl user 1000 show
 }
 
 @test "what happens by itself is shown on its line" {
+    offer_words
     shows 0 "factor              $shown {\"$shown_json\":\"$shown_json\"}" watched
     for event in 'unlock-factors      smartcard, ' 'factor-changed      '; do
         shows 0 "$event$shown" cat "$dir/out"
