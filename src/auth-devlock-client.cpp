@@ -29,7 +29,7 @@ void awaitOwnName(const QDBusConnection &bus)
 QDBusConnection systemBus()
 {
     makeTimerList();
-    const QDBusConnection bus = QDBusConnection::systemBus();
+    QDBusConnection bus = QDBusConnection::systemBus();
     awaitOwnName(bus);
     return bus;
 }

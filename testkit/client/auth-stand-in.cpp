@@ -64,7 +64,7 @@ private:
     QString connected() const
     {
         // A stand-in that is stopped takes neither connections nor requests when its queues are full.
-        const timeval timeout = {m_patience / 1000, m_patience % 1000 * 1000};
+        const timeval timeout = {m_patience / 1000, suseconds_t(m_patience % 1000) * 1000};
         setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
@@ -146,7 +146,7 @@ QJsonObject answerTo(const QByteArray &json, const QByteArray &path, int patienc
     QString problem;
     const QByteArray line =
         Connection(path, patience + delayOf(json)).exchange(lineOf(json), 1, eventLoop, &problem).value(0);
-    const QJsonObject answer = QJsonDocument::fromJson(line).object();
+    QJsonObject answer = QJsonDocument::fromJson(line).object();
     if (problem.isEmpty() && answer.value(QLatin1String("ok")).toBool())
         return answer;
     if (problem.isEmpty())
