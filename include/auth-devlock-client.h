@@ -53,8 +53,9 @@ public:
      * Connects to the daemon on the system bus and asks for the present state.
      *
      * The answer arrives later: the first stateChanged() comes with it, or with an announcement that comes before it;
-     * none comes while the daemon cannot tell. The constructor itself waits only for the bus
-     * and for the daemon's introspection data, at most 25 seconds when a daemon owns the name and does not answer.
+     * none comes while the daemon cannot tell. The constructor itself waits only for the bus (at most 25 seconds, should
+     * the bus hang) and for the daemon's introspection data, at most 25 seconds when a daemon owns the name and does not
+     * answer.
      *
      * @param parent the owner, or nullptr
      */
@@ -71,7 +72,8 @@ public:
     LockState state() const;
 
     /**
-     * Asks the daemon for another state and waits for its answer (at most 25 seconds).
+     * Asks the daemon for another state and waits for its answer (at most 25 seconds, after a question to
+     * the system bus itself, which answers at once unless it hangs: then at most 25 seconds more).
      *
      * Nothing changes here by the call: when the daemon accepts, it announces the new state and stateChanged() follows
      * from the event loop. A refusal or an error is not reported; state() simply stays as it was.

@@ -7,6 +7,7 @@
 #include <QtCore/QDebug>
 #include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusError>
+#include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusPendingReply>
 
 #include <cstdlib>
@@ -20,7 +21,10 @@ void awaitOwnName(const QDBusConnection &bus)
 {
     if (!bus.isConnected())
         return;
-    bus.interface()->isServiceRegistered(bus.baseService());
+    const QString service = QStringLiteral("org.freedesktop.DBus");
+    bus.call(QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service,
+                                            QStringLiteral("GetId")));
+    // This object lives in the D-Bus thread.
     QMetaObject::invokeMethod(
         bus.interface(), [] {}, Qt::BlockingQueuedConnection);
 }

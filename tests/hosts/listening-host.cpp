@@ -2,13 +2,13 @@
 // name on the system bus, later each state ("state 5") and, for each of its clients, each factor signal that is a
 // drain mark. Once standard input has ended it writes what it has heard else and what it shows, and ends.
 
+#include "bus-round-trip.h"
 #include "settings-test-case.h"
 
 #include <AuthSettings>
 
 #include <QtCore/QSocketNotifier>
 #include <QtDBus/QDBusConnection>
-#include <QtDBus/QDBusMessage>
 
 #include <cstdio>
 
@@ -58,8 +58,7 @@ int main(int argc, char **argv)
     QObject::connect(&inputEnd, &QSocketNotifier::activated, &application, &QCoreApplication::quit);
     QCoreApplication::exec();
     // What one follower has heard the others have yet to hear.
-    QDBusConnection::systemBus().call(
-        QDBusMessage::createMethodCall("org.freedesktop.DBus"_s, "/"_s, "org.freedesktop.DBus"_s, "GetId"_s));
+    roundTripToSystemBus();
     QCoreApplication::processEvents();
 
     sayHeard(clientHeard, "client");

@@ -1,7 +1,5 @@
+#include "bus-round-trip.h"
 #include "test-case.h"
-
-#include <QtDBus/QDBusConnection>
-#include <QtDBus/QDBusMessage>
 
 /** The daemon dies, restarts and hands its name over, with calls under way. */
 class TestRestart : public TestCase
@@ -287,8 +285,7 @@ void TestRestart::queuedSignalsOfTheOldInstanceAreNotHeard()
     const QByteArray old = "\"instance\":" + instance();
     daemon.request(R"({"do":"handover","keep-old":true})");
     // After this round trip the news of the new owner waits in the event queue, ahead of the old one's signals.
-    QDBusConnection::systemBus().call(
-        QDBusMessage::createMethodCall("org.freedesktop.DBus"_s, "/"_s, "org.freedesktop.DBus"_s, "GetId"_s));
+    roundTripToSystemBus();
     emitSignals({"Authenticated " + byteTuple("s3cr3t token"), "Factor ('code', @a{sv} {})"}, old);
     client->unlockIfNeeded();
     daemon.waitCalls("UnlockIfNeeded");

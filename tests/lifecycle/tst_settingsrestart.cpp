@@ -1,7 +1,5 @@
+#include "bus-round-trip.h"
 #include "settings-test-case.h"
-
-#include <QtDBus/QDBusConnection>
-#include <QtDBus/QDBusMessage>
 
 #include <thread>
 
@@ -452,8 +450,7 @@ void TestSettingsRestart::queuedSignalsOfTheOldInstanceAreNotHeard()
     const QByteArray old = onInstance();
     daemon.request(R"({"do":"handover","keep-old":true})");
     // After this round trip the news of the new owner waits in the event queue, ahead of the old one's signals.
-    QDBusConnection::systemBus().call(
-        QDBusMessage::createMethodCall("org.freedesktop.DBus"_s, "/"_s, "org.freedesktop.DBus"_s, "GetId"_s));
+    roundTripToSystemBus();
     SignalRecorder heard(client.get());
     daemon.emitSignal("OptionChanged", "('worker/can-switch-to-user', <false>)", old);
     daemon.emitSignal("UserOptionChanged", "(uint32 1000, 'worker/is-user-settable', <false>)", old);
