@@ -132,7 +132,7 @@ QString readTimeout(const QString &word, Request &request)
     return {};
 }
 
-const std::vector<Value> Arguments = {
+constexpr Value Arguments[] = {
     {"SERVICE", readText<&Request::service>, words<Services>},
     {"STATE", readState, stateNames},
     {"FACTOR", readText<&Request::calledFactor>},
@@ -314,7 +314,7 @@ bool isWord(const QString &part)
 
 const Value &argument(const QString &name)
 {
-    return *std::find_if(Arguments.begin(), Arguments.end(),
+    return *std::find_if(std::begin(Arguments), std::end(Arguments),
                          [&name](const Value &value) { return name == QString::fromUtf8(value.name); });
 }
 

@@ -63,8 +63,6 @@ struct Option
     bool aside = false;               ///< prints something instead of doing a command
 };
 
-// The tables live as long as the program.
-// clazy:excludeall=non-pod-global-static
 extern const std::vector<Command> Commands;
 extern const std::vector<Option> Options;
 
