@@ -97,7 +97,7 @@ void drawInto(const QString &file, QQuickWindow *screen)
 
 int main(int argc, char **argv)
 {
-    // Looked at before anything is opened here: what is no descriptor yet may become one of the toolkit's.
+    // Looked at before anything is opened here: what is no descriptor yet may become one of Qt's.
     bool isProbed = false;
     const int descriptor = qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD", &isProbed);
     isProbed = isProbed && fcntl(descriptor, F_SETFD, FD_CLOEXEC) == 0;

@@ -33,7 +33,7 @@ Item {
     }
 
     activeFocusOnTab: true
-    // The toolkit does not tell the name of a field for passwords, but its description.
+    // Qt Quick does not tell the name of a field for passwords, but its description.
     Accessible.role: Accessible.EditableText
     Accessible.description: digits ? qsTr("Code, %n digit(s) entered", "", digits.length) : qsTr("Code, empty")
     Accessible.passwordEdit: true

@@ -231,7 +231,7 @@ Sheet {
                                       .arg(page.nameOf(page.unheard))
                                     : ""
                         Layout.fillWidth: true
-                        // The toolkit would send a number that a real property holds as one with a fraction.
+                        // QML makes a double of a number that a real property holds, and Qt D-Bus would send it as one.
                         onSubmitted: {
                             page.asked = uid;
                             request.busy = true;

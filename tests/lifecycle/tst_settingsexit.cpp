@@ -50,7 +50,7 @@ const QString unloadHost = QStringLiteral(UNLOAD_HOST);
 
 const QString noSocket =
     QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd.socket" "authd_p2p_settings_client" ".+")");
-// The toolkit may know of no error when the connection was closed later.
+// QDBusConnection may know of no error when the connection was closed later.
 const QString closedSocket =
     QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd.socket" "authd_p2p_settings_client" ".*")");
 
@@ -366,7 +366,7 @@ void TestSettingsExit::libraryStaysWhenAPluginIsUnloaded_data()
     }
 }
 
-// The toolkit keeps code and texts of the library that it has once been given.
+// Qt keeps pointers to code and texts of the library that it has once been given.
 void TestSettingsExit::libraryStaysWhenAPluginIsUnloaded()
 {
     QFETCH(QStringList, arguments);

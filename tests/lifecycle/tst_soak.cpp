@@ -212,7 +212,7 @@ void SoakTest::everyCallEndsOnceAndNothingGrows()
             warm = resources();
     }
 
-    // The toolkit closes sockets in a thread of its own.
+    // Qt D-Bus closes sockets in a thread of its own.
     QVERIFY2(waitFor([&] { return resources().descriptors <= warm.descriptors; }),
              qPrintable("from %1 to %2 descriptors"_s.arg(warm.descriptors).arg(resources().descriptors)));
     // The heap breathes; had each call left only 32 bytes behind, it would have grown by more.

@@ -17,13 +17,13 @@ struct OptionValue
     QByteArray json;   ///< as the stand-in's requests write it
     QString text;      ///< as GVariant writes it
     QString signature; ///< its type on the bus
-    QVariant variant;  ///< as the toolkit hands it out; invalid for what it does not decode
+    QVariant variant;  ///< as Qt D-Bus hands it out; invalid for what it does not decode
 };
 
 OptionValue boolValue(bool value);
 OptionValue textValue(const QString &value);
 OptionValue listValue(const QStringList &value);
-/** @p text has a value of @p signature, which the toolkit hands out as @p variant. */
+/** @p text has a value of @p signature, which Qt D-Bus hands out as @p variant. */
 OptionValue otherValue(const char *signature, const char *text, const QVariant &variant);
 
 /** A text in GVariant notation. */

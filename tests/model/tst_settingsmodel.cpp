@@ -202,7 +202,7 @@ public:
                 note(names);
                 return;
             }
-            // What the toolkit does not decode is unreadable for everybody.
+            // What Qt D-Bus does not decode is unreadable for everybody.
             const QVariant value = params["value"_s];
             if (value.userType() == qMetaTypeId<QDBusArgument>() || value.userType() == qMetaTypeId<QDBusVariant>())
                 params["value"_s] = QVariant();

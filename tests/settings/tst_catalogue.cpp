@@ -457,7 +457,7 @@ void TestCatalogue::titleWithoutATranslationIsItsId_data()
                            << "authd-factor-a b"_s;
     QTest::newRow("per cent") << "100%n %1"_s
                               << "authd-factor-100%n %1"_s;
-    // The id is Latin-1 text; the toolkit takes it for UTF-8 when nothing translates it.
+    // The id is Latin-1 text; qtTrId() takes it for UTF-8 when nothing translates it.
     QTest::newRow("beyond Latin-1") << "Жо日"_s
                                     << "authd-factor-???"_s;
     QTest::newRow("Latin-1") << "né"_s

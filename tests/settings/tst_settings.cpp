@@ -192,7 +192,7 @@ QStringList rowNames(const AuthSettingsClient &client)
     return result;
 }
 
-// Values that are no bool, and the bools that the toolkit makes of them.
+// Values that are no bool, and the bools that QVariant makes of them.
 void boolRows()
 {
     QTest::addColumn<QByteArray>("value");

@@ -22,8 +22,8 @@ protected:
     /**
      * Waits for the host's end, and checks its status and what it has said.
      *
-     * @p critical is a regular expression for its one critical line. Without that there must be no warning of the
-     * toolkit either.
+     * @p critical is a regular expression for its one critical line. Without that there must be no warning of
+     * Qt either.
      */
     void checkEnd(QProcess &host, int status, const QString &critical = QString());
     /** Leaves the asynchronous calls unanswered. */

@@ -30,14 +30,14 @@ private:
 
 namespace {
 const QString screenHost = QStringLiteral(SCREEN_HOST);
-// The toolkit may know of no error when the connection was closed later.
+// QDBusConnection may know of no error when the connection was closed later.
 const QString closed =
     QStringLiteral(R"(Cannot connect to "unix:path=/var/run/authd/authd\.socket" "authd_p2p(_settings)?_client" ".*")");
 } // namespace
 
 void TestScreenExit::initTestCase()
 {
-    // The toolkit's graphics warn where there is none.
+    // Qt Gui warns where there is none.
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(m_directory.path()));
 }
 
@@ -74,7 +74,7 @@ void TestScreenExit::daemonReturnsWithoutItsSocket_data()
     QTest::newRow("own") << screenHost << QStringList{"quit"_s, "flight"_s} << 1;
     for (const QString &screen : {"lockscreen"_s, "login"_s, "settings"_s})
         QTest::newRow(qPrintable(screen)) << QStringLiteral(SCREENS "/auth-") + screen << user << 1;
-    // Descriptors that there are not, until the toolkit opens something; valgrind has its own.
+    // Descriptors that there are not, until Qt opens something; valgrind has its own.
     const int end = qEnvironmentVariableIsEmpty("AUTH_TEST_RUNNER") ? 10 : 3;
     for (int probe = 3; probe < end; ++probe)
         QTest::addRow("lockscreen %d", probe) << QStringLiteral(SCREENS "/auth-lockscreen") << user << probe;

@@ -86,7 +86,7 @@ LockScreenCase {
             verify(item.width >= touch && item.height >= touch,
                    describe(item) + " is large enough to be touched: " + item.width + "x" + item.height);
             compare(Pictures.role(item), isField(item) ? "EditableText" : "Button", describe(item));
-            // The toolkit tells no name of a field for passwords.
+            // Qt Quick tells no name of a field for passwords.
             verify(isField(item) ? Pictures.accessibleDescription(item) : Pictures.accessibleName(item),
                    describe(item) + " has a name for assistive technology");
             verify(Pictures.isInside(screen, item), describe(item) + " is inside");

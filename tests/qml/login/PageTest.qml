@@ -220,7 +220,7 @@ ScreenTestCase {
         }
         for (const it of items(isControl)) {
             verify(it.width >= 48 && it.height >= 48, it + " can be hit: " + it.width + "x" + it.height);
-            // The toolkit tells no name of a field for passwords.
+            // Qt Quick tells no name of a field for passwords.
             verify(isField(it) ? Pictures.accessibleDescription(it) : Pictures.accessibleName(it), it + " has a name");
             compare(Pictures.role(it), isField(it) ? "EditableText" : it instanceof Toggle ? "CheckBox" : "Button");
             if (it instanceof Toggle)
