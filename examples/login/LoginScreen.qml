@@ -109,7 +109,8 @@ Sheet {
 
         // This ends what is under way, and takes back what has been granted.
         onLockStateChanged: {
-            if (lockState !== AuthDevlockClient.Locked && isKnown)
+            // isKnown follows after this.
+            if (lockState !== AuthDevlockClient.Locked && lockState !== AuthDevlockClient.Undefined)
                 return;
             form.giveUp();
             login.startOver();

@@ -39,13 +39,11 @@ PageTest {
         tryForm("Sudis");
     }
 
-    // That the form asks for this factor, and can be used.
     function signIn(secret = "1234") {
         enter(secret);
         tryCompare(page, "signedIn", true);
     }
 
-    // What the daemon was asked, without the challenges.
     // The connections that the requests came from.
     function peers() {
         return daemon.calls("Authenticate").map(call => call.peer);
@@ -679,6 +677,26 @@ PageTest {
         tryForm("Code");
         compare(note(), "");
         compare(heading(), "Alex");
+    }
+
+    function test_aStateThatIsNotKnownSignsOut() {
+        show(1000);
+        signIn();
+        daemon.setLockState(AuthDevlockClient.Undefined);
+        tryCompare(page, "signedIn", false);
+    }
+
+    function test_aStateThatIsNotKnownEndsWhatIsUnderWay() {
+        show(1000);
+        daemon.hold("Authenticate", 1);
+        ask("1234");
+        daemon.setLockState(AuthDevlockClient.Undefined);
+        tryVerify(() => note() === away);
+        compare(item("attempt").stage, Attempt.Idle);
+        daemon.release();
+        daemon.lock();
+        tryForm("Code");
+        compare(claims.count, 0);
     }
 
     function test_unlockingTheDeviceSignsNobodyOut() {
