@@ -230,6 +230,7 @@ ScreenTestCase {
                            "factor-slow", "factor-broken", "leave"], enter: () => {
             daemon.setOption("worker/service-factors/unlock", ["code", "smartcard", "sudis", "slow", "broken"], 1000);
             startLocked();
+            chooserWasOpened = true;
             press("footer");
             tryVerify(() => isShown("factor-broken"));
         } },

@@ -868,8 +868,10 @@ LockScreenCase {
         typeCode("1234");
         makeOverdue();
         compare(find("attempt").params, null);
-        if (data.learns)
+        if (data.learns) {
             daemon.lock();
+            tryVerify(() => find("attempt").existing.isSettled);
+        }
         settle();
         compare(daemon.calls("Authenticate").length, 0);
         compare(screen.unlocked, false);

@@ -4,6 +4,7 @@ import QtQuick.Templates 2.15 as T
 import QtQuick.Window 2.15
 import Vantora.Tests 1.0
 import "../../../examples/lockscreen"
+import "../../../examples/logic"
 import "../../../examples/style"
 
 // What matters can be seen, read and reached, in each state, on each size of screen and in both themes.
@@ -190,8 +191,8 @@ LockScreenCase {
         });
         typeCode("1234");
         verifyUnlocks();
-        verify(drawn[2] >= 1, "frames drawn before the question: " + drawn[2]);
-        verify(drawn[0] >= 1, "frames drawn before the unlocking: " + drawn[0]);
+        verify(drawn[Attempt.Asked] >= 1, "frames drawn before the question: " + drawn[Attempt.Asked]);
+        verify(drawn[Attempt.Idle] >= 1, "frames drawn before the unlocking: " + drawn[Attempt.Idle]);
     }
 
     function test_theUnlockedPageShowsThePressBeforeTheDaemonIsAsked() {
@@ -232,10 +233,10 @@ LockScreenCase {
         verify(/manager/.test(Pictures.accessibleDescription(find("notice"))));
     }
 
-    // What comes from elsewhere. These run after the scene without a daemon, in the order of their names: the client
-    // that the chooser asks ends the process when there is none.
+    // What comes from elsewhere.
 
     function openChooser(factors) {
+        chooserWasOpened = true;
         daemon.setOption("worker/service-factors/unlock", factors, 1000);
         startLocked();
         press("footer");
