@@ -95,8 +95,9 @@ template <QString Request::*Member> QString readText(const QString &word, Reques
 QString readFactor(const QString &word, Request &request)
 {
     request.factor = word;
-    // An empty one would mean that no authentication is wanted.
-    return word.isEmpty() ? QStringLiteral("--factor wants a factor's name") : QString();
+    // An empty one would mean that no authentication is wanted; with "--factor --help" help is.
+    const bool isName = !word.isEmpty() && !word.startsWith(QLatin1String("--"));
+    return isName ? QString() : QStringLiteral("--factor wants a factor's name");
 }
 
 QString readUid(const QString &word, Request &request)

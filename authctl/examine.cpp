@@ -26,11 +26,6 @@ const struct
     {"fault", Unreachable, "a host would end with status 1 here"},
 };
 
-QString latin(const char *text)
-{
-    return QString::fromLatin1(text);
-}
-
 void tell(Output &output, bool json, const Finding &finding)
 {
     const auto &level = Levels[int(finding.level)];

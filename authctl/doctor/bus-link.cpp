@@ -69,8 +69,6 @@ Outcome BusLink::connectTo(const QByteArray &name, const QDeadlineTimer &deadlin
     const bool abstract = name.startsWith('\0');
     const auto length = offsetof(sockaddr_un, sun_path) + size_t(name.size()) + (abstract ? 0 : 1);
 
-    if (m_socket >= 0)
-        close(m_socket);
     m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     m_user = geteuid();
     // Connecting waits for a place in the queue of a socket that nobody accepts from.
@@ -254,7 +252,7 @@ Outcome BusLink::receive(Message &message, const QDeadlineTimer &deadline)
         return outcome;
     message.reset(dbus_message_demarshal(m_received, length, nullptr));
     m_received.remove(0, length);
-    return message ? Outcome::Fine : garbage(QStringLiteral("an answer that is cut off or otherwise wrong"));
+    return message ? Outcome::Fine : garbage(QStringLiteral("a message that is cut off or otherwise wrong"));
 }
 
 Outcome BusLink::garbage(const QString &words)

@@ -55,7 +55,7 @@ public:
     ~BusLink();
     Q_DISABLE_COPY(BusLink)
 
-    /** Connects to a socket; a name that begins with a zero byte is an abstract one. */
+    /** Connects to a socket, once; a name that begins with a zero byte is an abstract one. */
     Outcome connectTo(const QByteArray &name, const QDeadlineTimer &deadline);
     /** Shakes hands, with the mechanism EXTERNAL. */
     Outcome authenticate(const QDeadlineTimer &deadline);

@@ -30,11 +30,6 @@ const char StartBus[] = "Start the system bus: systemctl start dbus.socket";
 const char RestartBus[] = "See what it does: journalctl -u dbus. Should it stay so, restart the machine";
 const char CorrectAddress[] = "Correct the address of the bus, or do without: unset DBUS_SYSTEM_BUS_ADDRESS";
 
-QString latin(const char *text)
-{
-    return QString::fromLatin1(text);
-}
-
 /** What a conversation that does not work is told with. */
 struct Side
 {
@@ -138,6 +133,11 @@ bool ask(Machine &machine, const char *method, const QString &argument, BusReply
 }
 
 } // namespace
+
+QString latin(const char *text)
+{
+    return QString::fromLatin1(text);
+}
 
 bool Machine::timeIsLeft()
 {
@@ -315,6 +315,9 @@ Findings checkBusHandshake(Machine &machine)
         machine.bus.reset();
         return findings;
     }
+    // Without the time for it, Hello was not said, and nothing is known yet.
+    if (machine.late)
+        return {};
     machine.busName = name.text;
     return {{Level::Fine, "bus", QStringLiteral("user %1 may use the bus at %2").arg(geteuid()).arg(address.text)}};
 }
@@ -329,6 +332,13 @@ Findings checkName(Machine &machine)
         if (!ask(machine, "GetConnectionUnixProcessID", owner.text, process, findings)
             || !ask(machine, "GetConnectionUnixUser", owner.text, user, findings))
             return findings;
+        if (!process.errorName.isEmpty() || !user.errorName.isEmpty()) {
+            return {
+                {Level::Warning, "name",
+                 QStringLiteral("the bus does not tell who owns %1: the daemon may just have gone").arg(latin(Service)),
+                 "A host runs, but while no daemon owns the name the device-lock state is Undefined.",
+                 latin(RestartDaemon)}};
+        }
         machine.nameIsOwned = true;
         machine.ownerProcess = process.number;
         machine.ownerUser = user.number;

@@ -55,6 +55,8 @@ struct Machine
     std::optional<quint32> ownerUser;
 };
 
+QString latin(const char *text);
+
 /** What is told when the examination is over before everything was examined. */
 Finding tooLate();
 

@@ -98,7 +98,7 @@ needs_users()
     found 3 'Settings lacks signal Factor\(sa\{sv\}\)'$'\n' --standin 'lacking .Settings "s/signal name=.Factor./signal name=\"X\"/"'
     found 3 'Devlock lacks method GetState\(\)i, method SetState\(i\), signal StateChanged\(i\)'$'\n' --standin \
         'lacking .Devlock "s/type=.i./type=\"x\"/"'
-    found 1 'answers Introspect of /vantora/AuthService with garbage: an answer that is cut off' '' 'fake "$OK" cut=a mute; doctor'
+    found 1 'answers Introspect of /vantora/AuthService with garbage: a message that is cut off' '' 'fake "$OK" cut=a mute; doctor'
     found 1 'answers Introspect of /vantora/AuthService with garbage: a message that is too long' '' 'fake "$OK" huge=a mute; doctor'
     found 1 'ok  *main-object' --no-bus 'fake "$OK" "stale=<node/>" "text=$(describe "" "")" mute; doctor'
 }
@@ -201,9 +201,13 @@ needs_users()
     found 0 'ok  *bus' '' 'bus "$example"; serve; DBUS_SYSTEM_BUS_ADDRESS=$(</run/strict.address); runs'
 }
 
-@test "a name that nobody owns is told" {
+@test "a name that nobody owns, or whose owner cannot be told, is told" {
     found 3 'warning  *name  *no daemon owns vantora.AuthService on the bus, which knows none to start.*Undefined' '' \
         'bus "$example"; serve; ctl "{\"do\":\"release-name\"}"; doctor'
+    for answers in 'error=a.b.NameHasNoOwner' 'number=5 error=a.b.NameHasNoOwner'; do
+        found 3 'warning  *name  *the bus does not tell who owns vantora.AuthService: the daemon may just have gone'$'\n' --standin \
+            'fake_bus "$OK" text=:1.7 text=:1.8 '"$answers"' number=0; without "^ok  *name" doctor'
+    done
 }
 
 @test "another process than the owner of the name on the socket is told" {
@@ -250,6 +254,9 @@ needs_users()
     found 4 'freeze  *time  *answers came so late' --no-bus '
         fake "$OK" slow=1500 slow=1500 "text=<node/>" slow=1500 "text=<node/>" bytes=x
         fake_bus "$OK" slow=1500 text=:1.7 slow=1500 text=:1.8; doctor'
+    found 4 'freeze  *time  *answers came so late' --no-bus '
+        fake "$OK" slow=1500 slow=1500 "text=<node/>" slow=1500 "text=<node/>" slow=1500 bytes=x
+        fake_bus "$OK" slow=1500; without "^ok  *bus" doctor'
     found 6 'the output cannot be written' --standin 'doctor >/dev/full'
     found 2 'too many arguments for doctor' --standin 'doctor now'
     found 2 'doctor does not authenticate' --standin 'doctor --factor code'
