@@ -549,31 +549,40 @@ void AuthSettingsClientPrivate::triggerFactorInternal(int row)
     saveFactorsInternal();
 }
 
+template <typename Function> void AuthSettingsClientPrivate::forEachUnlockFactor(Function function)
+{
+    for (Factor &factor : m_factors) {
+        if (factor.type == Authd::Value::Unlock)
+            function(factor);
+    }
+}
+
 void AuthSettingsClientPrivate::triggerUnlockFactor(const QString &name)
 {
     bool turnedOn = false;
     bool wasOn = false;
     bool otherOn = false;
-    QVector<Factor *> others;
-    for (Factor &factor : m_factors) {
-        if (factor.type != Authd::Value::Unlock)
-            continue;
+    forEachUnlockFactor([&](Factor &factor) {
         if (factor.name == name) {
             factor.selected = !factor.enabled;
             turnedOn = factor.selected;
             wasOn = factor.enabled;
-        } else {
-            others.append(&factor);
-            otherOn = otherOn || factor.enabled;
+        } else if (factor.enabled) {
+            otherOn = true;
         }
-    }
-    // One factor is exclusive, and unlocking is never left without a factor.
-    const bool excludesOthers = turnedOn && otherOn && name == Authd::Value::Sudis;
-    const bool leavesNone = wasOn && !otherOn;
-    if (excludesOthers || leavesNone) {
-        for (Factor *other : qAsConst(others))
-            other->selected = leavesNone;
-    }
+    });
+    const auto selectOthers = [&](bool selected) {
+        forEachUnlockFactor([&](Factor &factor) {
+            if (factor.name != name)
+                factor.selected = selected;
+        });
+    };
+    // This factor is exclusive.
+    if (turnedOn && otherOn && name == Authd::Value::Sudis)
+        selectOthers(false);
+    // Unlocking is never left without a factor.
+    if (wasOn && !otherOn)
+        selectOthers(true);
     saveFactorsInternal();
 }
 

@@ -114,6 +114,7 @@ private:
     void updateIsUserSettable(bool value);
     void updateUserWarning(const QString &text);
 
+    template <typename Function> void forEachUnlockFactor(Function function);
     void saveFactorsInternal();
 
     /** How often a user has been selected. */
