@@ -53,9 +53,10 @@ public:
      * Connects to the daemon on the system bus and asks for the present state.
      *
      * The answer arrives later: the first stateChanged() comes with it, or with an announcement that comes before it;
-     * none comes while the daemon cannot tell. The constructor itself waits only for the bus (at most 25 seconds, should
-     * the bus hang) and for the daemon's introspection data, at most 25 seconds when a daemon owns the name and does not
-     * answer.
+     * none comes while the daemon cannot tell. The constructor itself waits only for the bus and for the daemon's
+     * introspection data: at most 25 seconds when a daemon owns the name and does not answer. A bus that hangs after
+     * it has let the process in holds each of three questions for 25 seconds; one that accepts connections and says
+     * nothing holds the constructor for as long as that lasts.
      *
      * @param parent the owner, or nullptr
      */
