@@ -102,7 +102,8 @@ private:
         pollfd source = {m_socket, POLLIN, 0};
         int ready = 0;
         do
-            ready = poll(&source, 1, eventLoop == EventLoop::Turns ? 0 : int(m_deadline.remainingTime()));
+            // The loop ends, or does not begin, also when the application has been told to quit.
+            ready = poll(&source, 1, int(m_deadline.remainingTime()));
         while (ready < 0 && errno == EINTR);
         if (ready <= 0)
             return silence();

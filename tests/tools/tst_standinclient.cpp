@@ -19,7 +19,7 @@ namespace {
 
 constexpr int patience = 120000; // where an answer comes; where none does, it is brief
 constexpr int brief = 50;
-const QByteArray good = "{\"ok\":true,\"calls\":[{\"method\":\"GetState\"}]}\n";
+constexpr char good[] = "{\"ok\":true,\"calls\":[{\"method\":\"GetState\"}]}\n";
 
 /** Listens like a stand-in, and meets each of so many connections as it is told. */
 class Server
@@ -39,6 +39,8 @@ public:
         m_thread = std::thread([this, connections, meet] {
             for (int i = 0; i < connections; ++i) {
                 const int connection = accept(m_listener, nullptr, nullptr);
+                if (connection < 0)
+                    return;
                 meet(connection);
                 close(connection);
             }
@@ -46,6 +48,8 @@ public:
     }
     ~Server()
     {
+        // Who has not come by now does not come any more.
+        shutdown(m_listener, SHUT_RDWR);
         m_thread.join();
         close(m_listener);
     }
@@ -125,6 +129,7 @@ private slots:
     void severalRequestsOfWhichNotAllAreAnswered();
     void waitingTakesAsLongAsTheRequestSays();
     void onlyWaitForCallsTurnsTheEventLoop();
+    void waitForCallsWaitsAlsoAfterTheApplicationWasToldToQuit();
     void textOfSeveralLinesIsOneRequest();
     void bigRequestAndAnswer();
     void nextRequestFindsANewStandIn();
@@ -159,7 +164,7 @@ void TestStandInClient::answers_data()
     const QString nonsense = QStringLiteral("the stand-in answers what is no answer");
 
     QTest::newRow("good") << answering(good) << patience << QString();
-    QTest::newRow("two at once") << answering(good + "{\"ok\":false}\n") << patience << QString();
+    QTest::newRow("two at once") << answering(QByteArray(good) + "{\"ok\":false}\n") << patience << QString();
     QTest::newRow("in pieces") << inPieces(good) << patience << QString();
     QTest::newRow("ends after the answer") << ending(good) << patience << QString();
     QTest::newRow("refused") << answering("{\"ok\":false,\"error\":\"no\"}\n") << patience << QStringLiteral("no");
@@ -168,10 +173,10 @@ void TestStandInClient::answers_data()
     QTest::newRow("no JSON") << answering("yes\n") << patience << nonsense;
     QTest::newRow("empty line") << answering("\n") << patience << nonsense;
     QTest::newRow("silent") << answering("") << brief << silence;
-    QTest::newRow("silent under way") << answering(good.left(9)) << brief << silence;
+    QTest::newRow("silent under way") << answering(QByteArray(good, 9)) << brief << silence;
     QTest::newRow("ends") << ending("") << patience << end;
-    QTest::newRow("ends under way") << ending(good.left(9)) << patience << end;
-    QTest::newRow("ends before the line does") << ending(good.trimmed()) << patience << end;
+    QTest::newRow("ends under way") << ending(QByteArray(good, 9)) << patience << end;
+    QTest::newRow("ends before the line does") << ending(QByteArray(good).trimmed()) << patience << end;
     QTest::newRow("ends at once") << Server::Meeting([](int) {}) << patience << end;
 }
 
@@ -291,6 +296,17 @@ void TestStandInClient::onlyWaitForCallsTurnsTheEventLoop()
     QVERIFY(!hasTurned);
     QCOMPARE(m_client->waitForCalls(QStringLiteral("GetState")).size(), 1);
     QVERIFY(hasTurned);
+}
+
+void TestStandInClient::waitForCallsWaitsAlsoAfterTheApplicationWasToldToQuit()
+{
+    const Server server(m_path, 1, inPieces(good));
+    QCoreApplication::quit();
+    QCOMPARE(m_client->waitForCalls(QStringLiteral("GetState"), 1, patience).size(), 1);
+    QCOMPARE(m_errors, QStringList());
+    // Otherwise no loop would begin any more.
+    QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+    QCoreApplication::exec();
 }
 
 void TestStandInClient::textOfSeveralLinesIsOneRequest()
