@@ -3,7 +3,10 @@
 get_filename_component(name ${PROGRAM} NAME)
 # Not said here, as only the tests look at memory.
 set(ENV{ASAN_OPTIONS} detect_leaks=0)
-execute_process(COMMAND ${PROGRAM} ${LIST} OUTPUT_VARIABLE said COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND ${PROGRAM} ${LIST} OUTPUT_VARIABLE said RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+    message(FATAL_ERROR "${name} ${LIST} has ended with ${status}")
+endif()
 # "function()", or "class function" and "class function row".
 string(REGEX REPLACE "\\(\\)" "" said "${said}")
 string(REGEX REPLACE "(^|\n)[A-Za-z]+ ([A-Za-z]+)" "\\1\\2" said "${said}")
