@@ -25,7 +25,7 @@ int read(QObject *client)
         EXPECT(client->metaObject()->property(i).read(client).isValid());
     const QVariant factors = client->property("factors");
     EXPECT(factors.userType() == QMetaType::type("FactorListModel*"));
-    const QVariant copy = factors;
+    const QVariant copy = factors; // NOLINT(performance-unnecessary-copy-initialization): it is what is tested
     EXPECT(copy == factors);
     auto *model = copy.value<QAbstractItemModel *>();
     EXPECT(model && model == factors.value<QObject *>());

@@ -59,7 +59,7 @@ struct Screen
 
     Screen()
     {
-        QObject::connect(&engine, &QQmlEngine::warnings, [this] { ++warnings; });
+        QObject::connect(&engine, &QQmlEngine::warnings, &engine, [this] { ++warnings; });
     }
 
     ~Screen()

@@ -42,7 +42,7 @@ Range mapped(const char *name)
 // Whoever still uses what was there is found out, and nothing is loaded there again.
 void block(const Range &range)
 {
-    const auto begin = reinterpret_cast<void *>(range.begin);
+    const auto begin = reinterpret_cast<void *>(range.begin); // NOLINT(performance-no-int-to-ptr)
     if (mmap(begin, range.end - range.begin, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0)
         != begin) {
         perror("mmap");

@@ -217,7 +217,7 @@ void SoakTest::everyCallEndsOnceAndNothingGrows()
              qPrintable("from %1 to %2 descriptors"_s.arg(warm.descriptors).arg(resources().descriptors)));
     // The heap breathes; had each call left only 32 bytes behind, it would have grown by more.
     const size_t memory = resources().memory;
-    QVERIFY2(memory < warm.memory + 32 * Rounds * CallsPerRound,
+    QVERIFY2(memory < warm.memory + size_t(32) * Rounds * CallsPerRound,
              qPrintable("from %1 to %2 bytes"_s.arg(warm.memory).arg(memory)));
 
     for (AuthClient &client : m_clients)

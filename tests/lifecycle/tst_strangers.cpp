@@ -349,8 +349,8 @@ void SocketTap::run()
         const std::lock_guard<std::mutex> guard(m_mutex);
         for (int i = m_pairs.size() - 1; i >= 0; --i) {
             const auto [host, daemon] = m_pairs.at(i);
-            if ((polled[size_t(2 * i + 2)].revents && !passOn(host, daemon))
-                || (polled[size_t(2 * i + 3)].revents && !passOn(daemon, host))) {
+            if ((polled[2 * size_t(i) + 2].revents && !passOn(host, daemon))
+                || (polled[2 * size_t(i) + 3].revents && !passOn(daemon, host))) {
                 close(host);
                 close(daemon);
                 m_pairs.removeAt(i);

@@ -85,7 +85,7 @@ private:
 
 // The waits are as many timeouts long, and not one more.
 #define CHECK_TIMEOUTS(milliseconds, count)                                                                            \
-    QVERIFY2((milliseconds) > 24000 * (count) && (milliseconds) < 24000 * ((count) + 1),                               \
+    QVERIFY2((milliseconds) > qint64(24000) * (count) && (milliseconds) < qint64(24000) * ((count) + 1),               \
              qPrintable(QString::number(milliseconds)))
 
 void TestTimeouts::asynchronousCalls()

@@ -6,7 +6,7 @@ const char LogRecorder::secretMark[] = "s3cr3t";
 
 namespace {
 LogRecorder *recorder = nullptr;
-QList<QByteArray> secrets = {LogRecorder::secretMark};
+Q_GLOBAL_STATIC_WITH_ARGS(QList<QByteArray>, secrets, ({LogRecorder::secretMark}))
 
 const char *levelName(QtMsgType type)
 {
@@ -55,7 +55,7 @@ void LogRecorder::record(QtMsgType type, const QMessageLogContext &context, cons
     if (!context.file || strncmp(context.file, "src/", 4) != 0 || context.line <= 0 || !context.function)
         m_faults.append(QStringLiteral("no place in the sources: ") + line);
     const QByteArray written = text.toUtf8();
-    for (const QByteArray &secret : qAsConst(secrets)) {
+    for (const QByteArray &secret : qAsConst(*secrets)) {
         if (written.contains(secret) || written.toLower().contains(secret.toHex()))
             m_faults.append(QStringLiteral("a secret: ") + line);
     }
@@ -110,6 +110,6 @@ QStringList LogRecorder::takeFaults()
 
 void LogRecorder::forbid(const QByteArray &secret)
 {
-    if (secret.size() >= 4 && !secrets.contains(secret))
-        secrets.append(secret);
+    if (secret.size() >= 4 && !secrets->contains(secret))
+        secrets->append(secret);
 }

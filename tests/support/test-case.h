@@ -19,7 +19,7 @@ inline QString operator""_s(const char *text, size_t size)
 }
 
 /** Factor signals whose name begins so mark a point in the stream of signals; recorders leave them out. */
-inline constexpr QLatin1String drainMark("drain-");
+inline const QLatin1String drainMark("drain-");
 
 /** How the recorder writes a rebuild of the model's rows. */
 inline const QStringList resetSignals{"model resets"_s, "model reset"_s, "model loginFactorsCountChanged()"_s};

@@ -91,16 +91,16 @@ Bytes message(char type, uint32_t replySerial, const Bytes &signature, const Byt
 bool drawAnswer(Lots &lots, uint32_t serial, Bytes &answer)
 {
     bigEndian = draw(lots, 2);
-    static const char *const texts[] = {"",
-                                        ":1.7",
-                                        "org.x",
-                                        "<node/>",
-                                        "<node",
-                                        "<!DOCTYPE a [<!ENTITY b 'cc'><!ENTITY d '&b;&b;'>]><node>&d;</node>",
-                                        "<node><interface name='vantora.AuthService'><method name='Authenticate'><arg "
-                                        "type='s'/></method></interface></node>",
-                                        "\xff\xfe",
-                                        "<node><node><node><node>"};
+    static const char *const texts[] = {
+        "",
+        ":1.7",
+        "org.x",
+        "<node/>",
+        "<node",
+        "<!DOCTYPE a [<!ENTITY b 'cc'><!ENTITY d '&b;&b;'>]><node>&d;</node>",
+        "<node><interface name='vantora.AuthService'><method name='A'/></interface></node>",
+        "\xff\xfe",
+        "<node><node><node><node>"};
     Bytes body;
     const Bytes signature = Bytes(draw(lots, 2)       ? "s"
                                       : draw(lots, 2) ? "u"

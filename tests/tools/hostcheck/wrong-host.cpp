@@ -108,7 +108,8 @@ public:
         , m_notifier(probe, QSocketNotifier::Read)
     {
         QObject::connect(&m_notifier, &QSocketNotifier::activated, &m_notifier, [this] {
-            for (const QByteArray &line : readCode().split('\n')) {
+            const QList<QByteArray> lines = readCode().split('\n');
+            for (const QByteArray &line : lines) {
                 // What it believes is the same every time only if it knows the state before.
                 if (line.startsWith("enter ") && m_devlock && m_devlock->state() != AuthDevlockClient::Undefined)
                     enter(line.mid(6));
