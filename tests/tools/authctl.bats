@@ -353,6 +353,7 @@ state --timeout 1e9|wants a number of seconds, more than 0 and at most 1000000 \
 state --timeout nan|wants a number of seconds, more than 0 and at most 1000000 \(see
 lock --factor '' --data -|--factor wants a factor's name
 lock --factor=|--factor wants a factor's name
+lock --factor --help|--factor wants a factor's name
 user 1000 set is-user-settable on --factor '' --data -|--factor wants a factor's name
 user 1000 set is-user-settable on --factor=|--factor wants a factor's name
 authenticate login --factor '' --data -|--factor wants a factor's name
