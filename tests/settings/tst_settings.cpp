@@ -1081,8 +1081,8 @@ void TestSettings::acceptedWriteLeavesIsMultiFactorableToTheDaemon()
 void TestSettings::replyOfAnotherTypeIsConverted_data()
 {
     QTest::addColumn<QByteArray>("reply");
-    QTest::addColumn<bool>("accepted");
-    const auto row = [](const char *reply, bool accepted) { QTest::newRow(reply) << QByteArray(reply) << accepted; };
+    QTest::addColumn<bool>("taken");
+    const auto row = [](const char *reply, bool taken) { QTest::newRow(reply) << QByteArray(reply) << taken; };
     row("(true,)", true);
     row("(false,)", false);
     row("(<true>,)", false);
@@ -1108,14 +1108,14 @@ void TestSettings::replyOfAnotherTypeIsConverted_data()
 void TestSettings::replyOfAnotherTypeIsConverted()
 {
     QFETCH(QByteArray, reply);
-    QFETCH(bool, accepted);
+    QFETCH(bool, taken);
     daemon.answer("SetUserOption", reply);
     const auto client = newClientOf(1000);
     client->setShowNotifications(false);
     client->setIsUserSettable(false);
     client->setIsMultiFactorable(true);
-    QCOMPARE(client->showNotifications(), !accepted);
-    QCOMPARE(client->isUserSettable(), !accepted);
+    QCOMPARE(client->showNotifications(), !taken);
+    QCOMPARE(client->isUserSettable(), !taken);
     QVERIFY(!client->isMultiFactorable());
     QCOMPARE(daemon.calls().size(), 3);
     QCOMPARE(log->take(), QStringList());
