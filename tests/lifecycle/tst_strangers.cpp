@@ -298,7 +298,7 @@ int openSocket(const char *path, int (*use)(int, const sockaddr *, socklen_t))
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, path);
+    qstrncpy(address.sun_path, path, sizeof address.sun_path);
     require(use(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0, path);
     return fd;
 }
