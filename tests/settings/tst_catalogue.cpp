@@ -609,7 +609,7 @@ void TestCatalogue::userIdThatSeesEveryLoginFactorIsTheRealOne()
     daemon.arrangeOption("worker/is-user-settable", "false", 1000);
     const auto rowsOf = [this](uid_t user) {
         pretendedUserId = user;
-        const QString text = rows(*clientOf(1000));
+        QString text = rows(*clientOf(1000));
         pretendedUserId = 0;
         return text;
     };

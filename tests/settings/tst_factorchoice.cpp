@@ -90,7 +90,7 @@ WatchedClient TestFactorChoice::clientOf(uint uid)
 
 QStringList TestFactorChoice::takeCalls()
 {
-    const QStringList result = daemon.calls();
+    QStringList result = daemon.calls();
     daemon.clearCalls();
     return result;
 }
