@@ -532,7 +532,7 @@ void TestSettings::constructionWaitsForTheDaemon()
     timer.start();
     const AuthSettingsClient client(nullptr);
     // One after the other.
-    QVERIFY(timer.elapsed() >= 4 * 50);
+    QVERIFY(timer.elapsed() >= 4LL * 50);
     QVERIFY(client.canSwitchToUser());
     QCOMPARE(client.factors()->rowCount(), 5);
 }

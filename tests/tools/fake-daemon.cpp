@@ -124,7 +124,8 @@ bool drawAnswer(Lots &lots, uint32_t serial, Bytes &answer)
             answer[place] = char(draw(lots, 256));
             break;
         case 1:
-            answer.replace(place / 4 * 4, 4, number(draw(lots, 2) ? uint32_t(lots()) : 0x7fffffffU + draw(lots, 3)));
+            answer.replace(place - place % 4, 4,
+                           number(draw(lots, 2) ? uint32_t(lots()) : 0x7fffffffU + draw(lots, 3)));
             break;
         case 2:
             answer.resize(place + 1);
@@ -270,16 +271,20 @@ int main(int argc, char *argv[])
         perror("fake-daemon");
         return 1;
     }
-    if (full)
-        connect(socket(AF_UNIX, SOCK_STREAM, 0), reinterpret_cast<sockaddr *>(&address), sizeof address);
+    if (full && connect(socket(AF_UNIX, SOCK_STREAM, 0), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+        perror("fake-daemon");
+        return 1;
+    }
     const pid_t child = fork();
     if (child > 0) {
         printf("%d\n", int(child));
         return 0;
     }
     close(STDOUT_FILENO);
-    while (full)
-        pause();
+    if (full) {
+        for (;;)
+            pause();
+    }
     for (unsigned connection = 0;; ++connection)
         std::thread(serve, accept(listener, nullptr, nullptr), answers, connection).detach();
 }

@@ -161,13 +161,12 @@ private:
                 close(creat(memory, 0600));
             if (m_devlock->state() == AuthDevlockClient::Unlocked && m_fault != "hides-success")
                 claim(true);
-            else if (m_devlock->state() == AuthDevlockClient::Undefined && m_fault == "ends-when-away")
+            else if ((m_devlock->state() == AuthDevlockClient::Undefined && m_fault == "ends-when-away")
+                     || (m_isUnlocked && m_fault == "ends-with-claim"))
                 _exit(1);
             else if (m_isUnlocked && late > 0)
                 QTimer::singleShot(late, m_devlock.get(),
                                    [this] { claim(m_devlock->state() == AuthDevlockClient::Unlocked); });
-            else if (m_isUnlocked && m_fault == "ends-with-claim")
-                _exit(1);
             else if (m_isUnlocked && m_fault == "claims-again") {
                 claim(false);
                 claim(true);
