@@ -85,9 +85,11 @@ ScreenTestCase {
         screen.forceActiveFocus();
     }
 
+    // The client for the attempts is made last, and ends the process when the daemon goes before it is there.
     function startLocked() {
         start();
         waitForEntry();
+        tryVerify(() => find("attempt").existing !== null);
         compare(screen.settled, true);
     }
 
