@@ -216,6 +216,7 @@ private Q_SLOTS:
     void hostThatWorksOnce();
     void claimOfLongAgo();
     void slowHostPasses();
+    void hostEndsByItselfAsItIsAskedTo();
     void ordinaryProcessPasses();
     void hostStartsWithNoSignalBlocked();
     void findings_data();
@@ -329,6 +330,13 @@ void TestHostCheck::slowHostPasses()
     const Run check = run("--day restart-unlocked"_words << wrongHost << "is-slow"_s);
     COMPARE_RUN(check, 0);
     QCOMPARE(sums(check.output), "1 day: 1 passed, 0 failed, 0 not reached"_s);
+}
+
+void TestHostCheck::hostEndsByItselfAsItIsAskedTo()
+{
+    const Run check = run("--day start-without-bus"_words << wrongHost << "ends-meanwhile"_s);
+    COMPARE_RUN(check, 0);
+    QCOMPARE(rows(check.output, "passed"), QStringList{"start-without-bus: ended with status 1"_s});
 }
 
 // Such a host has nothing to read, its processes may start others that outlive them, and the host may end as a program

@@ -20,6 +20,7 @@
 //     ends-when-away     ends with status 1 when the daemon goes
 //     ends-with-claim    ends with status 1 instead of taking its claim back
 //     ends-at-sigterm    ends with status 1 when asked to end
+//     ends-meanwhile     ends with status 1 when asked to end, whatever the daemon does
 //     crashes-at-sigterm dies of a fault when asked to end
 //     ends-at-once       ends with status 1 before it has told anything
 //     ignores-codes      does not read the codes
@@ -244,7 +245,7 @@ int main(int argc, char **argv)
     if (fault == "claims-at-its-end")
         return claimAtTheEnd();
     if (fault == "is-silent" || fault == "mumbles" || fault == "babbles" || fault == "ignores-codes"
-        || fault == "claims-late") {
+        || fault == "claims-late" || fault == "ends-meanwhile") {
         if (fault == "babbles")
             babble();
         if (fault == "claims-late") {
@@ -255,7 +256,9 @@ int main(int argc, char **argv)
             fputs("mumbling\n", stderr);
             tell("open\n");
         }
-        if (fault == "ignores-codes")
+        if (fault == "ends-meanwhile")
+            signal(SIGTERM, [](int) { _exit(1); });
+        if (fault == "ignores-codes" || fault == "ends-meanwhile")
             tell("locked\n");
         for (;;)
             pause();
