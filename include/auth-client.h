@@ -94,8 +94,7 @@ public:
      * Waits for the daemon's introspection data on the system bus and on the socket (a daemon that accepts and stays
      * mute holds each of the three requests for 25 seconds). A daemon that no longer accepts connections, and has no
      * room left for one that waits, is given 25 seconds before the process ends. The system bus is waited for as
-     * AuthDevlockClient does. Makes no call of the daemon's own but
-     * the asynchronous one for the device-lock state.
+     * AuthDevlockClient does. Makes no call of the daemon's own but the asynchronous one for the device-lock state.
      *
      * @param parent the owner, or nullptr
      */

@@ -143,7 +143,8 @@ ColumnLayout {
             verticalAlignment: TextInput.AlignVCenter
             horizontalAlignment: Text.AlignHCenter
             echoMode: TextInput.Password
-            // All that assistive technology hears of a TextField for passwords. It is not drawn: who can see reads the prompt.
+            // All that assistive technology hears of a TextField for passwords. It is not drawn: who can see reads the
+            // prompt.
             placeholderText: prompt.text
             inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText | Qt.ImhNoAutoUppercase
             background: FieldFrame { focused: field.activeFocus }

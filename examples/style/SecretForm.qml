@@ -104,7 +104,8 @@ ColumnLayout {
         opacity: enabled ? 1 : 0.5
         readOnly: form.busy
         echoMode: TextInput.Password
-        // All that assistive technology hears of a TextField for passwords. It is not drawn: who can see reads the label.
+        // All that assistive technology hears of a TextField for passwords. It is not drawn: who can see reads the
+        // label.
         placeholderText: form.label
         inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText | Qt.ImhNoAutoUppercase
                           | (form.factor === "code" ? Qt.ImhPreferNumbers : Qt.ImhNone)

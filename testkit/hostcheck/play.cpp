@@ -323,11 +323,11 @@ void Play::end()
     say("the host is asked to end");
     kill(m_pid, SIGTERM);
     await([this] { return m_hasEnded; }, Grace, QStringLiteral("did not end within %1 of SIGTERM").arg(seconds(Grace)));
-    const bool asAsked = WIFSIGNALED(m_status) ? WTERMSIG(m_status) == SIGTERM
-                                               : WEXITSTATUS(m_status) == 0 || WEXITSTATUS(m_status) == 128 + SIGTERM;
     // A host that may end by itself may just have done so.
     if (WIFEXITED(m_status) && WEXITSTATUS(m_status) == 1 && m_mayEnd())
         throw HostEnded{m_status};
+    const bool asAsked = WIFSIGNALED(m_status) ? WTERMSIG(m_status) == SIGTERM
+                                               : WEXITSTATUS(m_status) == 0 || WEXITSTATUS(m_status) == 128 + SIGTERM;
     if (!asAsked)
         throwFinding(endText(m_status) + QStringLiteral(" when asked to end"));
     awaitNoChildren();
