@@ -6,12 +6,14 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
 #include <dlfcn.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 struct Range
@@ -39,14 +41,18 @@ Range mapped(const char *name)
     return result;
 }
 
-// Whoever still uses what was there is found out, and nothing is loaded there again.
+// Whoever still uses what was there is found out, and nothing is loaded there again. By now the D-Bus thread may have got
+// memory there.
 void block(const Range &range)
 {
-    const auto begin = reinterpret_cast<void *>(range.begin); // NOLINT(performance-no-int-to-ptr)
-    if (mmap(begin, range.end - range.begin, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0)
-        != begin) {
-        perror("mmap");
-        exit(4);
+    const auto size = size_t(sysconf(_SC_PAGESIZE));
+    for (quintptr page = range.begin; page < range.end; page += size) {
+        const auto begin = reinterpret_cast<void *>(page); // NOLINT(performance-no-int-to-ptr)
+        if (mmap(begin, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0) != begin
+            && errno != EEXIST) {
+            perror("mmap");
+            exit(4);
+        }
     }
 }
 } // namespace
