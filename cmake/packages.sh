@@ -8,6 +8,7 @@ SCREEN_PACKAGES=(qtdeclarative5-dev qml-module-qtqml-models2 qml-module-qtquick2
 TEST_PACKAGES=("${SCREEN_PACKAGES[@]}" qml-module-qttest qtdeclarative5-dev-tools bats zsh)
 VALGRIND_PACKAGES=(valgrind)
 LINT_PACKAGES=(clang clang-format-14 clang-tidy-14 clazy shellcheck)
+ABI_PACKAGES=(abigail-tools binutils)
 COVERAGE_PACKAGES=(gcovr)
 
 # Installs what is missing of the packages named; where that takes rights that one has not, says what to do.

@@ -35,7 +35,8 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * challenge if one was held; this blocks for three short requests (for at most 25 seconds each, should the daemon be
  * mute, and before them for 25 seconds until the daemon has room for the connection). When one daemon instance takes
  * over from another without a gap, the client reconnects as well, but keeps the token, which the new instance may
- * refuse, and progress(): signals of the old instance are no longer heard, its replies still count.
+ * refuse, and progress(): signals of the old instance are no longer heard, its replies still count. A host that was
+ * busy while the daemon came and went several times connects once, to the instance that is there.
  *
  * When the system bus itself dies, nobody tells of the daemon's loss any more: the token is kept, although no locking
  * will be heard of. AuthDevlockClient becomes Undefined then, and a host that sees this drops the authentication.
@@ -70,6 +71,10 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * progressChanged(), authenticatedChanged() and discredit() are emitted from inside QDBusServiceWatcher, which does not
  * survive it. Use deleteLater() in handlers of these three. A client that a static object of the host owns must not be
  * called any more when static objects are destroyed.
+ *
+ * @section fork Child processes
+ * D-Bus has a thread, which fork() does not copy. A child that does not call exec() must not call anything of this
+ * library, and has to end by _exit(): exit() would wait for that thread without an end.
  *
  * @note Constructing the object ends the process with exit status 1, after a critical "Cannot connect to" message, when
  *       the system bus is not connected or the daemon's socket cannot be reached. So does the daemon's return to the

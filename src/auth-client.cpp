@@ -165,7 +165,7 @@ void AuthClientPrivate::callAuthenticateFinished(QDBusPendingCallWatcher *call)
 {
     const QDBusPendingReply<bool> reply = *call;
     if (reply.isError())
-        qWarning() << "callAuthenticateFinished failed:" << reply.error().message();
+        qWarning() << "callAuthenticateFinished failed:" << clipped(reply.error().message());
     else if (!reply.value())
         handleAuthenticationFailed();
 }
@@ -174,7 +174,7 @@ void AuthClientPrivate::callChangeAuthDataFinished(QDBusPendingCallWatcher *call
 {
     const QDBusPendingReply<bool> reply = *call;
     if (reply.isError())
-        qWarning() << "callChangeAuthDataFinished failed:" << reply.error().message();
+        qWarning() << "callChangeAuthDataFinished failed:" << clipped(reply.error().message());
     else if (!reply.value())
         handleAuthenticationFailed();
 }
@@ -197,7 +197,7 @@ bool AuthClientPrivate::setLocked(int state)
     const QDBusReply<bool> reply =
         callMethod(challengeHolder.connection->authInterface, Authd::Method::SetDevlockState, {m_authToken, state});
     if (!reply.isValid())
-        qWarning() << "setLocked failed:" << reply.error().message();
+        qWarning() << "setLocked failed:" << clipped(reply.error().message());
     return reply.value();
 }
 
@@ -226,7 +226,7 @@ void AuthClientPrivate::factorMethod(const QVariantMap &params, const QString &m
     watchCall(main.connection(), call, q, [callback = std::move(callback)](QDBusPendingCall *finished) {
         const QDBusPendingReply<QDBusVariant> reply = *finished;
         if (reply.isError())
-            qWarning() << "reply isError:" << reply.error().message();
+            qWarning() << "reply isError:" << clipped(reply.error().message());
         if (callback)
             callback(reply.isError() ? QVariant() : reply.value().variant());
     });
@@ -242,7 +242,7 @@ QVariant AuthClientPrivate::factorMethodWait(const QVariantMap &params, const QS
         ? callMethod(main, Authd::Method::FactorMethod, {m_authToken, method, params})
         : QDBusMessage::createError(QDBusError::InvalidArgs, problem);
     if (!reply.isValid()) {
-        qWarning() << "factorMethodWait failed:" << reply.error().message();
+        qWarning() << "factorMethodWait failed:" << clipped(reply.error().message());
         return QVariant();
     }
     return reply.value().variant();

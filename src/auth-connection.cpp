@@ -86,6 +86,12 @@ QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVa
     return call.reply();
 }
 
+QString clipped(const QString &text)
+{
+    constexpr int longest = 4096;
+    return text.size() <= longest ? text : text.left(longest) + QChar(0x2026);
+}
+
 PendingCallWatcher::PendingCallWatcher(const QDBusConnection &bus, const QDBusPendingCall &call, QObject *parent)
     : ConnectionReference{bus}
     , QDBusPendingCallWatcher(call, parent)
@@ -152,11 +158,20 @@ AuthChallengeHolder::AuthChallengeHolder(QObject *parent, const QString &name)
         &watcher, &QDBusServiceWatcher::serviceOwnerChanged, &watcher,
         [this, name](const QString &, const QString &, const QString &newOwner) {
             qDebug() << "authd reset" << newOwner << "captured" << name;
+            owner = newOwner;
             if (newOwner.isEmpty()) {
                 connection->challengeWasHeld = !challenge.isEmpty();
                 emit disconnected();
                 return;
             }
+            if (isCatchingUp)
+                return;
+            // Changes that wait to be delivered make this one out of date. To connect for each would freeze the host.
+            isCatchingUp = true;
+            QCoreApplication::sendPostedEvents(&watcher, QEvent::MetaCall);
+            isCatchingUp = false;
+            if (owner.isEmpty())
+                return;
             const bool challengeWasHeld = connection->challengeWasHeld;
             // The old connection has to go before its name can be used again.
             delete connection;
@@ -178,7 +193,7 @@ void AuthChallengeHolder::request()
 {
     const QDBusReply<QByteArray> reply = callMethod(connection->authInterface, Authd::Method::RequestChallenge);
     if (!reply.isValid()) {
-        qWarning() << "request failed:" << reply.error().message();
+        qWarning() << "request failed:" << clipped(reply.error().message());
         challenge.clear();
         return;
     }

@@ -18,6 +18,9 @@
 /** Calls @p method of @p object and waits for the answer. */
 QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
 
+/** As much of an error's text as belongs in a log: a message of D-Bus has room for 128 MiB. */
+QString clipped(const QString &text);
+
 /** The base of PendingCallWatcher that is destroyed last. */
 struct ConnectionReference
 {
@@ -142,6 +145,9 @@ Q_SIGNALS:
 
 private:
     QByteArray challenge;
+    /** Of the daemon's name, as told last. */
+    QString owner;
+    bool isCatchingUp = false;
 
 public:
     /** The present connection; null only while it is being replaced, and at the end of the process. */

@@ -101,7 +101,7 @@ void AuthDevlockClientPrivate::getState()
     watchCall(connection, devlockInterface.asyncCall(Authd::Method::GetState), this, [this](PendingCallWatcher *call) {
         const QDBusPendingReply<int> reply = *call;
         if (reply.isError()) {
-            qWarning() << "failed:" << reply.error().message();
+            qWarning() << "failed:" << clipped(reply.error().message());
             handleStateChanged(AuthDevlockClient::Undefined);
         } else if (!call->mayBeOvertaken() || !m_told) { // Else an announcement is newer than the answer.
             handleStateChanged(reply.value());

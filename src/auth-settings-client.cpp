@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <utility>
 
 #include <unistd.h>
 
@@ -206,7 +207,7 @@ QVariant AuthSettingsClientPrivate::getOption(const QString &key)
     const QDBusReply<QDBusVariant> reply =
         callMethod(challengeHolder.connection->settingsInterface, Authd::Method::GetOption, {key});
     if (!reply.isValid()) {
-        qWarning() << "getOption failed:" << reply.error().message();
+        qWarning() << "getOption failed:" << clipped(reply.error().message());
         return false;
     }
     return reply.value().variant();
@@ -219,7 +220,7 @@ QVariant AuthSettingsClientPrivate::getUserOption(uint uid, const QString &key)
     const QDBusReply<QDBusVariant> reply =
         callMethod(challengeHolder.connection->settingsInterface, Authd::Method::GetUserOption, {uid, key});
     if (!reply.isValid()) {
-        qWarning() << "getUserOption failed:" << reply.error().message();
+        qWarning() << "getUserOption failed:" << clipped(reply.error().message());
         return QVariant();
     }
     return reply.value().variant();
@@ -235,7 +236,7 @@ QVariantMap AuthSettingsClientPrivate::getUserOptions(uint uid, const QStringLis
     const QDBusReply<QVariantMap> reply =
         callMethod(challengeHolder.connection->settingsInterface, Authd::Method::GetUserOptions, {uid, workerKeys});
     if (!reply.isValid()) {
-        qWarning() << "getUserOptions failed:" << reply.error().message();
+        qWarning() << "getUserOptions failed:" << clipped(reply.error().message());
         return QVariantMap();
     }
     return reply.value();
@@ -247,7 +248,7 @@ bool AuthSettingsClientPrivate::setUserOption(uint uid, const QString &key, cons
     const QDBusMessage reply = callMethod(challengeHolder.connection->settingsInterface, Authd::Method::SetUserOption,
                                           {uid, m_authToken, key, QVariant::fromValue(QDBusVariant(value))});
     if (reply.type() == QDBusMessage::ErrorMessage) {
-        qWarning() << "setUserOption failed:" << reply.errorMessage();
+        qWarning() << "setUserOption failed:" << clipped(reply.errorMessage());
         return false;
     }
     return reply.arguments().value(0).toBool();
@@ -335,25 +336,20 @@ void AuthSettingsClientPrivate::handleUserOptionChanged(uint uid, QString key, Q
 
 void AuthSettingsClientPrivate::updateShowNotifications(bool value)
 {
-    if (m_showNotifications == value)
-        return;
-    m_showNotifications = value;
-    emit publicObject()->showNotificationsChanged();
+    if (std::exchange(m_showNotifications, value) != value)
+        emit publicObject()->showNotificationsChanged();
 }
 
 void AuthSettingsClientPrivate::updateIsMultiFactorable(bool value)
 {
-    if (m_isMultiFactorable == value)
-        return;
-    m_isMultiFactorable = value;
-    emit publicObject()->isMultiFactorableChanged();
+    if (std::exchange(m_isMultiFactorable, value) != value)
+        emit publicObject()->isMultiFactorableChanged();
 }
 
 void AuthSettingsClientPrivate::updateIsUserSettable(bool value)
 {
-    if (m_isUserSettable == value)
+    if (std::exchange(m_isUserSettable, value) == value)
         return;
-    m_isUserSettable = value;
     const QPointer<AuthSettingsClientPrivate> self(this);
     getPublicFactors();
     if (self)
@@ -362,10 +358,8 @@ void AuthSettingsClientPrivate::updateIsUserSettable(bool value)
 
 void AuthSettingsClientPrivate::updateUserWarning(const QString &text)
 {
-    if (m_userWarning == text)
-        return;
-    m_userWarning = text;
-    emit publicObject()->userWarningChanged();
+    if (std::exchange(m_userWarning, text) != text)
+        emit publicObject()->userWarningChanged();
 }
 
 void AuthSettingsClientPrivate::setShowNotificationsInternal(bool value)
@@ -477,10 +471,8 @@ void AuthSettingsClientPrivate::updateChosenFactors()
                 return;
         }
         const bool disabled = factorIsDisabled(factor.name);
-        if (disabled != factor.disabled) {
-            factor.disabled = disabled;
+        if (std::exchange(factor.disabled, disabled) != disabled)
             disabledChanged = true;
-        }
         const auto row = m_rowByName.constFind(factor.name);
         if (chosenChanged && row != m_rowByName.constEnd()) {
             const QModelIndex index = m_model.index(*row);
@@ -596,7 +588,7 @@ void AuthSettingsClientPrivate::saveFactorsInternal()
             continue;
         const auto choice = choices.find(factor.type);
         if (choice == choices.end())
-            qWarning() << "saveFactorsInternal unexpected service name" << factor.type;
+            qWarning() << "saveFactorsInternal unexpected service name" << clipped(factor.type);
         else
             choice->append(factor.name);
     }

@@ -26,6 +26,7 @@ const int Quiet = 1000;
 const int Alone = 65000;
 const int EntryPause = 2000;
 const int Tick = 20;
+const int LongestLine = 4096;
 
 [[noreturn]] void throwFinding(const QString &what)
 {
@@ -446,12 +447,14 @@ void Play::readHost()
             break;
         }
         m_input.append(buffer, int(count));
-    }
-    for (int end = m_input.indexOf('\n'); end >= 0; end = m_input.indexOf('\n')) {
-        const QByteArray line = m_input.left(end);
-        m_input.remove(0, end + 1);
-        say("host: " + line);
-        hear(line);
+        for (int end = m_input.indexOf('\n'); end >= 0; end = m_input.indexOf('\n')) {
+            const QByteArray line = m_input.left(end);
+            m_input.remove(0, end + 1);
+            say("host: " + line);
+            hear(line);
+        }
+        if (m_input.size() > LongestLine)
+            throwFinding(QStringLiteral("told more than %1 bytes without the end of a line").arg(LongestLine));
     }
 }
 

@@ -144,6 +144,8 @@ QByteArray Report::endOfLog(const Day &day, int lines) const
     QFile file(logFile(m_check, day));
     if (!file.open(QIODevice::ReadOnly))
         return QByteArray();
+    // A host may write lines of any length.
+    file.seek(qMax(file.size() - 65536, qint64(0)));
     QList<QByteArray> all = file.readAll().split('\n');
     while (!all.isEmpty() && all.last().isEmpty())
         all.removeLast();

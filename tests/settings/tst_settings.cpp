@@ -69,6 +69,7 @@ private Q_SLOTS:
     void optionThatIsNotThereIsAFailedRead();
     void replyOfAnotherTypeIsAFailedRead_data();
     void replyOfAnotherTypeIsAFailedRead();
+    void longTextsOfErrorsAreCutInTheLog();
     void clientComesUpThoughItsPeerIsLost();
     void constructionWaitsForTheDaemon();
     void clientIsOwnedByItsParent();
@@ -510,6 +511,41 @@ void TestSettings::replyOfAnotherTypeIsAFailedRead()
                  qPrintable(line));
     QVERIFY(!client.canSwitchToUser());
     QCOMPARE(onSocket(daemon.calls()), firstCalls);
+}
+
+void TestSettings::longTextsOfErrorsAreCutInTheLog()
+{
+    const QByteArray longest(4096, 'x');
+    const auto client = newSettingsClient();
+    grant(client.get(), "s3cr3t token");
+    client->setUid(1000);
+    log->take();
+    daemon.misbehave("*", "error", "\"message\":\"" + longest + "\"");
+    client->setLocked(0);
+    daemon.misbehave("*", "error", "\"message\":\"" + longest + "x\"");
+    client->setLocked(0);
+    client->factorMethodWait({}, "code"_s);
+    client->factorMethod({}, "code"_s, {});
+    client->authenticate("login"_s, {});
+    client->changeAuthData("code"_s, {});
+    client->showLastLogin(1000);
+    client->setUid(1001);
+    client->setIsUserSettable(!client->isUserSettable());
+    const AuthSettingsClient another(nullptr);
+    QVERIFY(waitFor([&] { return log->lines().filter("warning "_s).size() >= 17; }));
+    const QString cut = QString::fromLatin1(longest) + QChar(0x2026);
+    QStringList lines = log->takeComplaints();
+    QCOMPARE(lines.takeFirst(), R"(warning setLocked failed: "%1")"_s.arg(QString::fromLatin1(longest)));
+    lines.sort();
+    QStringList expected;
+    for (const char *call : {"callAuthenticateFinished", "callChangeAuthDataFinished", "factorMethodWait", "getOption",
+                             "getOption", "getUserOption", "getUserOption", "getUserOptions", "request", "request",
+                             "request", "request", "setLocked", "setUserOption"})
+        expected.append(R"(warning %1 failed: "%2")"_s.arg(QLatin1String(call), cut));
+    expected.append(R"(warning failed: "%1")"_s.arg(cut));
+    expected.append(R"(warning reply isError: "%1")"_s.arg(cut));
+    expected.sort();
+    QCOMPARE(lines, expected);
 }
 
 void TestSettings::clientComesUpThoughItsPeerIsLost()

@@ -399,6 +399,7 @@ void TestHostCheck::findings_data()
         "ended with status 1 while it claimed to be unlocked and the daemon was Locked"_s);
     add("is-silent", "restart-idle", "told no claim within 30 s of its start"_s);
     add("mumbles", "restart-idle", "told neither locked nor unlocked, but \"open\""_s);
+    add("drones", "restart-idle", "told more than 4096 bytes without the end of a line"_s);
     add("ignores-codes", "restart-idle", codeIsUseless);
     add("ignores-codes-to-reach", "crash-Authenticate", "the right code had no effect within 30 s"_s, "ignores-codes");
     add("ignores-codes-from-the-start", "start-without-daemon", codeIsUseless, "ignores-codes");

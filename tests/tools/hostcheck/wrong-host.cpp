@@ -28,6 +28,7 @@
 //     hides-success      never tells that it is unlocked
 //     is-silent          never tells what it claims
 //     mumbles            tells something else
+//     drones             tells a line that never ends, after one of 64 MiB on standard output
 //     babbles            tells something else, with a control character, after 300 lines on standard output
 
 #include <AuthClient>
@@ -244,8 +245,8 @@ int main(int argc, char **argv)
         return 1;
     if (fault == "claims-at-its-end")
         return claimAtTheEnd();
-    if (fault == "is-silent" || fault == "mumbles" || fault == "babbles" || fault == "ignores-codes"
-        || fault == "claims-late" || fault == "ends-meanwhile") {
+    if (fault == "is-silent" || fault == "mumbles" || fault == "drones" || fault == "babbles"
+        || fault == "ignores-codes" || fault == "claims-late" || fault == "ends-meanwhile") {
         if (fault == "babbles")
             babble();
         if (fault == "claims-late") {
@@ -255,6 +256,13 @@ int main(int argc, char **argv)
         if (fault == "mumbles") {
             fputs("mumbling\n", stderr);
             tell("open\n");
+        }
+        if (fault == "drones") {
+            const QByteArray breath(1 << 20, 'm');
+            for (int i = 0; i < 64; ++i)
+                fwrite(breath.constData(), size_t(breath.size()), 1, stdout);
+            for (;;)
+                tell(breath);
         }
         if (fault == "ends-meanwhile")
             signal(SIGTERM, [](int) { _exit(1); });
