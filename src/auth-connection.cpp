@@ -58,18 +58,6 @@ bool awaitRoomInQueue()
     return error != EAGAIN && error != EINTR;
 }
 
-// QDBusConnection of Qt 5.15 may deliver what came before the event loop ran after what came then, so that an old loss is
-// told after a return.
-bool hasOwner()
-{
-    const QString service = QStringLiteral("org.freedesktop.DBus");
-    QDBusMessage question = QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service,
-                                                           QStringLiteral("NameHasOwner"));
-    question << Authd::Service;
-    const QDBusReply<bool> reply = QDBusConnection::systemBus().call(question);
-    return !reply.isValid() || reply.value();
-}
-
 [[noreturn]] void endWithoutDaemon(const QString &name, const QString &problem)
 {
     qCritical() << "Cannot connect to" << Authd::SocketAddress << name << problem;
@@ -170,20 +158,11 @@ AuthChallengeHolder::AuthChallengeHolder(QObject *parent, const QString &name)
         &watcher, &QDBusServiceWatcher::serviceOwnerChanged, &watcher,
         [this, name](const QString &, const QString &, const QString &newOwner) {
             qDebug() << "authd reset" << newOwner << "captured" << name;
-            owner = newOwner;
             if (newOwner.isEmpty()) {
                 connection->challengeWasHeld = !challenge.isEmpty();
                 emit disconnected();
                 return;
             }
-            if (isCatchingUp)
-                return;
-            // Changes that wait to be delivered make this one out of date. To connect for each would freeze the host.
-            isCatchingUp = true;
-            QCoreApplication::sendPostedEvents(&watcher, QEvent::MetaCall);
-            isCatchingUp = false;
-            if (owner.isEmpty() && !hasOwner())
-                return;
             const bool challengeWasHeld = connection->challengeWasHeld;
             // The old connection has to go before its name can be used again.
             delete connection;

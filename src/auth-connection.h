@@ -145,9 +145,6 @@ Q_SIGNALS:
 
 private:
     QByteArray challenge;
-    /** Of the daemon's name, as told last. */
-    QString owner;
-    bool isCatchingUp = false;
 
 public:
     /** The present connection; null only while it is being replaced, and at the end of the process. */
