@@ -4,6 +4,7 @@
 // that is one), and END
 //     return   the main function returns
 //     exit     exit() is called
+//     _exit    _exit() is called
 //     loop     the event loop runs until the daemon sends the factor signal "quit"; a devlock locks the device and quits
 //     second   another client is made once a line has come on standard input
 // It writes "ready" when it waits for something.
@@ -36,6 +37,8 @@ template <class Client> int live(Client *client, const Orders &orders)
         startCalls(client);
     if (orders.end == "exit")
         std::exit(0);
+    if (orders.end == "_exit")
+        _exit(0);
     if (orders.end == "loop") {
         quitOnSignal(client);
         sayReady();
