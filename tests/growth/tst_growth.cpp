@@ -437,7 +437,7 @@ const QVector<Leak> &leaks()
          }},
         {"a descriptor", Descriptors,
          [](const QString &) {
-             const auto file = std::make_shared<QFile>("/dev/null"_s);
+             auto file = std::make_shared<QFile>("/dev/null"_s);
              file->open(QFile::ReadOnly);
              return file;
          }},
@@ -461,7 +461,7 @@ const QVector<Leak> &leaks()
          }},
         {"a subscription", MatchRules,
          [](const QString &name) {
-             const auto receiver = std::make_shared<QObject>();
+             auto receiver = std::make_shared<QObject>();
              QDBusConnection::systemBus().connect(QString(), QLatin1Char('/') + name, "test.Growth"_s, "Grown"_s,
                                                   receiver.get(), SLOT(deleteLater()));
              return receiver;
@@ -626,7 +626,7 @@ QStringList TestGrowth::grown(const Deed &deed, int patience)
         const bool isMemory = figure == Bytes || figure == Blocks;
         const qint64 growth = marks[3][figure] - marks[isMemory ? 1 : 0][figure];
         // No byte a time, where an allocation takes 24, and no block in eight times.
-        const qint64 slack = figure == Bytes ? deed.slack + 2 * quarter
+        const qint64 slack = figure == Bytes ? deed.slack + qint64(2) * quarter
             : figure == Blocks               ? BlockSlack + quarter / 4
                                              : 0;
         const bool grows = growth > slack;
