@@ -7,6 +7,7 @@ SCREEN_PACKAGES=(qtdeclarative5-dev qml-module-qtqml-models2 qml-module-qtquick2
     qml-module-qtquick-layouts qml-module-qtquick-controls2 fonts-dejavu-core)
 TEST_PACKAGES=("${SCREEN_PACKAGES[@]}" qml-module-qttest qtdeclarative5-dev-tools bats zsh)
 VALGRIND_PACKAGES=(valgrind)
+BENCHMARK_PACKAGES=(libsystemd-dev)
 LINT_PACKAGES=(clang clang-format-14 clang-tidy-14 clazy shellcheck)
 ABI_PACKAGES=(abigail-tools binutils)
 COVERAGE_PACKAGES=(gcovr)
