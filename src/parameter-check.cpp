@@ -175,18 +175,21 @@ bool ParameterCheck::enter(const QByteArray &signature, int depth)
 // Strings that the bus would shorten or alter are refused like values that it cannot carry: they may be secrets.
 bool ParameterCheck::text(const QString &text)
 {
-    qint64 size = ValueSize;
-    for (int i = 0; i < text.size(); ++i) {
-        const QChar c = text.at(i);
-        if (c.isNull())
+    qint64 size = ValueSize + text.size();
+    // QString::at() would check each index.
+    const QChar *const end = text.constData() + text.size();
+    for (const QChar *c = text.constData(); c != end; ++c) {
+        if (c->isNull())
             return refuse(QStringLiteral("holds a NUL character, which D-Bus cannot carry"));
-        if (c.isSurrogate()) {
-            if (c.isLowSurrogate() || i + 1 == text.size() || !text.at(i + 1).isLowSurrogate())
+        if (c->unicode() < 0x80)
+            continue;
+        if (c->isSurrogate()) {
+            if (c->isLowSurrogate() || c + 1 == end || !(c + 1)->isLowSurrogate())
                 return refuse(QStringLiteral("holds half a surrogate pair, which D-Bus cannot carry"));
-            ++i;
-            size += 4;
+            ++c;
+            size += 2;
         } else {
-            size += c.unicode() < 0x80 ? 1 : c.unicode() < 0x800 ? 2 : 3;
+            size += c->unicode() < 0x800 ? 1 : 2;
         }
     }
     return add(size);
