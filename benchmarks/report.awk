@@ -129,10 +129,10 @@ function rest()
     row("Process that does nothing, instructions, beside one with Qt D-Bus alone|" \
         compared("linked.library", "linked.bare", "instructions", 1.2))
     row("Static initialisers, instructions||" bounded("initialisers", "instructions", 230000) "|")
-    row("Static initialisers||" bounded("initialisers", "entries", 9) "|")
+    row("Static initialisers||" bounded("initialisers", "entries", 10) "|")
     row("Relocations||" bounded("relocations", "entries", 830) "|")
     row("Relocations by name||" bounded("named-relocations", "entries", 650) "|")
-    row("Size without debug information, bytes||" bounded("size", "bytes", 330000) "|")
+    row("Size without debug information, bytes||" bounded("size", "bytes", 340000) "|")
     row("Memory of the process' own, KiB|" number("linked.bare", "KiB") "|" number("linked.library", "KiB") "|")
     row("The same with an `AuthClient`, or bare objects, KiB|" number("AuthClient.bare", "KiB") \
         "|" number("AuthClient.library", "KiB") "|")
