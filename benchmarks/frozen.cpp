@@ -78,7 +78,8 @@ int main(int argc, char **argv)
         if (questions < 0)
             qFatal("the daemon is not asked by %s", subject.name);
         printFigure(subject.name, "µs", double(nanoseconds) / 1000);
-        printFigure(subject.name, "waits", double(questions + nanoseconds / 1000000 / Waited));
+        const qint64 waits = nanoseconds / 1000000 / Waited;
+        printFigure(subject.name, "waits", double(questions + waits));
     }
     // The settings client would say that it ends when nobody minds what is to be said any more.
     std::quick_exit(0);

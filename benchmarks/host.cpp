@@ -166,7 +166,8 @@ double ownMemory()
 {
     QFile file(QStringLiteral("/proc/self/smaps_rollup"));
     if (file.open(QIODevice::ReadOnly)) {
-        for (const QByteArray &line : file.readAll().split('\n')) {
+        const QList<QByteArray> lines = file.readAll().split('\n');
+        for (const QByteArray &line : lines) {
             if (line.startsWith("Private_Dirty:"))
                 return line.simplified().split(' ').value(1).toDouble();
         }
