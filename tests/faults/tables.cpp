@@ -1,0 +1,91 @@
+#include "tables.h"
+
+#define FACTOR_METHOD "FactorMethod aysa{sv}"
+#define ASKS "progressChanged()"
+#define OF_SIGNAL(right, heard, before, after) "", "", false, 0, nullptr, right, heard, before, after
+
+const std::vector<Call> calls = {
+    {"Authenticate", "asynchronous", "Authenticate", "('yes',)", "(true, 'more')", "Authenticate sa{sv}", ASKS, true},
+    {"ChangeAuthData", "asynchronous", "ChangeAuthData", "('yes',)", "(true, 'more')", "ChangeAuthData sa{sv}", ASKS,
+     true},
+    {"UnlockIfNeeded", "asynchronous", "UnlockIfNeeded", "(true,)", "(true, 'more')", "UnlockIfNeeded"},
+    {"SetDevlockState", "blocking", "SetDevlockState", "('yes',)", "(true, 'more')", "SetDevlockState ayi", "", true},
+    {"RequestChallenge", "blocking", "RequestChallenge", "('text',)", "([byte 0x01], 'more')",
+     "RequestChallenge; Authenticate sa{sv}"},
+    {"FactorMethod", "asynchronous", "FactorMethod", "(5,)", "(<5>, 'more')", FACTOR_METHOD, "", true},
+    {"FactorMethod waiting", "blocking", "FactorMethod", "(5,)", "(<5>, 'more')", FACTOR_METHOD, "", true},
+    {"GetOption", "blocking", "GetOption", "('text',)", "(<['login']>, 'more')", "4 GetOption s; GetState"},
+    {"GetUserOption", "blocking", "GetUserOption", "('text',)", "(<'today'>, 'more')", "GetUserOption us"},
+    {"GetUserOptions", "blocking", "GetUserOptions", "(['text'],)", "(@a{sv} {}, 'more')",
+     "GetUserOptions uas; GetUserOption us", "", false, 0,
+     "UserOptionChanged (uint32 1000, 'worker/is-multi-factorable', <true>)"},
+    {"SetUserOption", "blocking", "SetUserOption", "('yes',)", "(true, 'more')", "SetUserOption uaysv", "", true},
+    {"GetState", "asynchronous|bus", "GetState", "('text',)", "(0, 'more')", "GetState", "", false, 0,
+     "StateChanged (5,)"},
+    {"SetState", "blocking|bus", "SetState", "('text',)", "(1, 'more')", "SetState i"},
+    // Until the event loop runs after the first use of the system bus, Qt D-Bus 5.15 keeps back what comes from it.
+    {"SetState at start", "blocking|bus", "SetState", "('text',)", "(1, 'more')", "GetState; SetState i"},
+
+    // The first thing that they ask the peer for; a device-lock client inside has asked on the system bus before.
+    {"new AuthClient", "construction", "Introspect", "(5,)", "('<node/>', 'more')",
+     "RequestChallenge; " FACTOR_METHOD "; GetState", "", false, 1},
+    {"new AuthSettingsClient", "construction", "Introspect", "(5,)", "('<node/>', 'more')",
+     "4 GetOption s; RequestChallenge; " FACTOR_METHOD "; GetState", "", false, 1},
+    {"new AuthDevlockClient", "construction|bus", "Introspect", "(5,)", "('<node/>', 'more')", "GetState"},
+
+    {"on Authenticated", "signal", "Authenticated", "('text',)", "([byte 0x01], 5)",
+     OF_SIGNAL("([byte 0x01],)", "authenticatedChanged(token)", "is idle", "is authenticated")},
+    {"on AuthenticationFailed", "signal", "AuthenticationFailed", "('text',)", "(5, 6)",
+     OF_SIGNAL("()", "authenticatedChanged(); discredit()", "is idle", "is idle")},
+    {"on AuthDataChanged", "signal", "AuthDataChanged", "('text',)", "(5, 6)",
+     OF_SIGNAL("()", "authDataChanged()", "is idle", "is idle")},
+    {"on ChangeAuthDataFailed", "signal", "ChangeAuthDataFailed", "('text',)", "(5, 6)",
+     OF_SIGNAL("()", "changeAuthDataFailed()", "is idle", "is idle")},
+    {"on UnlockIfNeededFinished", "signal", "UnlockIfNeededFinished", "('yes',)", "(true, 5)",
+     OF_SIGNAL("(true,)", "unlockIfNeededFinished(true)", "is idle", "is idle")},
+    {"on Factor", "signal", "Factor", "('code', 5)", "('code', {'a': <1>}, 5)",
+     OF_SIGNAL("('code', {'a': <1>})", "factorSignal(code, {a})", "is idle", "is idle")},
+    {"on OptionChanged", "signal", "OptionChanged", "('worker/can-switch-to-user', false)",
+     "('worker/can-switch-to-user', <false>, 5)",
+     OF_SIGNAL("('worker/can-switch-to-user', <false>)", "canSwitchToUserChanged()", "shows user 0, 5 rows, switching",
+               "shows user 0, 5 rows")},
+    {"on UserOptionChanged", "signal", "UserOptionChanged", "(1000, 'devlock/show-notifications', <false>)",
+     "(uint32 1000, 'devlock/show-notifications', <false>, 5)",
+     OF_SIGNAL("(uint32 1000, 'devlock/show-notifications', <false>)", "showNotificationsChanged()",
+               "shows user 1000, 5 rows, switching, notifications", "shows user 1000, 5 rows, switching")},
+    {"on StateChanged", "signal|bus", "StateChanged", "('text',)", "(5, 6)",
+     OF_SIGNAL("(5,)", "stateChanged()", "is Unlocked", "is SecurityUi")},
+};
+
+const std::vector<Fault> faults = {
+    {"error", "failing|of a reply|while it is called", "rule error went wrong; go; act", "", "\"went wrong\""},
+    {"error without a text", "failing|of a reply|while it is called", "rule error; go; act", "", "\"\""},
+    {"other type", "failing|while it is called", "rule reply other; go; act", "go; emit other; act", "\"…\""},
+    {"extra arguments", "while it is called", "rule reply extra; go; act", "go; emit extra; act", "\"…\""},
+    {"missing arguments", "failing|while it is called", "rule reply missing; go; act", "go; emit missing; act",
+     "\"…\""},
+    {"no reply", "failing|of a reply|while it is called", "rule mute; go; act", "", "\"…\"", true, 24, true},
+    {"late reply", "of a reply|while it is called", "rule hold; go; act; overdue; release", "", "\"…\"", true, 24,
+     true},
+    {"reply before signal", "answered|ordered|of a reply|while it is called", "rule hold; go; release; beside; act", "",
+     "\"…\""},
+    {"reply after signal", "answered|ordered|of a reply|while it is called",
+     "rule signal-first; go; beside; release; act", "", "\"…\""},
+    {"peer closed before", "failing|of the peer|while it is called", "close; go; act", "close; go; emit right; act",
+     "\"…\"", false},
+    {"peer closed during", "failing|of the peer|while it is called", "rule drop; go; act", "go; emit right; close; act",
+     "\"…\""},
+    {"peer closed after", "answered|of the peer", "go; hear; close; act", "go; emit right; hear; close; act", "\"…\""},
+    {"daemon killed", "daemon lost|while it is called", "rule hold once; go; stop; act",
+     "go; emit right; catch; stop; act", "\"…\""},
+    {"daemon frozen", "answered|while it is called", "freeze; go; act; thaw", "freeze; go; thaw; emit right; act",
+     "\"…\""},
+    {"daemon restarted", "daemon lost|while it is called", "rule hold once; go; restart; act; reconnect",
+     "go; restart; act; reconnect; emit right", "\"…\""},
+    {"name handed over", "failing|while it is called", "rule hold once; go; handover; act; reconnect",
+     "go; handover; act; reconnect; emit right", "\"…\""},
+    {"system bus killed", "answered|while it is called", "rule hold once; go; kill bus; release; act",
+     "go; kill bus; emit right; act", "\"…\"", true, 0, true},
+};
+
+const std::vector<Act> acts = {{"nothing"}, {"delete"}, {"quit"}, {"exit"}};
