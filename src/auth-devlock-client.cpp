@@ -5,12 +5,14 @@
 #include "authd/options.h"
 
 #include <QtCore/QDebug>
+#include <QtCore/QThread>
 #include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusError>
 #include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusPendingReply>
 
 #include <cstdlib>
+#include <memory>
 
 namespace {
 
@@ -29,10 +31,21 @@ void awaitOwnName(const QDBusConnection &bus)
         bus.interface(), [] {}, Qt::BlockingQueuedConnection);
 }
 
+// QDBusConnection of Qt 5.15 withholds what a bus sends until the event loop runs, when the main thread is the first to use
+// the bus. Withheld is the news of the bus's end, too: a blocking call would wait for it without an end.
+void openBusElsewhere()
+{
+    const std::unique_ptr<QThread> elsewhere(QThread::create([] { QDBusConnection::systemBus(); }));
+    elsewhere->start();
+    elsewhere->wait();
+}
+
 // Every client's first use of D-Bus is this one.
 QDBusConnection systemBus()
 {
     makeTimerList();
+    static const bool isOpen = (openBusElsewhere(), true);
+    Q_UNUSED(isOpen)
     QDBusConnection bus = QDBusConnection::systemBus();
     awaitOwnName(bus);
     return bus;
