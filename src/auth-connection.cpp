@@ -58,6 +58,19 @@ bool awaitRoomInQueue()
     return error != EAGAIN && error != EINTR;
 }
 
+// To connect for each of the changes that a busy host hears late would freeze it, and end it where that instance has gone.
+// A bus that does not tell soon is not waited for.
+bool isStillOwner(const QString &owner)
+{
+    const QString service = QStringLiteral("org.freedesktop.DBus");
+    QDBusMessage question = QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service,
+                                                           QStringLiteral("GetNameOwner"));
+    question << Authd::Service;
+    const QDBusReply<QString> reply = QDBusConnection::systemBus().call(question, QDBus::Block, 1000);
+    const bool isFree = reply.error().name() == QLatin1String("org.freedesktop.DBus.Error.NameHasNoOwner");
+    return reply.isValid() ? reply.value() == owner : !isFree;
+}
+
 [[noreturn]] void endWithoutDaemon(const QString &name, const QString &problem)
 {
     qCritical() << "Cannot connect to" << Authd::SocketAddress << name << problem;
@@ -169,6 +182,8 @@ AuthChallengeHolder::AuthChallengeHolder(QObject *parent, const QString &name)
                 emit disconnected();
                 return;
             }
+            if (!isStillOwner(newOwner))
+                return;
             const bool challengeWasHeld = connection->challengeWasHeld;
             // The old connection has to go before its name can be used again.
             delete connection;

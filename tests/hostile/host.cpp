@@ -125,13 +125,8 @@ void Host::watch(AuthClient *client)
 void Host::make()
 {
     theLedger->phase = Ledger::Constructing;
-    // In a host with an application, a bus connection of Qt 5.15 is not told of its end before the event loop has run
-    // once: who waits for an answer then waits for ever. That is known.
-    if (!m_script.isCold) {
+    if (m_script.hasUsedBus)
         QDBusConnection::systemBus();
-        for (int i = 0; i < 10; ++i)
-            QCoreApplication::processEvents();
-    }
     m_client = std::make_unique<AuthClient>();
     m_settings = AuthSettingsClient::get();
     m_devlock = std::make_unique<AuthDevlockClient>();

@@ -385,7 +385,7 @@ void Peers::answer(Connection &connection, const Message &call)
     else if (name == "Hello")
         body = textBody({":1.7"}, big);
     else if (name == "GetNameOwner")
-        body = textBody({":1.5"}, big);
+        body = textBody({m_owner}, big);
     else if (name == "GetOption" && call.body.find("available-services") != Bytes::npos)
         body = variantOfStrings({"login", "unlock"}, big);
     else if (name == "GetOption" && call.body.find("factors") != Bytes::npos)
@@ -412,14 +412,11 @@ void Peers::answer(Connection &connection, const Message &call)
     }
 }
 
-void Peers::changeOwner(const Bytes &from, const Bytes &to)
+void Peers::changeOwner(bool isThere)
 {
-    if (!to.empty()) {
-        if (m_returnsLeft == 0)
-            return;
-        --m_returnsLeft;
-        m_haveReturned = true;
-    }
+    const Bytes from = m_owner;
+    m_owner = isThere ? ":1." + std::to_string(++m_instances) : "";
+    m_haveReturned = m_haveReturned || isThere;
     for (Connection &connection : m_connections) {
         if (!connection.isBus || connection.socket < 0 || !connection.isTalking)
             continue;
@@ -428,7 +425,7 @@ void Peers::changeOwner(const Bytes &from, const Bytes &to)
         told.interface = Bus;
         told.member = "NameOwnerChanged";
         told.signature = "sss";
-        told.body = textBody({Daemon, from, to}, connection.isBigEndian);
+        told.body = textBody({Daemon, from, m_owner}, connection.isBigEndian);
         send(connection, told);
     }
 }
@@ -520,9 +517,9 @@ void Peers::act(Connection &connection, const Action &action, const Message *cal
         // A name drawn by lot may be the daemon's, and the host connect anew.
         m_haveReturned = m_haveReturned || connection.isBus;
         send(connection, told);
-    } else if (name == "leave" || name == "return" || name == "handover") {
+    } else if (name == "leave" || name == "return") {
         for (unsigned i = 0; i <= number % 20000 && m_messagesLeft > 0; ++i)
-            changeOwner(name == "return" ? "" : ":1.5", name == "leave" ? "" : name == "return" ? ":1.5" : ":1.6");
+            changeOwner(name == "return");
     } else if (name == "call") {
         const char *const members[] = {"Ping", "GetMachineId", "Introspect", "GetAll", "Authenticated", "x"};
         const char *const interfaces[] = {"org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Introspectable",

@@ -77,7 +77,7 @@ private:
     void act(Connection &connection, const Action &action, const Message *call);
     void answer(Connection &connection, const Message &call);
     void reply(Connection &connection, const Message &call, const Bytes &signature, const Bytes &body);
-    void changeOwner(const Bytes &from, const Bytes &to);
+    void changeOwner(bool isThere);
     void sendSignal(Connection &connection, unsigned number, bool isRight);
     void send(Connection &connection, Message message);
     void sendBytes(Connection &connection, Bytes bytes);
@@ -96,6 +96,7 @@ private:
     // What a script can have sent at all.
     unsigned m_messagesLeft = 100000;
     size_t m_bytesLeft = size_t(300) << 20;
-    /** How often a new owner may still be told of: the host connects anew each time. */
-    unsigned m_returnsLeft = 100;
+    /** Of the daemon's name, as the bus tells. */
+    Bytes m_owner = ":1.5";
+    unsigned m_instances = 5;
 };

@@ -33,9 +33,9 @@ const char *const eventNames[] = {
 };
 
 const char *const actionNames[] = {
-    "answer", "mute",   "reply",  "anyreply", "error",   "foreign",   "typed", "signal",   "anysignal", "bus",
-    "spoof",  "leave",  "return", "handover", "call",    "raw",       "cut",   "cutstall", "flip",      "close",
-    "stall",  "repeat", "big",    "hold",     "release", "bigendian", "there", nullptr,
+    "answer", "mute",  "reply",  "anyreply", "error", "foreign", "typed",     "signal",   "anysignal",
+    "bus",    "spoof", "leave",  "return",   "call",  "raw",     "cut",       "cutstall", "flip",
+    "close",  "stall", "repeat", "big",      "hold",  "release", "bigendian", "there",    nullptr,
 };
 
 const char *const stepNames[] = {
@@ -125,8 +125,8 @@ Script::Script(const Bytes &text)
         const int foundEnd = indexIn(endNames, word);
         if (word == "pin")
             isPinned = true;
-        else if (word == "cold")
-            isCold = true;
+        else if (word == "used")
+            hasUsedBus = true;
         else if (foundEnd >= 0)
             end = End(foundEnd);
         else if ((indexIn(stepNames, word) >= 0 || indexIn(heavyStepNames, word) >= 0) && steps.size() < 40)
@@ -168,7 +168,7 @@ Bytes drawChange(const Bytes &text, Lots &lots)
 {
     std::vector<Bytes> words = wordsOf(text);
     // What is known to hang then is told by efforts/.
-    words.erase(std::remove(words.begin(), words.end(), "cold"), words.end());
+    words.erase(std::remove(words.begin(), words.end(), "used"), words.end());
     for (unsigned count = 1 + draw(lots, 4); count > 0; --count) {
         const size_t at = words.empty() ? 0 : draw(lots, unsigned(words.size()));
         const auto where = words.begin() + long(at);

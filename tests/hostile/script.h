@@ -44,8 +44,8 @@ struct Script
 
     /** On one processor alone. */
     bool isPinned = false;
-    /** The host has used no bus before. */
-    bool isCold = false;
+    /** The host has used the bus before, and not run its event loop since. */
+    bool hasUsedBus = false;
     End end = End::Close;
     std::vector<Bytes> steps;
     std::vector<Reaction> reactions;

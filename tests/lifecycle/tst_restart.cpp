@@ -31,7 +31,9 @@ private Q_SLOTS:
     void challengeOfACrashingDaemon();
     void callsBeforeTheReturnIsNoticed();
     void manyRestarts();
-    void restartsThatAreNoticedLate();
+    void changesThatAreNoticedLate_data();
+    void changesThatAreNoticedLate();
+    void daemonHasGoneAgainWhenItsReturnIsNoticed();
     void twoClientsReturnEach();
     void peersAreDroppedAndTheNameStays();
     void secondClientConnectsThoughTheFirstHasLostItsPeer();
@@ -40,7 +42,8 @@ private Q_SLOTS:
 
 namespace {
 const QVariantMap withChallenge{{QStringLiteral("challenge"), 1}};
-}
+const QString connected = R"(debug AuthdConnection "authd_p2p_client" connected to "authd_p2p_client")"_s;
+} // namespace
 
 QByteArray TestRestart::instance()
 {
@@ -439,20 +442,56 @@ void TestRestart::manyRestarts()
     QCOMPARE(daemon.peerCount(), 1);
 }
 
-void TestRestart::restartsThatAreNoticedLate()
+void TestRestart::changesThatAreNoticedLate_data()
 {
+    QTest::addColumn<QByteArray>("change");
+    QTest::addColumn<int>("losses");
+    QTest::newRow("restarts") << QByteArray(R"({"do":"restart"})") << 20;
+    QTest::newRow("handovers") << QByteArray(R"({"do":"handover"})") << 0;
+}
+
+// The client connects to the newest instance alone, and hears of each loss.
+void TestRestart::changesThatAreNoticedLate()
+{
+    QFETCH(QByteArray, change);
+    QFETCH(int, losses);
     const auto client = newClient();
+    // So that a challenge is held.
+    QCOMPARE(client->factorMethodWait(echo(1), "code"_s), QVariant(1));
+    daemon.clearCalls();
+    log->take();
     SignalRecorder heard(client.get());
     for (int i = 0; i < 20; ++i)
-        daemon.request(R"({"do":"restart"})");
+        daemon.request(change);
+    roundTripToSystemBus();
     awaitReconnection();
     drain(client.get());
+    QCOMPARE(log->count(connected), 1);
     QStringList expected;
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < losses; ++i)
         expected += dropSignals;
     QCOMPARE(heard.list(), expected);
+    // The challenge that was held when the daemon left is asked for anew.
+    QCOMPARE(daemon.calls(), losses > 0 ? QStringList{peerCall("RequestChallenge", "", "()")} : QStringList());
     QCOMPARE(client->factorMethodWait(echo(5), "code"_s), QVariant(5));
     QCOMPARE(daemon.peerCount(), 1);
+}
+
+// No instance is left to connect to by then, which would end the process.
+void TestRestart::daemonHasGoneAgainWhenItsReturnIsNoticed()
+{
+    const auto client = newClient();
+    log->take();
+    for (const char *change : {R"({"do":"restart"})", R"({"do":"handover"})", R"({"do":"stop"})"})
+        daemon.request(change);
+    roundTripToSystemBus();
+    const QString loss = R"(debug authd reset "" captured "authd_p2p_client")"_s;
+    QVERIFY(waitFor([&] { return log->count(loss) == 2; }));
+    QCOMPARE(log->count(connected), 0);
+    daemon.request(R"({"do":"start"})");
+    awaitReconnection();
+    QCOMPARE(log->count(connected), 1);
+    QCOMPARE(client->factorMethodWait(echo(5), "code"_s), QVariant(5));
 }
 
 void TestRestart::twoClientsReturnEach()
