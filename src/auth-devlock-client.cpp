@@ -12,7 +12,6 @@
 #include <QtDBus/QDBusPendingReply>
 
 #include <cstdlib>
-#include <memory>
 
 namespace {
 
@@ -33,18 +32,23 @@ void awaitOwnName(const QDBusConnection &bus)
 
 // QDBusConnection of Qt 5.15 withholds what a bus sends until the event loop runs, when the main thread is the first to use
 // the bus. Withheld is the news of the bus's end, too: a blocking call would wait for it without an end.
-void openBusElsewhere()
+class BusOpener : public QThread
 {
-    const std::unique_ptr<QThread> elsewhere(QThread::create([] { QDBusConnection::systemBus(); }));
-    elsewhere->start();
-    elsewhere->wait();
-}
+    void run() override
+    {
+        QDBusConnection::systemBus();
+    }
+};
 
 // Every client's first use of D-Bus is this one.
 QDBusConnection systemBus()
 {
     makeTimerList();
-    static const bool isOpen = (openBusElsewhere(), true);
+    static const bool isOpen = [] {
+        BusOpener opener;
+        opener.start();
+        return opener.wait();
+    }();
     Q_UNUSED(isOpen)
     QDBusConnection bus = QDBusConnection::systemBus();
     awaitOwnName(bus);
