@@ -414,6 +414,11 @@ void Peers::answer(Connection &connection, const Message &call)
 
 void Peers::changeOwner(bool isThere)
 {
+    if (isThere) {
+        if (m_returnsLeft == 0)
+            return;
+        --m_returnsLeft;
+    }
     const Bytes from = m_owner;
     m_owner = isThere ? ":1." + std::to_string(++m_instances) : "";
     m_haveReturned = m_haveReturned || isThere;

@@ -99,4 +99,5 @@ private:
     /** Of the daemon's name, as the bus tells. */
     Bytes m_owner = ":1.5";
     unsigned m_instances = 5;
+    unsigned m_returnsLeft = 10001;
 };
