@@ -311,6 +311,8 @@ void Peers::sendBytes(Connection &connection, Bytes bytes)
         bytes[size_t(connection.flipAt)] = char(bytes[size_t(connection.flipAt)] ^ (1 + connection.flipAt % 255));
         connection.flipAt = -1;
         m_haveBroken = true;
+        // The host may wait for what these bytes no longer are.
+        ++connection.unanswered;
     }
     if (connection.cutAt >= 0) {
         bytes.resize(std::min(bytes.size(), size_t(connection.cutAt)));
