@@ -11,6 +11,7 @@ BENCHMARK_PACKAGES=(libsystemd-dev)
 LINT_PACKAGES=(clang clang-format-14 clang-tidy-14 clazy shellcheck)
 ABI_PACKAGES=(abigail-tools binutils)
 COVERAGE_PACKAGES=(gcovr)
+FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 
 # Installs what is missing of the packages named; where that takes rights that one has not, says what to do.
 need_packages()
