@@ -44,7 +44,7 @@ const char *const stepNames[] = {
     "option",       "action", "date",     "round", "renew", "second",  nullptr,
 };
 
-const char *const heavyActionNames[] = {"huge", "flood", "unknown", nullptr};
+const char *const heavyActionNames[] = {"huge", "flood", "unknown", "namelost", nullptr};
 const char *const heavyStepNames[] = {"linger", "forkexit", "forkcall", nullptr};
 
 const char *const endNames[] = {"end-close", "end-garbage", "end-alive", "end-bus", nullptr};
