@@ -21,8 +21,8 @@ namespace {
 
 const QString Code = QStringLiteral("code");
 
-/** Half as long as a call waits for its answer. */
-constexpr qint64 Waited = 12500;
+/** Milliseconds; less than the library ever waits for an answer that does not come. */
+constexpr qint64 Waited = 900;
 
 QVariantMap credentials()
 {
@@ -65,20 +65,26 @@ int main(int argc, char **argv)
         {"frozen.doAction", [&] { settings.doAction(1000, QStringLiteral("reset"), {}, none); }},
     };
     for (const Subject &subject : calls) {
-        standIn.clearCalls();
-        signal(SIGSTOP);
-        QElapsedTimer timer;
-        timer.start();
-        subject.call();
-        const qint64 nanoseconds = timer.nsecsElapsed();
-        signal(SIGCONT);
-        settle();
-        // The call itself, and the two that settle.
-        const qint64 questions = standIn.calls().size() - 3;
-        if (questions < 0)
-            qFatal("the daemon is not asked by %s", subject.name);
+        qint64 nanoseconds = 0;
+        qint64 questions = 0;
+        qint64 waits = 1;
+        // A call that waits does so each time; a busy machine keeps one from running for as long only now and then.
+        for (int i = 0; i < 3 && waits > 0; ++i) {
+            standIn.clearCalls();
+            signal(SIGSTOP);
+            QElapsedTimer timer;
+            timer.start();
+            subject.call();
+            nanoseconds = timer.nsecsElapsed();
+            signal(SIGCONT);
+            settle();
+            // The call itself, and the two that settle.
+            questions = standIn.calls().size() - 3;
+            if (questions < 0)
+                qFatal("the daemon is not asked by %s", subject.name);
+            waits = nanoseconds / 1000000 / Waited;
+        }
         printFigure(subject.name, "µs", double(nanoseconds) / 1000);
-        const qint64 waits = nanoseconds / 1000000 / Waited;
         printFigure(subject.name, "waits", double(questions + waits));
     }
     // The settings client would say that it ends when nobody minds what is to be said any more.

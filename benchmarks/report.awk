@@ -183,6 +183,9 @@ function figure(name, unit)
     }
     if (!((name, unit) in figures))
         fail("no figure of " name " in " unit)
+    # A counter that has lost what it counts finds nothing at all.
+    else if (!figures[name, unit] && unit != "allocations" && unit != "waits")
+        fail(name ": no " unit)
     return figures[name, unit]
 }
 

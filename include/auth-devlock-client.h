@@ -22,6 +22,9 @@ class AuthDevlockClientPrivate;
  * Whoever may send signals on the system bus can announce a state: a device needs a policy for its bus such as the
  * example in `dbus/vantora.AuthService.conf`.
  *
+ * The first client of a process opens the system bus, if that has not been used before. From then on the bus is heard
+ * without an event loop, too: a host that offers objects there registers them before it takes a name.
+ *
  * All objects of this library belong to one and the same thread, usually the main one; signals are emitted there, from
  * its event loop.
  *

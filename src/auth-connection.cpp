@@ -59,14 +59,19 @@ bool awaitRoomInQueue()
 }
 
 // To connect for each of the changes that a busy host hears late would freeze it, and end it where that instance has gone.
-// A bus that does not tell soon is not waited for.
+// A bus that does not tell soon is not waited for, and not asked for each of them.
 bool isStillOwner(const QString &owner)
 {
+    static QDeadlineTimer silence;
+    if (!silence.hasExpired())
+        return true;
     const QString service = QStringLiteral("org.freedesktop.DBus");
     QDBusMessage question = QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service,
                                                            QStringLiteral("GetNameOwner"));
     question << Authd::Service;
     const QDBusReply<QString> reply = QDBusConnection::systemBus().call(question, QDBus::Block, 1000);
+    if (reply.error().type() == QDBusError::NoReply)
+        silence.setRemainingTime(ConnectionTimeout);
     const bool isFree = reply.error().name() == QLatin1String("org.freedesktop.DBus.Error.NameHasNoOwner");
     return reply.isValid() ? reply.value() == owner : !isFree;
 }

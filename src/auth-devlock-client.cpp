@@ -150,7 +150,7 @@ void AuthDevlockClientPrivate::handleBusLost()
 
 void AuthDevlockClientPrivate::setStateInternal(AuthDevlockClient::LockState newState)
 {
-    // In a host with an application the bus is not heard before the event loop runs.
+    // Where the host has used the bus before, its name comes when the event loop runs.
     awaitOwnName(connection);
     callMethod(devlockInterface, Authd::Method::SetState, {int(newState)});
 }

@@ -47,7 +47,8 @@ void signalStandIn(int number)
     static const pid_t process = standInProcess();
     if (kill(process, number) != 0)
         qFatal("The stand-in has gone");
-    while (number == SIGSTOP && stateOf(process) != 'T')
+    const QByteArray states = number == SIGSTOP ? "T" : "ZX";
+    while (number != SIGCONT && !states.contains(stateOf(process)))
         QThread::yieldCurrentThread();
 }
 
@@ -101,7 +102,9 @@ QString Cell::problem()
     if (!m_expected.fitsCalls(got))
         problems.append(QStringLiteral("the daemon got <%1> instead of <%2>")
                             .arg(got.join(QStringLiteral("; ")), m_expected.callsText()));
-    if (isNothing(m_act) && elapsed < m_fault.lasts * 1000)
+    if (!m_isFollowing)
+        problems.append(QStringLiteral("does not reconnect"));
+    if (isNothing(m_act) && elapsed < m_fault.lasts * qint64(1000))
         problems.append(QStringLiteral("given up after %1 ms").arg(elapsed));
     if (problems.isEmpty())
         return QString();
@@ -150,7 +153,7 @@ void Cell::take(const QString &step)
             await([this] { return m_lines.size() >= m_expected.late(); });
     } else if (verb == QLatin1String("reconnect")) {
         if (isNothing(m_act) && !is("bus") && m_expected.promise()->status == 0)
-            awaitSaid("reconnected");
+            m_isFollowing = awaitSaid("reconnected");
     } else if (verb == QLatin1String("emit")) {
         m_daemon.emitSignal(m_call.method, arguments(words.at(1)));
     } else if (verb == QLatin1String("beside")) {
@@ -160,7 +163,9 @@ void Cell::take(const QString &step)
             m_daemon.emitSignal(emission.left(space).constData(), emission.mid(space + 1));
     } else if (verb == QLatin1String("close")) {
         m_isClosed = true;
-        m_daemon.request(is("construction") ? R"({"do":"accept","how":"refuse"})" : R"({"do":"drop-peers"})");
+        // What has not called yet has no peer to lose, and is refused one.
+        const bool isEarly = is("construction") && !m_timer.isValid();
+        m_daemon.request(isEarly ? R"({"do":"accept","how":"refuse"})" : R"({"do":"drop-peers"})");
     } else if (verb == QLatin1String("freeze")) {
         m_isFrozen = true;
         signalStandIn(SIGSTOP);
@@ -168,7 +173,12 @@ void Cell::take(const QString &step)
         m_isFrozen = false;
         signalStandIn(SIGCONT);
     } else if (verb == QLatin1String("kill")) {
-        killBus();
+        if (words.at(1) == QLatin1String("bus"))
+            killBus();
+        else
+            killDaemon();
+    } else if (verb == QLatin1String("keep-old")) {
+        m_daemon.request(R"({"do":"handover","keep-old":true})");
     } else {
         m_daemon.request("{\"do\":\"" + verb.toUtf8() + "\"}");
     }
@@ -257,11 +267,20 @@ void Cell::runLoop()
 
 void Cell::killBus()
 {
+    m_isClosed = m_isClosed || !m_timer.isValid();
     const pid_t bus = qEnvironmentVariableIntValue("AUTHD_WORLD_BUS_PID");
     if (bus <= 0 || kill(bus, SIGKILL) != 0)
         qFatal("There is no bus to kill");
     while (QDBusConnection::systemBus().isConnected())
         QThread::yieldCurrentThread();
+}
+
+// It cannot be asked for its calls afterwards.
+void Cell::killDaemon()
+{
+    m_got = dealtCalls();
+    m_isKilled = true;
+    signalStandIn(SIGKILL);
 }
 
 void Cell::write(const char *order)
@@ -317,7 +336,8 @@ void Cell::awaitHeard()
 /** What the daemon has sent is on its way to the host. */
 void Cell::settle()
 {
-    m_daemon.request(R"({"do":"ping"})");
+    if (!m_isKilled)
+        m_daemon.request(R"({"do":"ping"})");
     // What the bus gets from two processes at once it may take in any order.
     roundTripToSystemBus();
     roundTripToSystemBus();
@@ -326,13 +346,15 @@ void Cell::settle()
 /** What the daemon has got of calls, from the peer first. */
 QStringList Cell::dealtCalls()
 {
+    if (m_isKilled)
+        return m_got;
     const QDeadlineTimer deadline(5000);
     QStringList result;
     do {
         settle();
         QStringList ofBus;
         result.clear();
-        for (const QJsonValue &call : m_daemon.AuthStandIn::calls()) {
+        for (const QJsonValueRef call : m_daemon.AuthStandIn::calls()) {
             const QString text = call[QLatin1String("method")].toString() + QLatin1Char(' ')
                 + call[QLatin1String("signature")].toString();
             (call[QLatin1String("bus")] == QLatin1String("peer") ? result : ofBus).append(text.trimmed());

@@ -26,6 +26,7 @@ private:
     void doAct();
     void runLoop();
     void killBus();
+    void killDaemon();
     bool is(const char *kinds) const;
 
     void write(const char *order);
@@ -46,8 +47,11 @@ private:
     QProcess m_host;
     QStringList m_said;  ///< what tells how far the host is
     QStringList m_lines; ///< all else
+    QStringList m_got;   ///< the calls of a daemon that has been killed
     bool m_isClosed = false;
     bool m_isFrozen = false;
+    bool m_isKilled = false;
+    bool m_isFollowing = true;
     bool m_isInLoop = false;
     QElapsedTimer m_timer;
 };

@@ -74,13 +74,14 @@ Expectation::Expectation(const Call &call, const Fault &fault, const Act &act)
     m_stories = stories(*m_promise);
     const QString heard = QString::fromUtf8(m_promise->heard);
     const Promise *likeNothing = m_promise;
-    if (heard.startsWith(QLatin1String("{all}")) || heard == QLatin1String("{part}")) {
+    const bool isPart = heard.startsWith(QLatin1String("{part}"));
+    if (isPart || heard.startsWith(QLatin1String("{all}"))) {
         likeNothing = find(call, fault, acts.front());
         const QStringList end = m_stories.first().end;
         m_stories = stories(*likeNothing);
         for (Story &story : m_stories)
             story.end = end;
-        m_isPartial = heard == QLatin1String("{part}");
+        m_isPartial = isPart;
     }
 
     const char *sends = fault.reaches ? call.sends : "";

@@ -3,7 +3,7 @@
 #include "tables.h"
 
 #define DROP "authenticatedChanged(); discredit()"
-#define NO_SOCKET "critical Cannot connect to \"unix:path=/var/run/authd/authd.socket\" …"
+#define NO_SOCKET(name) "critical Cannot connect to \"unix:path=/var/run/authd/authd.socket\" \"" name "\" …"
 #define SETTINGS "shows user 0, 5 rows, switching"
 #define USER "shows user 1000, 5 rows, switching"
 #define USER_NOTIFIED "shows user 1000, 5 rows, switching, notifications"
@@ -14,16 +14,25 @@ const std::vector<Promise> promises = {
     {"signal", "of a reply", "*", "-", "signals are not replied to", nullptr, Impossible},
     {"bus", "of the peer", "*", "-", "what travels on the system bus has no peer: see \"system bus killed\"", nullptr,
      Impossible},
+    {"blocking|construction", "name handed over, old one stays", "*", "-",
+     "it waits for the old daemon, which answers it", nullptr, Impossible},
+    // A blocking call has returned when the host acts; what comes later is unheard.
+    {"blocking", "late reply|daemon lost|name handed over|system bus killed", "delete", "returned, no more",
+     "{part}; deleted"},
+    {"blocking", "late reply|daemon lost|name handed over|system bus killed", "quit|exit", "as far as it got",
+     "{part}"},
     {"blocking|construction", "while it is called", "delete|quit|exit", "-",
-     "it blocks: the host does nothing meanwhile", nullptr, Impossible},
+     "it blocks, and nothing is to come when it returns", nullptr, Impossible},
     {"GetState", "daemon frozen", "delete|quit|exit", "-",
      "the constructor, which calls it, waits: see new AuthDevlockClient", nullptr, Impossible},
     {"GetOption", "peer closed before", "*", "-", "its connection is as new: see new AuthSettingsClient", nullptr,
      Impossible},
     {"UnlockIfNeeded|SetState|SetState at start|on AuthenticationFailed|on AuthDataChanged|on ChangeAuthDataFailed",
      "missing arguments", "*", "-", "it has no arguments that could be missing", nullptr, Impossible},
-    {"RequestChallenge|GetOption|GetUserOption|construction", "ordered", "*", "-", "no signal goes with the reply",
-     nullptr, Impossible},
+    {"RequestChallenge|GetUserOption|construction", "ordered", "*", "-", "no signal goes with the reply", nullptr,
+     Impossible},
+    {"GetOption", "ordered", "*", "-", "what is announced while a settings client is made is not heard", nullptr,
+     Impossible},
 
     // Whatever happens, a client may be deleted and a process may end: what is under way ends unheard then.
     {"*", "peer closed after", "delete", "heard", "{all}; deleted"},
@@ -32,8 +41,11 @@ const std::vector<Promise> promises = {
     {"*", "*", "exit", "unheard", "{begins}"},
     {"*", "*", "quit", "as far as it got", "{part}"},
 
+    // The signals of a daemon that another has replaced are not heard any more; its answers are.
     // An error, and a reply of another type, say nothing of how the request stands: that is for the daemon's signals to
     // tell, and progress stays. Further arguments of a reply are not looked at. A request fails when the daemon goes.
+    {"Authenticate|ChangeAuthData", "name handed over, old one stays", "*", "still asking",
+     "progressChanged() . is asking"},
     {"Authenticate", "extra arguments", "*", "still asking", "progressChanged() . is asking"},
     {"Authenticate", "answered", "*", "token",
      "progressChanged(); authenticatedChanged(token); progressChanged() . is authenticated"},
@@ -57,7 +69,8 @@ const std::vector<Promise> promises = {
      "progressChanged(); warning callChangeAuthDataFinished failed: %text | progressChanged(); " DROP " . is idle"},
 
     // Any reply that is no error is a good one, and the daemon's signal tells the outcome; an error is a refusal, once.
-    {"UnlockIfNeeded", "other type|extra arguments", "*", "daemon to tell", " . is idle"},
+    {"UnlockIfNeeded", "other type|extra arguments|name handed over, old one stays", "*", "daemon to tell",
+     " . is idle"},
     {"UnlockIfNeeded", "answered", "*", "unlocked", "unlockIfNeededFinished(true) . is idle"},
     {"UnlockIfNeeded", "failing", "*", "false once", "unlockIfNeededFinished(false) . is idle"},
     {"UnlockIfNeeded", "late reply", "*", "false, then told",
@@ -65,7 +78,8 @@ const std::vector<Promise> promises = {
     {"UnlockIfNeeded", "daemon lost", "*", "false once", "unlockIfNeededFinished(false) | " DROP " . is idle"},
 
     // A failed call returns false, and the token stays until the device is locked or the daemon goes.
-    {"SetDevlockState", "extra arguments|system bus killed", "*", "true", "returned true . is authenticated"},
+    {"SetDevlockState", "extra arguments|system bus killed|system bus killed before", "*", "true",
+     "returned true . is authenticated"},
     {"SetDevlockState", "answered", "*", "locked", "returned true; " DROP " . is idle"},
     {"SetDevlockState", "failing", "*", "false", "warning setLocked failed: %text; returned false . is authenticated"},
     {"SetDevlockState", "late reply", "*", "locked after all",
@@ -73,7 +87,7 @@ const std::vector<Promise> promises = {
     {"SetDevlockState", "daemon lost", "*", "false, dropped",
      "warning setLocked failed: %text; returned false; " DROP " . is idle"},
 
-    // Without a challenge the request is sent with an empty one, which the daemon turns down; so it does a wrong one.
+    // Without a challenge the request is sent all the same, and the daemon turns it down; so it does with a wrong one.
     {"RequestChallenge", "extra arguments", "*", "taken", "progressChanged(); progressChanged(); " DROP " . is idle"},
     {"RequestChallenge", "answered", "*", "token",
      "progressChanged(); authenticatedChanged(token); progressChanged() . is authenticated"},
@@ -91,6 +105,10 @@ const std::vector<Promise> promises = {
 
     // The callback is called once, with an invalid value when the call has failed.
     {"FactorMethod", "extra arguments", "*", "value", "callback 5 . is idle"},
+    {"FactorMethod", "reply before signal", "*", "value, then signal",
+     "callback true; factorSignal(code, {}) . is idle"},
+    {"FactorMethod", "reply after signal", "*", "signal, then value",
+     "factorSignal(code, {}); callback true . is idle"},
     {"FactorMethod", "answered", "*", "value", "callback true | factorSignal(code, {}) . is idle"},
     {"FactorMethod", "failing", "*", "invalid once", "warning reply isError: %text; callback invalid . is idle"},
     {"FactorMethod", "late reply", "*", "invalid once",
@@ -167,6 +185,7 @@ const std::vector<Promise> promises = {
 
     // Nothing is reported; the state is what the daemon announces, and Undefined without the daemon or the bus.
     {"SetState", "failing|extra arguments", "*", "not told", "returned . is Unlocked"},
+    {"SetState", "system bus killed before", "*", "Undefined", "returned; stateChanged() . is Undefined", ""},
     {"SetState", "system bus killed|daemon lost", "*", "Undefined", "returned; stateChanged() . is Undefined"},
     {"SetState", "answered", "*", "announced", "returned; stateChanged() . is SecurityUi"},
     {"SetState", "late reply", "*", "announced after all", "returned; ~; stateChanged() . is SecurityUi"},
@@ -182,8 +201,12 @@ const std::vector<Promise> promises = {
 
     // A process that cannot reach the daemon, or loses it meanwhile, is ended with status 1. Introspection data is not
     // needed.
-    {"new AuthClient|new AuthSettingsClient", "peer closed before|peer closed during|daemon lost|name handed over", "*",
-     "status 1", NO_SOCKET, "GetState", 1},
+    {"new AuthClient", "peer closed before|peer closed during|daemon lost|name handed over", "*", "status 1",
+     NO_SOCKET("authd_p2p_client"), "GetState", 1},
+    {"new AuthSettingsClient", "peer closed before|peer closed during|daemon lost|name handed over", "*", "status 1",
+     NO_SOCKET("authd_p2p_settings_client"), "GetState", 1},
+    {"construction|GetOption|GetState|SetState at start", "system bus killed before", "*", "status 1",
+     "critical Cannot connect to \"vantora.AuthService\" …", "", 1},
     {"new AuthClient", "*", "*", "works", "made; works . is idle"},
     {"new AuthSettingsClient", "*", "*", "works", "made; works . " SETTINGS},
     {"new AuthDevlockClient", "system bus killed", "*", "status 1",
@@ -197,8 +220,11 @@ const std::vector<Promise> promises = {
     // instance. What comes on the socket and what comes on the bus may overtake one another.
     {"on StateChanged", "daemon killed", "*", "heard, then Undefined", "{heard}; stateChanged() . is Undefined"},
     {"on StateChanged", "daemon restarted", "*", "Undefined, then heard", "stateChanged(); {heard} . {after}"},
-    {"on StateChanged", "system bus killed", "*", "Undefined", "stateChanged() . is Undefined"},
-    {"on Authenticated", "daemon killed", "*", "heard, then dropped", "{heard} | " DROP " . is idle"},
+    {"on StateChanged", "system bus killed|system bus killed before", "*", "Undefined",
+     "stateChanged() . is Undefined"},
+    // A token that comes after the news of the daemon's end is kept.
+    {"on Authenticated", "daemon killed", "*", "heard, then dropped",
+     "{heard}; " DROP " . is idle or " DROP "; {heard} . {after}"},
     {"signal", "daemon killed", "*", "heard, then dropped", "{heard} | " DROP " . {after}"},
     {"signal", "daemon restarted", "*", "dropped, then heard", DROP "; {heard} . {after}"},
     {"signal", "other type|extra arguments|missing arguments|peer closed before", "*", "not heard", " . {before}"},

@@ -23,7 +23,7 @@ const std::vector<Call> calls = {
     {"GetState", "asynchronous|bus", "GetState", "('text',)", "(0, 'more')", "GetState", "", false, 0,
      "StateChanged (5,)"},
     {"SetState", "blocking|bus", "SetState", "('text',)", "(1, 'more')", "SetState i"},
-    // Until the event loop runs after the first use of the system bus, Qt D-Bus 5.15 keeps back what comes from it.
+    // Before the event loop has run for the first time.
     {"SetState at start", "blocking|bus", "SetState", "('text',)", "(1, 'more')", "GetState; SetState i"},
 
     // The first thing that they ask the peer for; a device-lock client inside has asked on the system bus before.
@@ -76,14 +76,20 @@ const std::vector<Fault> faults = {
     {"peer closed during", "failing|of the peer|while it is called", "rule drop; go; act", "go; emit right; close; act",
      "\"…\""},
     {"peer closed after", "answered|of the peer", "go; hear; close; act", "go; emit right; hear; close; act", "\"…\""},
-    {"daemon killed", "daemon lost|while it is called", "rule hold once; go; stop; act",
+    {"daemon stopped", "daemon killed|daemon lost|while it is called", "rule hold once; go; stop; act",
      "go; emit right; catch; stop; act", "\"…\""},
-    {"daemon frozen", "answered|while it is called", "freeze; go; act; thaw", "freeze; go; thaw; emit right; act",
+    {"daemon killed", "daemon lost|while it is called", "rule hold once; go; kill daemon; act",
+     "go; emit right; catch; kill daemon; act", "\"…\"", true, 0, true},
+    {"daemon frozen", "answered|while it is called", "freeze; go; act; thaw", "go; emit right; freeze; act; thaw",
      "\"…\""},
     {"daemon restarted", "daemon lost|while it is called", "rule hold once; go; restart; act; reconnect",
      "go; restart; act; reconnect; emit right", "\"…\""},
     {"name handed over", "failing|while it is called", "rule hold once; go; handover; act; reconnect",
      "go; handover; act; reconnect; emit right", "\"…\""},
+    {"name handed over, old one stays", "answered|while it is called",
+     "rule hold once; go; keep-old; act; reconnect; release", "go; keep-old; act; reconnect; emit right", "\"…\""},
+    {"system bus killed before", "answered|while it is called", "kill bus; go; act", "kill bus; go; emit right; act",
+     "\"…\"", true, 0, true},
     {"system bus killed", "answered|while it is called", "rule hold once; go; kill bus; release; act",
      "go; kill bus; emit right; act", "\"…\"", true, 0, true},
 };

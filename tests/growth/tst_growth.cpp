@@ -665,7 +665,7 @@ void TestGrowth::leaksAreReported()
     const Leak &leak = leaks().at(row);
     // Under valgrind malloc() is another.
     if (!IS_SANITIZED && leak.figure <= Blocks && !qEnvironmentVariableIsEmpty("AUTH_TEST_RUNNER"))
-        QSKIP("What valgrind allocates is not counted");
+        QSKIP("What valgrind allocates is not counted", );
     const bool isSmall = leak.figure <= Blocks;
     const QStringList complaints = grown({leak.name, isSmall ? 800 : 80, isSmall ? 800 : 80, 10, nothing,
                                           [&leak](TestGrowth *test, int number) {

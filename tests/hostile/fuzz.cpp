@@ -3,6 +3,7 @@
 
 #include "case.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -69,6 +70,6 @@ size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t maximum, unsig
     const Bytes changed = draw(lots, 20) == 0 ? drawScript(lots) : drawChange(before, lots);
     if (changed.size() > maximum)
         return size;
-    memcpy(data, changed.data(), changed.size());
+    std::copy(changed.begin(), changed.end(), data);
     return changed.size();
 }

@@ -480,7 +480,9 @@ void Peers::act(Connection &connection, const Action &action, const Message *cal
         // A new name for one's own connection is no connection.
         reply(connection, *call, signature, drawBody(signature, lots, big));
         isAnswered();
-    } else if (name == "error" && call) {
+    } else if (name == "error" && !call) {
+        sendBytes(connection, "ERROR\r\n");
+    } else if (name == "error") {
         const char *const names[] = {"org.freedesktop.DBus.Error.Failed", "a.b", "org.freedesktop.DBus.Error.NoReply",
                                      "org.freedesktop.DBus.Error.UnknownMethod",
                                      "org.freedesktop.DBus.Error.Disconnected"};
@@ -616,15 +618,15 @@ void Peers::act(Connection &connection, const Action &action, const Message *cal
         late.body = drawBody(late.signature, lots, big);
         connection.held.push_back(late.marshalled(big));
     } else if (name == "release") {
-        while (!connection.held.empty()) {
-            Bytes late = connection.held.back();
-            if (number > Message::Signal)
-                late[1] = char(number);
-            connection.held.pop_back();
-            isAnswered();
-            sendBytes(connection, late);
-            if (connection.socket < 0)
-                return;
+        for (Connection &each : m_connections) {
+            while (each.isBus == connection.isBus && each.socket >= 0 && !each.held.empty()) {
+                Bytes late = each.held.back();
+                if (number > Message::Signal)
+                    late[1] = char(number);
+                each.held.pop_back();
+                each.unanswered -= each.unanswered > 0;
+                sendBytes(each, late);
+            }
         }
     } else if (name == "bigendian") {
         connection.isBigEndian = !connection.isBigEndian;

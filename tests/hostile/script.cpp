@@ -134,7 +134,7 @@ Script::Script(const Bytes &text)
         else if (word == "on" && i + 1 < words.size() && indexIn(eventNames, words[i + 1]) >= 0)
             reactions.push_back({words[++i], 0, false, {}});
         else if (reactions.empty())
-            continue;
+            unknown = unknown.empty() ? word : unknown;
         else if (word == "after")
             reactions.back().after = numberAt(i + 1);
         else if (word == "always")
@@ -142,6 +142,8 @@ Script::Script(const Bytes &text)
         else if ((indexIn(actionNames, word) >= 0 || indexIn(heavyActionNames, word) >= 0)
                  && reactions.back().actions.size() < 20)
             reactions.back().actions.push_back({word, numberAt(i + 1)});
+        else if (!isNumber(word) && unknown.empty())
+            unknown = word;
     }
 }
 

@@ -49,6 +49,8 @@ struct Script
     End end = End::Close;
     std::vector<Bytes> steps;
     std::vector<Reaction> reactions;
+    /** The first word that means nothing. */
+    Bytes unknown;
 };
 
 /** A script, drawn by lot. */

@@ -231,11 +231,11 @@ Bytes drawBody(const Bytes &signature, Lots &lots, bool bigEndian)
     return writer.bytes;
 }
 
-Bytes textBody(std::initializer_list<Bytes> texts, bool bigEndian)
+Bytes textBody(std::initializer_list<Bytes> values, bool bigEndian)
 {
     Writer writer(bigEndian);
-    for (const Bytes &text : texts)
-        writer.text(text);
+    for (const Bytes &value : values)
+        writer.text(value);
     return writer.bytes;
 }
 
@@ -293,7 +293,7 @@ size_t Message::read(const Bytes &bytes)
     serial = uint32_t(numberAt(8));
     body = bytes.substr(bodyBegin, length - bodyBegin);
     for (size_t at = 16; at < fieldsEnd;) {
-        const char code = bytes[at];
+        const uint8_t code = uint8_t(bytes[at]);
         const char kind = bytes[at + 2];
         at += 4;
         if (kind == 'u') {
@@ -306,8 +306,8 @@ size_t Message::read(const Bytes &bytes)
             at += isSignature ? 1 : 4;
             Bytes *const fields[] = {nullptr, &path,        &interface, &member,   &errorName,
                                      nullptr, &destination, &sender,    &signature};
-            if (size_t(code) < sizeof fields / sizeof *fields && fields[size_t(code)])
-                *fields[size_t(code)] = bytes.substr(at, size);
+            if (code < std::size(fields) && fields[code])
+                *fields[code] = bytes.substr(at, size);
             at += size + 1;
         }
         at = (at + 7) / 8 * 8;

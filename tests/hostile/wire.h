@@ -46,4 +46,4 @@ Bytes drawSignature(Lots &lots);
 Bytes drawBody(const Bytes &signature, Lots &lots, bool bigEndian);
 
 /** The body of a message that carries texts alone. */
-Bytes textBody(std::initializer_list<Bytes> texts, bool bigEndian);
+Bytes textBody(std::initializer_list<Bytes> values, bool bigEndian);

@@ -99,8 +99,10 @@ void sayComplaint(QtMsgType type, const QMessageLogContext &context, const QStri
     fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, text)));
     if (type != QtDebugMsg)
         say(QLatin1String(type == QtWarningMsg ? "warning " : "critical ") + text);
-    else if (text.startsWith(QLatin1String("authd reset \":")))
-        // Said from inside the handler that reconnects.
+    static bool isReset = false;
+    isReset = isReset || text.startsWith(QLatin1String("authd reset \":"));
+    // Said from inside the handler that reconnects.
+    if (isReset && text.startsWith(QLatin1String("AuthdConnection")))
         QMetaObject::invokeMethod(
             qApp, [] { say(QStringLiteral("reconnected")); }, Qt::QueuedConnection);
 }
