@@ -41,6 +41,10 @@ struct Step
     bool beforeClient = false;
     bool delivered = true; // whether what the daemon announces is waited for
 
+    bool comesFirst() const
+    {
+        return beforeClient;
+    }
     QString text() const;
 };
 
