@@ -19,7 +19,8 @@ int CoreOracle::callLater(int object, int connection, const QString &method, con
                           Do then, int callback)
 {
     const int number = ++m_lastCall;
-    m_pending.append({number, method, object, connection, m_instance, step, then, callback, false, false});
+    const int instance = connection == SystemBus ? m_instance : m_connections[connection].instance;
+    m_pending.append({number, method, object, connection, instance, step, then, callback, false, false});
     if (connection == SystemBus ? !m_hasName : !m_connections[connection].isOpen) {
         // On the socket it fails by itself.
         if (connection == SystemBus)

@@ -81,11 +81,16 @@ bool CoreOracle::can(const Step &step) const
     case Do::Handover:
         return m_isRunning && m_hasName && !stateIsAwaited && !breaksReturn;
     case Do::HandoverKeepingOld:
-        return m_isRunning && m_hasName && !stateIsAwaited && !breaksReturn && m_old.isEmpty();
+        // A handler's call on an old connection would end the old instance.
+        return m_isRunning && m_hasName && !stateIsAwaited && !breaksReturn && m_old.isEmpty()
+            && (step.name.isEmpty() || !anyRule(&Step::closesConnection));
     case Do::DropOld:
         return !m_old.isEmpty();
+    // Nobody hears of the end of an instance that has no name, and so of when the calls that it owes an answer fail.
+    case Do::Misbehave:
+        return m_hasName || !stateIsAwaited || !step.endsInstance();
     case Do::ReleaseName:
-        return m_isRunning && m_hasName;
+        return m_isRunning && m_hasName && (!stateIsAwaited || !anyRule(&Step::endsInstance));
     case Do::OwnName:
         return m_isRunning && !m_hasName && !breaksReturn;
     default:
@@ -184,6 +189,8 @@ void CoreOracle::take(const Step &step)
         send(SystemBus, {Event::Owner, {}, true});
         if (step.what == Do::Handover)
             end(old);
+        else if (isRight)
+            sendToAll(old, {Event::Signal, step.name, step.value.meaning});
         break;
     }
     case Do::DropOld:

@@ -72,6 +72,10 @@ public:
     /** Whether signals of the daemon's present instance reach the client. */
     bool hears(int client) const;
     bool isRunning() const;
+    int instance() const
+    {
+        return m_instance;
+    }
     int oldInstance() const;
     /** Whether calls of factor methods are answered at once. */
     bool mayWait() const;

@@ -61,7 +61,8 @@ QString text(Do what, const Step &step, int number)
     case Do::Handover:
         return "another instance takes over"_s;
     case Do::HandoverKeepingOld:
-        return "another instance takes over, the old one keeps its connections"_s;
+        return "another instance takes over, the old one keeps its connections"_s
+            + (step.name.isEmpty() ? QString() : " and emits %1%2"_s.arg(step.name, step.value.text));
     case Do::DropOld:
         return "the old instances go"_s;
     case Do::ReleaseName:
@@ -224,7 +225,7 @@ Step Author::emission()
         step.number = one(states());
         break;
     }
-    if (step.what == Do::Emit && step.name != "StateChanged"_s && chance(5))
+    if (step.what == Do::Emit && step.name != "StateChanged"_s && chance(20))
         step.what = Do::EmitFromOld;
     return step;
 }
@@ -329,6 +330,13 @@ Step Author::instance()
     step.what = one(QVector<Do>{Do::Leave, Do::Leave, Do::Come, Do::Come, Do::Come, Do::Handover, Do::Handover,
                                 Do::HandoverKeepingOld, Do::HandoverKeepingOld, Do::DropOld, Do::ReleaseName,
                                 Do::OwnName, Do::OwnName, Do::DropPeers});
+    if (step.what == Do::HandoverKeepingOld && chance(60)) {
+        const Step last = emission();
+        if (last.what == Do::Emit && last.name != "StateChanged"_s) {
+            step.name = last.name;
+            step.value = last.value;
+        }
+    }
     return step;
 }
 
@@ -361,15 +369,14 @@ Step Author::step()
     } else {
         step = instance();
     }
-    // With several steps at once more can happen, in more orders.
-    static const bool mayWait = qEnvironmentVariableIsSet("AUTH_COREMODEL_BATCHES");
-    step.delivered = chance(60) || !mayWait;
+    step.delivered = !m_hasBatches || chance(60);
     return step;
 }
 
 Script Author::script(int length)
 {
     Script result;
+    m_hasBatches = chance(50);
     CoreOracle rehearsal(1);
     while (result.size() < length) {
         Step next = step();

@@ -124,5 +124,7 @@ private:
     Step step();
 
     QRandomGenerator m_random;
+    /** With several steps at once more can happen, in more orders. */
+    bool m_hasBatches = false;
     int m_tokens = 0;
 };

@@ -4,7 +4,6 @@
 //
 // AUTH_COREMODEL_SEED=N repeats the run of a seed, AUTH_COREMODEL_STEPS=N sets how many steps it takes. Without them each
 // run also takes some steps with a seed that nobody has used before; it prints all of them.
-// AUTH_COREMODEL_BATCHES=1 does not wait for what each step sends before the next.
 // AUTH_COREMODEL_TRACE=1 prints each step before it is taken: what ends the process cannot be shrunk.
 //
 // The socket and the system bus are two ways, and who hears first of what arrives on both is open: then the oracle tries all
@@ -226,6 +225,14 @@ void Pair::arrange(const Step &step)
         break;
     case Do::HandoverKeepingOld:
         m_control->post(R"({"do":"handover","keep-old":true})");
+        if (step.name.isEmpty())
+            break;
+        // The news of the new instance waits in the event loop, and what the old one says comes after it.
+        m_control->await();
+        roundTripToSystemBus();
+        emitSignal(",\"instance\":" + QByteArray::number(m_oracle->instance()));
+        m_control->await();
+        roundTripToSystemBus();
         break;
     default:
         m_control->post(R"({"do":")" + plain.value(step.what) + "\"}");
@@ -392,6 +399,8 @@ bool Pair::deliverOnce()
     };
     if (!awaitEvents(isThere, "all that is on its way"_s))
         return false;
+    // The end of a call that had ended before it was watched takes two events, and the second is posted by the first.
+    QCoreApplication::processEvents();
     QCoreApplication::processEvents();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     const QStringList seen = takeSeen();
