@@ -1,6 +1,7 @@
 // AuthClient and AuthDevlockClient against a second implementation of them, the oracle: both take the same random steps of
 // hosts, of the daemon and of the bus, and after each everything that a host or the daemon could tell them apart by is
-// compared. A difference is shrunk to a short script.
+// compared. A difference is shrunk to a short script. In every other script some steps are taken together, before what they
+// send is waited for.
 //
 // AUTH_COREMODEL_SEED=N repeats the run of a seed, AUTH_COREMODEL_STEPS=N sets how many steps it takes. Without them each
 // run also takes some steps with a seed that nobody has used before; it prints all of them.
