@@ -34,7 +34,7 @@ using ValueCallBack = std::function<void(const QVariant &)>;
  * The loss of the daemon forgets the token. Its return reconnects the client, from the event loop, and fetches a new
  * challenge if one was held; this blocks for three short requests (for at most 25 seconds each, should the daemon be
  * mute, and before them for 25 seconds until the daemon has room for the connection), and for one to the bus (for at
- * most a second), which tells whether that instance is still there: a host that was busy while the daemon came and went
+ * most five seconds), which tells whether that instance is still there: a host that was busy while the daemon came and went
  * several times connects once, to the last. When one daemon instance takes over from another without a gap, the client
  * reconnects as well, but keeps the token, which the new instance may refuse, and progress(): signals of the old
  * instance are no longer heard, its replies still count.

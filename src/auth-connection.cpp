@@ -69,7 +69,7 @@ bool isStillOwner(const QString &owner)
     QDBusMessage question = QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service,
                                                            QStringLiteral("GetNameOwner"));
     question << Authd::Service;
-    const QDBusReply<QString> reply = QDBusConnection::systemBus().call(question, QDBus::Block, 1000);
+    const QDBusReply<QString> reply = QDBusConnection::systemBus().call(question, QDBus::Block, 5000);
     if (reply.error().type() == QDBusError::NoReply)
         silence.setRemainingTime(ConnectionTimeout);
     const bool isFree = reply.error().name() == QLatin1String("org.freedesktop.DBus.Error.NameHasNoOwner");

@@ -354,7 +354,8 @@ QStringList Cell::dealtCalls()
         settle();
         QStringList ofBus;
         result.clear();
-        for (const QJsonValueRef call : m_daemon.AuthStandIn::calls()) {
+        for (const auto &value : m_daemon.AuthStandIn::calls()) {
+            const QJsonValue call = value;
             const QString text = call[QLatin1String("method")].toString() + QLatin1Char(' ')
                 + call[QLatin1String("signature")].toString();
             (call[QLatin1String("bus")] == QLatin1String("peer") ? result : ofBus).append(text.trimmed());

@@ -1,6 +1,10 @@
 #include "bus-round-trip.h"
 #include "test-case.h"
 
+#include <QtCore/QElapsedTimer>
+
+#include <csignal>
+
 /** The daemon dies, restarts and hands its name over, with calls under way. */
 class TestRestart : public TestCase
 {
@@ -38,6 +42,7 @@ private Q_SLOTS:
     void peersAreDroppedAndTheNameStays();
     void secondClientConnectsThoughTheFirstHasLostItsPeer();
     void authenticationGoesOnAfterARestart();
+    void busThatDoesNotTellIsNotWaitedForLong();
 };
 
 namespace {
@@ -589,6 +594,28 @@ void TestRestart::unlockIfNeededFailsAfterTheDaemonsSignal()
     awaitReconnection();
     drain(client.get());
     QCOMPARE(heard.list().filter("unlockIfNeeded"_s), QStringList{"unlockIfNeededFinished(false)"_s});
+}
+
+// It is asked once for all the changes, and not for as long as other calls wait. The last test: then it is not asked for
+// a while.
+void TestRestart::busThatDoesNotTellIsNotWaitedForLong()
+{
+    const pid_t bus = qEnvironmentVariableIntValue("AUTHD_WORLD_BUS_PID");
+    QVERIFY(bus > 0);
+    const auto client = newClient();
+    log->take();
+    for (int i = 0; i < 8; ++i)
+        daemon.request(R"({"do":"handover"})");
+    roundTripToSystemBus();
+    QElapsedTimer timer;
+    timer.start();
+    QCOMPARE(kill(bus, SIGSTOP), 0);
+    const bool areConnected = waitFor([&] { return log->count(connected) == 8; });
+    const qint64 waited = timer.elapsed();
+    kill(bus, SIGCONT);
+    QVERIFY(areConnected);
+    QVERIFY2(waited > 4500 && waited < 20000, qPrintable(QString::number(waited)));
+    QCOMPARE(client->factorMethodWait(echo(5), "code"_s), QVariant(5));
 }
 
 QTEST_GUILESS_MAIN(TestRestart)
