@@ -34,6 +34,10 @@ const std::vector<Promise> promises = {
     {"GetOption", "ordered", "*", "-", "what is announced while a settings client is made is not heard", nullptr,
      Impossible},
 
+    // Without a bus nothing is made.
+    {"construction|GetOption|GetState|SetState at start", "system bus killed before", "*", "status 1",
+     "critical Cannot connect to \"vantora.AuthService\" …", "", 1},
+
     // Whatever happens, a client may be deleted and a process may end: what is under way ends unheard then.
     {"*", "peer closed after", "delete", "heard", "{all}; deleted"},
     {"*", "peer closed after", "quit|exit", "heard", "{all}"},
@@ -205,8 +209,6 @@ const std::vector<Promise> promises = {
      NO_SOCKET("authd_p2p_client"), "GetState", 1},
     {"new AuthSettingsClient", "peer closed before|peer closed during|daemon lost|name handed over", "*", "status 1",
      NO_SOCKET("authd_p2p_settings_client"), "GetState", 1},
-    {"construction|GetOption|GetState|SetState at start", "system bus killed before", "*", "status 1",
-     "critical Cannot connect to \"vantora.AuthService\" …", "", 1},
     {"new AuthClient", "*", "*", "works", "made; works . is idle"},
     {"new AuthSettingsClient", "*", "*", "works", "made; works . " SETTINGS},
     {"new AuthDevlockClient", "system bus killed", "*", "status 1",

@@ -264,7 +264,9 @@ void TestGrowth::leaksAreReported()
     const bool isSmall = leak.figure <= Blocks;
     const int times = isSmall ? 3000 : 80;
     const auto leaveBehind = [&leak](Doer *doer, int number) {
-        if (const std::shared_ptr<void> left = leak.make("leak%1"_s.arg(number)))
+        const std::shared_ptr<void> left = leak.make("leak%1"_s.arg(number));
+        // What is undone at the end may have no object.
+        if (left.use_count() > 0)
             static_cast<TestGrowth *>(doer)->m_kept.push_back(left);
         doer->done();
     };
