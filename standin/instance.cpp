@@ -11,10 +11,8 @@ namespace {
 const char socketPath[] = "/var/run/authd/authd.socket";
 const char serviceName[] = "vantora.AuthService";
 
-/** How long the main loop waits until the system bus, which may be frozen, has taken what it is sent. */
-constexpr std::chrono::seconds busPatience(2);
-/** The same until the bus has answered: without its answer the stand-in serves the socket alone, and busy ones are late. */
-constexpr std::chrono::seconds answerPatience(15);
+/** How long the main loop waits for the system bus, which may be frozen, or only busy. */
+constexpr std::chrono::seconds busPatience(15);
 
 void releaseBus(GDBusConnection *connection)
 {
@@ -82,7 +80,7 @@ bool Instance::connectToSystemBus()
     g_autofree char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
     std::string problem = address ? "it does not answer" : error->message;
     if (address) {
-        const auto connected = inTime(answerPatience, [address = std::string(address)] {
+        const auto connected = inTime(busPatience, [address = std::string(address)] {
             const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
                                                                  | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
             g_autoptr(GError) failure = nullptr;
@@ -256,7 +254,7 @@ uint32_t Instance::callBus(const char *method, GVariant *arguments)
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         m_bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments,
         G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
-        static_cast<int>(std::chrono::milliseconds(answerPatience).count()), nullptr, &error);
+        static_cast<int>(std::chrono::milliseconds(busPatience).count()), nullptr, &error);
     if (!reply)
         throw std::runtime_error(std::string("the system bus refuses ") + method + " for " + serviceName + ": "
                                  + error->message);

@@ -480,9 +480,7 @@ void Peers::act(Connection &connection, const Action &action, const Message *cal
         // A new name for one's own connection is no connection.
         reply(connection, *call, signature, drawBody(signature, lots, big));
         isAnswered();
-    } else if (name == "error" && !call) {
-        sendBytes(connection, "ERROR\r\n");
-    } else if (name == "error") {
+    } else if (name == "error" && call) {
         const char *const names[] = {"org.freedesktop.DBus.Error.Failed", "a.b", "org.freedesktop.DBus.Error.NoReply",
                                      "org.freedesktop.DBus.Error.UnknownMethod",
                                      "org.freedesktop.DBus.Error.Disconnected"};
@@ -494,6 +492,9 @@ void Peers::act(Connection &connection, const Action &action, const Message *cal
         error.body = drawBody(error.signature, lots, big);
         send(connection, error);
         isAnswered();
+    } else if (name == "error") {
+        // Of a word of the handshake.
+        sendBytes(connection, "ERROR\r\n");
     } else if (name == "foreign" || name == "typed") {
         Message odd;
         const bool isTyped = name == "typed";

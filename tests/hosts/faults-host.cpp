@@ -327,7 +327,6 @@ int main(int argc, char **argv)
     const auto listen = [&listener] { listener = std::make_unique<Listener>(object.get()); };
     if (object)
         listen();
-    say(QStringLiteral("ready"));
     // Not looked at before the event loop is to run: a notifier that was ready once reads where nothing is left.
     QSocketNotifier orders(STDIN_FILENO, QSocketNotifier::Read);
     orders.setEnabled(false);
@@ -345,6 +344,8 @@ int main(int argc, char **argv)
         orders.setEnabled(true);
     };
     QMetaObject::invokeMethod(&application, begin, Qt::QueuedConnection);
+    // What comes from now on is delivered later.
+    say(QStringLiteral("ready"));
     const int status = QCoreApplication::exec();
     object.reset();
     return status;
