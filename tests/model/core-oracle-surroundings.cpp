@@ -73,7 +73,7 @@ CoreOracle::Answer CoreOracle::treat(int connection, const QString &method, cons
             start();
         return {Answer::None, {}};
     }
-    const Answer result = usual(method, step);
+    Answer result = usual(method, step);
     if (method == "SetState"_s && result.kind == Answer::Returned)
         setLockState(step.number, false);
     return result;

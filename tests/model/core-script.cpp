@@ -36,7 +36,6 @@ QString text(Do what, const Step &step, int number)
     case Do::SetState:
         return "setState(%1)"_s.arg(number);
     case Do::MakeClient:
-        return "is made"_s;
     case Do::MakeDevlock:
         return "is made"_s;
     case Do::Arm:

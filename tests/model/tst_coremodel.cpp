@@ -479,7 +479,7 @@ void Pair::start()
     m_control->post(R"({"do":"calls"})");
     const QVector<QJsonObject> answers = m_control->awaitAll();
     m_around->nextCall = answers.last().value("next"_s).toInt();
-    const QJsonObject state = answers[answers.size() - 2];
+    const QJsonObject &state = answers[answers.size() - 2];
     m_around->ears.owners = QStringList{state.value("owner"_s).toString()};
     roundTripToSystemBus();
     QCoreApplication::processEvents();
