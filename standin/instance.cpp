@@ -253,8 +253,8 @@ uint32_t Instance::callBus(const char *method, GVariant *arguments)
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         m_bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments,
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
-        static_cast<int>(std::chrono::milliseconds(busPatience).count()), nullptr, &error);
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, static_cast<int>(std::chrono::milliseconds(busPatience).count()),
+        nullptr, &error);
     if (!reply)
         throw std::runtime_error(std::string("the system bus refuses ") + method + " for " + serviceName + ": "
                                  + error->message);
