@@ -342,8 +342,11 @@ void Peers::flush(Connection &connection)
 void Peers::send(Connection &connection, Message message)
 {
     const size_t size = message.body.size();
-    if (m_messagesLeft == 0 || m_bytesLeft < size)
+    if (m_messagesLeft == 0 || m_bytesLeft < size) {
+        // Whoever waits for it is not to wait for long.
+        connection.isStalled = true;
         return;
+    }
     --m_messagesLeft;
     m_bytesLeft -= size;
     message.serial = ++connection.serial;
