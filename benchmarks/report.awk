@@ -86,8 +86,8 @@ function construction()
 {
     title("Construction, until the device-lock state is known")
     header("|Instructions, bare objects|library|ratio (at most)|Calls of the daemon (at most)|of the bus (at most)")
-    made("AuthDevlockClient", 1.05, 2, 6)
-    made("AuthClient", 1.05, 4, 6)
+    made("AuthDevlockClient", 1.06, 2, 6)
+    made("AuthClient", 1.06, 4, 6)
     made("AuthSettingsClient", 0, 8, 6)
 }
 
