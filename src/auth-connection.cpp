@@ -65,9 +65,7 @@ bool isStillOwner(const QString &owner)
     static QDeadlineTimer silence;
     if (!silence.hasExpired())
         return true;
-    const QString service = QStringLiteral("org.freedesktop.DBus");
-    QDBusMessage question = QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service,
-                                                           QStringLiteral("GetNameOwner"));
+    QDBusMessage question = callOfBus(QStringLiteral("GetNameOwner"));
     question << Authd::Service;
     const QDBusReply<QString> reply = QDBusConnection::systemBus().call(question, QDBus::Block, 5000);
     if (reply.error().type() == QDBusError::NoReply)
@@ -102,6 +100,12 @@ QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVa
     QDBusPendingCall call = object.asyncCallWithArgumentList(method, arguments);
     call.waitForFinished();
     return call.reply();
+}
+
+QDBusMessage callOfBus(const QString &method)
+{
+    const QString service = QStringLiteral("org.freedesktop.DBus");
+    return QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service, method);
 }
 
 QString clipped(const QString &text)

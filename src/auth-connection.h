@@ -18,6 +18,9 @@
 /** Calls @p method of @p object and waits for the answer. */
 QDBusMessage callMethod(QDBusInterface &object, const QString &method, const QVariantList &arguments = {});
 
+/** A call of the system bus itself. */
+QDBusMessage callOfBus(const QString &method);
+
 /** As much of an error's text as belongs in a log: a message of D-Bus has room for 128 MiB. */
 QString clipped(const QString &text);
 

@@ -22,9 +22,7 @@ void awaitOwnName(const QDBusConnection &bus)
 {
     if (!bus.isConnected())
         return;
-    const QString service = QStringLiteral("org.freedesktop.DBus");
-    bus.call(QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/DBus"), service,
-                                            QStringLiteral("GetId")));
+    bus.call(callOfBus(QStringLiteral("GetId")));
     // This object lives in the D-Bus thread.
     QMetaObject::invokeMethod(
         bus.interface(), [] {}, Qt::BlockingQueuedConnection);
