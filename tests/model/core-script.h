@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QtCore/QRandomGenerator>
+#include "dice.h"
+
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
 #include <QtCore/QVector>
@@ -91,29 +92,17 @@ struct Step
 using Script = QVector<Step>;
 
 /** Random scripts, whose steps make sense one after the other; any of them can be left out. */
-class Author
+class Author : private Dice
 {
 public:
     explicit Author(quint32 seed)
-        : m_random(seed)
+        : Dice(seed)
     {
     }
 
     Script script(int length);
 
 private:
-    bool chance(int percent)
-    {
-        return int(m_random.bounded(100)) < percent;
-    }
-    template <typename T> T one(const QVector<T> &of)
-    {
-        return of[int(m_random.bounded(of.size()))];
-    }
-    QString one(const QStringList &of)
-    {
-        return of[int(m_random.bounded(of.size()))];
-    }
     int client();
     Value wrong(const QString &right);
     Step emission();
@@ -123,7 +112,6 @@ private:
     Step instance();
     Step step();
 
-    QRandomGenerator m_random;
     /** With several steps at once more can happen, in more orders. */
     bool m_hasBatches = false;
     int m_tokens = 0;

@@ -1,8 +1,7 @@
 #pragma once
 
+#include "dice.h"
 #include "settings-oracle.h"
-
-#include <QtCore/QRandomGenerator>
 
 enum class Do {
     ArrangeGlobal,
@@ -55,29 +54,17 @@ using Script = QVector<Step>;
 const QStringList &factorNames();
 
 /** Random scripts. The steps do not depend on each other: any of them can be left out. */
-class Author
+class Author : private Dice
 {
 public:
     explicit Author(quint32 seed)
-        : m_random(seed)
+        : Dice(seed)
     {
     }
 
     Script script(int length);
 
 private:
-    bool chance(int percent)
-    {
-        return int(m_random.bounded(100)) < percent;
-    }
-    template <typename T> T one(const QVector<T> &of)
-    {
-        return of[int(m_random.bounded(of.size()))];
-    }
-    QString one(const QStringList &of)
-    {
-        return of[int(m_random.bounded(of.size()))];
-    }
     QStringList some(const QStringList &of, int most);
     OptionValue odd();
     OptionValue valueFor(const QString &key);
@@ -88,6 +75,5 @@ private:
     Step step();
     void offer(Script *script);
 
-    QRandomGenerator m_random;
     uint m_uid = 0;
 };
