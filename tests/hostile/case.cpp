@@ -161,7 +161,7 @@ Bytes playCase(const Bytes &text, bool isTold, void (*prepareHost)(), Effort *ef
         close(process);
         if (effort) {
             const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
-            *effort = {usage.ru_maxrss, long(time.count()), contentOf(words)};
+            *effort = {usage.ru_maxrss, long(time.count()), contentOf(words), peers.unmet()};
         }
         if (problem.empty())
             problem = judge(status, *ledger, peers);

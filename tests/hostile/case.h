@@ -28,12 +28,13 @@ constexpr char EndWord = 'e';
 constexpr char AllEnded = 'y';
 constexpr char SomeLive = 'n';
 
-/** What a host has needed. */
+/** What a host has needed, and what the script has not. */
 struct Effort
 {
     long peakKilobytes = 0;
     long milliseconds = 0;
     Bytes words;
+    Bytes unmet; ///< see Peers::unmet()
 };
 
 /**

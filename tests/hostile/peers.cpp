@@ -208,6 +208,7 @@ void Peers::handle(Connection &connection, const Bytes &event, const Message *ca
             continue;
         }
         tell(connection, "meets", event);
+        reaction.isMet = true;
         if (!reaction.always)
             reaction.after = ~0U;
         // What is wrong there, the host may take for no bus.
@@ -264,6 +265,13 @@ void Peers::round()
         if (last)
             handle(*last, "round", nullptr);
     }
+}
+
+Bytes Peers::unmet() const
+{
+    const auto found =
+        std::find_if(m_reactions.begin(), m_reactions.end(), [](const Reaction &reaction) { return !reaction.isMet; });
+    return found == m_reactions.end() ? Bytes() : found->event;
 }
 
 bool Peers::end()

@@ -32,6 +32,9 @@ public:
     /** Nothing happens any more: what is kept waiting is ended. */
     void endWaiting();
 
+    /** The event of the first reaction that it has not come to, if there is one. */
+    Bytes unmet() const;
+
     /** Whether a connection was ended, spoilt or not made as it should be: the host may have found no daemon, or no bus. */
     bool haveBroken() const
     {

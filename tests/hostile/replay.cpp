@@ -25,10 +25,16 @@ int failures = 0;
 
 bool tellsEffort = false;
 
-void play(const Bytes &name, const Bytes &text, bool isTold)
+/** @p isStrict where the script is written by hand: each word means something, and it comes to each of the reactions. */
+void play(const Bytes &name, const Bytes &text, bool isTold = false, bool isStrict = false)
 {
     Effort effort;
-    const Bytes problem = playCase(text, isTold, nullptr, &effort);
+    Bytes problem = playCase(text, isTold, nullptr, &effort);
+    const Bytes unknown = Script(text).unknown;
+    if (isStrict && problem.empty() && !unknown.empty())
+        problem = "unknown word " + unknown;
+    if (isStrict && problem.empty() && !effort.unmet.empty())
+        problem = "it did not come to " + effort.unmet;
     if (tellsEffort) {
         printf("%s: %ld KiB at most, %ld ms\n%s", name.c_str(), effort.peakKilobytes, effort.milliseconds,
                effort.words.c_str());
@@ -63,19 +69,6 @@ std::set<Bytes> filesOf(const Bytes &path)
     return files;
 }
 
-/** Scripts of a folder are written by hand: each of their words means something. */
-void playFile(const Bytes &path, bool isStrict, bool isTold)
-{
-    const Bytes text = contentOf(path);
-    const Bytes unknown = isStrict ? Script(text).unknown : "";
-    if (text.empty() || !unknown.empty()) {
-        ++failures;
-        printf("FAIL %s: %s\n", path.c_str(), text.empty() ? "no script" : ("unknown word " + unknown).c_str());
-        return;
-    }
-    play(path, text, isTold);
-}
-
 /** What is cut, and about how many bytes that has; the host's steps before it. */
 struct Cut
 {
@@ -108,7 +101,7 @@ void playCuts(unsigned step, unsigned first)
             for (unsigned at = first; at <= cut.length; at += step) {
                 const Bytes text = Bytes(cut.steps) + "\non " + cut.event + " after " + std::to_string(cut.after)
                     + (isThere ? " there " : " ") + how + ' ' + std::to_string(at) + ' ' + cut.actions + "\n";
-                play(Bytes("cut of ") + cut.event, text, false);
+                play(Bytes("cut of ") + cut.event, text);
             }
         }
     }
@@ -145,7 +138,7 @@ int main(int argc, char *argv[])
             Lots lots(number);
             const bool isNew = known.empty() || number % 2 == 0;
             play("number " + std::to_string(number),
-                 isNew ? drawScript(lots) : drawChange(known[draw(lots, unsigned(known.size()))], lots), false);
+                 isNew ? drawScript(lots) : drawChange(known[draw(lots, unsigned(known.size()))], lots));
         }
     } else {
         const bool isTold = kind == "--tell";
@@ -155,8 +148,15 @@ int main(int argc, char *argv[])
         if (arguments.empty())
             return 2;
         for (const Bytes &path : arguments) {
-            for (const Bytes &file : filesOf(path))
-                playFile(file, file != path, isTold);
+            for (const Bytes &file : filesOf(path)) {
+                const Bytes text = contentOf(file);
+                if (text.empty()) {
+                    ++failures;
+                    printf("FAIL %s: no script\n", file.c_str());
+                } else {
+                    play(file, text, isTold, file != path);
+                }
+            }
         }
     }
     return failures > 0 ? 1 : 0;

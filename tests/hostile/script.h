@@ -36,6 +36,8 @@ struct Reaction
     unsigned after;
     bool always;
     std::vector<Action> actions;
+    /** Whether it has come to that. */
+    bool isMet = false;
 };
 
 struct Script
