@@ -43,12 +43,15 @@ Copies copiesIn(qint64 process, const QByteArray &secret)
 {
     const QString text = QString::fromUtf8(secret);
     const QByteArray utf16(reinterpret_cast<const char *>(text.constData()), text.size() * int(sizeof(QChar)));
-    QFile maps("/proc/%1/maps"_s.arg(process));
+    const auto mappings = [process] {
+        QFile maps("/proc/%1/maps"_s.arg(process));
+        return maps.open(QFile::ReadOnly) ? maps.readAll().split('\n') : QList<QByteArray>();
+    };
+    const QList<QByteArray> lines = mappings();
     const int memory = open(qPrintable("/proc/%1/mem"_s.arg(process)), O_RDONLY | O_CLOEXEC);
-    if (memory < 0 || !maps.open(QFile::ReadOnly))
+    if (memory < 0 || lines.size() < 2)
         qFatal("The host's memory cannot be read");
     Copies copies;
-    const QList<QByteArray> lines = maps.readAll().split('\n');
     for (const QByteArray &line : lines) {
         const QList<QByteArray> words = line.simplified().split(' ');
         if (words.size() < 2 || !words.at(1).startsWith("rw"))
@@ -56,8 +59,13 @@ Copies copiesIn(qint64 process, const QByteArray &secret)
         const QList<QByteArray> ends = words.first().split('-');
         const quint64 begin = ends.first().toULongLong(nullptr, 16);
         QByteArray content(int(ends.last().toULongLong(nullptr, 16) - begin), 0);
-        if (pread(memory, content.data(), size_t(content.size()), off_t(begin)) != content.size())
-            qFatal("A part of the host's memory cannot be read: %s", line.constData());
+        if (pread(memory, content.data(), size_t(content.size()), off_t(begin)) != content.size()) {
+            // A thread of the host may have returned this memory meanwhile.
+            if (mappings().contains(line))
+                qFatal("A part of the host's memory cannot be read: %s", line.constData());
+            close(memory);
+            return copiesIn(process, secret);
+        }
         copies.qt += content.count(utf16);
         for (int at = content.indexOf(secret); at >= 0; at = content.indexOf(secret, at + 1))
             ++(isByteArray(content, at) ? copies.qt : copies.bus);
