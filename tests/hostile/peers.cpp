@@ -504,7 +504,8 @@ void Peers::act(Connection &connection, const Action &action, const Message *cal
         send(connection, error);
         isAnswered();
     } else if (name == "error") {
-        // Of a word of the handshake.
+        // Of a word of the handshake; after it, no message.
+        m_haveBroken = true;
         sendBytes(connection, "ERROR\r\n");
     } else if (name == "foreign" || name == "typed") {
         Message odd;
