@@ -180,7 +180,7 @@ until_told() # TEXT
 kept()
 {
     local as=()
-    [ "$(id -u)" -ne 0 ] || as=(setpriv --reuid 1000 --regid 1000 --clear-groups)
+    [ "$(id -u)" -ne 0 ] || as=(as_user 1000)
     rm -f "$dir/out"
     mkfifo "$dir/lines"
     "${as[@]}" authctl session >"$dir/out" <"$dir/lines" &
@@ -188,7 +188,7 @@ kept()
         echo state >&9
         until_told Locked
         grep core "/proc/$!/limits"
-        ! "${as[@]}" cat "/proc/$!/environ" || echo readable
+        ! ("${as[@]}" cat "/proc/$!/environ") || echo readable
     } 9>"$dir/lines"
     wait $!
     rm "$dir/lines"

@@ -1,11 +1,12 @@
 # shellcheck shell=bash disable=SC2034,SC2119,SC2120
 # What the tests of authctl doctor do in a world; they source it there.
 ROOT=$(readlink -f "${BASH_SOURCE[0]%/*}/../..")
+. "$ROOT/tests/tools/tools.sh"
 SOCKET=/var/run/authd/authd.socket
 ctl() { authd-standin ctl "$@" >/dev/null || { echo "the stand-in refused $*" && exit 125; }; }
 # Examines as a user; it ends within 10 s, and a busy machine gets some more.
 doctor() { timeout 15 authctl doctor "$@"; }
-as() { local user=$1; shift; timeout 15 setpriv --reuid "$user" --regid "$user" --clear-groups authctl doctor "$@"; }
+as() { (as_user "$1" timeout 15 authctl doctor "${@:2}"); }
 # What a host really does here, and then what the doctor says.
 both() { authctl state >/dev/null 2>&1; [ $? -eq 1 ] || { echo "a host does not end with 1" && exit 125; }; doctor; }
 runs() { authctl state >/dev/null || { echo "a host does not run" && exit 125; }; doctor; }

@@ -19,3 +19,13 @@ ends_with() # STATUS PATTERN COMMAND…
     [[ $status -eq $1 && $output =~ $2 ]] ||
         fail "${*:3}" "  ended with status $status, expected $1; printed:" "$output" "  expected: $2"
 }
+
+# Becomes a command of another user, who may not come to where authctl was built.
+as_user() # USER COMMAND…
+{
+    local built
+    built=$(command -v authctl)
+    mount -t tmpfs tmpfs /mnt
+    cp -Lu "$built" "${built%/*}/../libauth-client.so.1" /mnt
+    exec env PATH="/mnt:$PATH" LD_LIBRARY_PATH=/mnt setpriv --reuid "$1" --regid "$1" --clear-groups "${@:2}"
+}
