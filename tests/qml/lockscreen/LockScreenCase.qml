@@ -82,6 +82,8 @@ ScreenTestCase {
 
     function start() {
         loader.active = true;
+        // What was entered is forgotten after a while, and a machine that is busy may need longer than that.
+        find("entry").memory = 3600000;
         screen.forceActiveFocus();
     }
 

@@ -571,7 +571,7 @@ LockScreenCase {
         find("entry").memory = 300;
         tryCompare(screen, "factor", "code");
         verify(find("code").activeFocus);
-        find("entry").memory = 30000;
+        find("entry").memory = 3600000;
         unlockWithCode();
     }
 
@@ -1227,7 +1227,7 @@ LockScreenCase {
         keyClick(Qt.Key_Return);
         settle();
         compare(daemon.calls("Authenticate"), []);
-        find("entry").memory = 30000;
+        find("entry").memory = 3600000;
         unlockWithCode();
     }
 
