@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Calls that nobody answers are ended before; a D-Bus library gives up after 25 seconds.
-constexpr std::chrono::seconds HostLimit(240);
+constexpr std::chrono::seconds HostLimit(600);
 constexpr std::chrono::milliseconds Patience(100);
 
 const char DaemonSocket[] = "/run/authd/authd.socket";
