@@ -31,7 +31,7 @@ namespace {
 // An answer is waited for 25 seconds, and no step waits for more than a few that the peers keep back. What only takes long
 // took 140 seconds with the sanitizers on a machine that had half of its processors.
 constexpr qint64 LongestStep = 300000;
-constexpr qint64 LongestWait = 120000;
+constexpr qint64 LongestWait = 60000;
 
 Ledger *theLedger = nullptr;
 /** How often the library has said that a factor method had failed. */
