@@ -1,5 +1,7 @@
 #include "secret-input.h"
 
+#include <QtDBus/QDBusConnection>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -89,7 +91,7 @@ void handleEnd(int)
     _exit(signalStatus);
 }
 
-// Qt D-Bus has threads of its own, which signals may come to, and the question is no matter for two threads at a time.
+// Other threads may get signals while they live, and the question is no matter for two threads at a time.
 bool passOn(int number)
 {
     return !pthread_equal(pthread_self(), asker) && pthread_kill(asker, number) == 0;
@@ -105,13 +107,13 @@ void handleDefault(int number)
         struct sigaction standard = {}, own = {};
         standard.sa_handler = SIG_DFL;
         sigaction(number, &standard, &own);
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, number);
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, number);
         raise(number);
-        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-        sigaddset(&signals, SIGCONT);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
+        sigaddset(&mask, SIGCONT);
+        pthread_sigmask(SIG_BLOCK, &mask, nullptr);
         sigaction(number, &own, nullptr);
         stopping = 0;
         // Asks anew as soon as this returns, also in a process group that is not stopped because nobody would
@@ -207,6 +209,17 @@ void endOnSignals(int status)
         sigaddset(&action.sa_mask, number);
     for (const int number : DefaultSignals)
         sigaddset(&action.sa_mask, number);
+    // What a process is continued for is its end, and not to ask anew.
+    sigaddset(&action.sa_mask, SIGCONT);
+
+    // The thread of Qt D-Bus begins with the first connection that is asked for, here one that there is not, and lives as
+    // long as the process. If it got a signal that is to end a continued process, the asking thread could stop the process
+    // again before that.
+    sigset_t former;
+    pthread_sigmask(SIG_BLOCK, &action.sa_mask, &former);
+    QDBusConnection(QStringLiteral("authctl"));
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+
     for (const int number : EndSignals)
         sigaction(number, &action, nullptr);
 }

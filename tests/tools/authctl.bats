@@ -98,6 +98,15 @@ on_terminal() # KEYS[|KEYS…] COMMAND
     return $ended
 }
 
+heeding() # SIGNAL PROCESS, the threads that do not block it
+{
+    local task blocked
+    for task in "/proc/$2/task/"*; do
+        blocked=$(sed -n 's/^SigBlk:\s*/0x/p' "$task/status") || return
+        (((blocked >> ($(kill -l "$1") - 1)) & 1)) || echo "${task##*/}"
+    done
+}
+
 setup()
 {
     dir=$BATS_TEST_TMPDIR
@@ -512,6 +521,11 @@ END
     status 0 'stopped 148.*gone.* -icanon .*-echo ' on_terminal ':send TSTP' \
         "bash -mc 'ask; echo stopped \$?; stty -icanon -echo; kill %1
             while grep -qs State:.[^Z] /proc/\$(<$dir/asking)/status; do :; done; echo gone; stty -a'"
+}
+
+@test "the thread that asks is the only one that signals come to" {
+    status 0 'Authenticated for login' on_terminal \
+        ':asking=$(<"$dir/asking"); if [ "$(heeding TERM "$asking")" = "$asking" ]; then printf "1234\n" >&8; else kill $terminal; fi' ask
 }
 
 @test "where no shell sees to the terminal authctl does" {
