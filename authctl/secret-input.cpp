@@ -217,7 +217,7 @@ void endOnSignals(int status)
     // again before that.
     sigset_t former;
     pthread_sigmask(SIG_BLOCK, &action.sa_mask, &former);
-    QDBusConnection(QStringLiteral("authctl"));
+    [[maybe_unused]] const QDBusConnection none(QStringLiteral("authctl"));
     pthread_sigmask(SIG_SETMASK, &former, nullptr);
 
     for (const int number : EndSignals)
