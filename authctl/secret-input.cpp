@@ -209,7 +209,7 @@ void endOnSignals(int status)
         sigaddset(&action.sa_mask, number);
     for (const int number : DefaultSignals)
         sigaddset(&action.sa_mask, number);
-    // What a process is continued for is its end, and not to ask anew.
+    // A process that was stopped is continued to be ended, and must not ask anew before.
     sigaddset(&action.sa_mask, SIGCONT);
 
     // The thread of Qt D-Bus begins with the first connection that is asked for, here one that there is not, and lives as
