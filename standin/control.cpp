@@ -318,8 +318,12 @@ void Control::emitSignal(JsonMembers &members, JsonObject *)
 void Control::setLock(JsonMembers &members, JsonObject *)
 {
     const int64_t state = members.required("state", members.integer("state", INT32_MIN, INT32_MAX));
+    const bool announce = members.boolean("announce").value_or(true);
     members.done();
-    m_service.world().announceLockState(static_cast<int>(state));
+    if (announce)
+        m_service.world().announceLockState(static_cast<int>(state));
+    else
+        m_service.world().changeLockState(static_cast<int>(state));
 }
 
 void Control::lockout(JsonMembers &members, JsonObject *)

@@ -230,6 +230,12 @@ void World::announceLockState(int state)
     m_announce(signals);
 }
 
+void World::changeLockState(int state)
+{
+    Signals untold;
+    setLockState(state, untold);
+}
+
 int World::tokenCount(int instance) const
 {
     return static_cast<int>(std::count_if(m_tokens.begin(), m_tokens.end(),

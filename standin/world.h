@@ -63,6 +63,8 @@ public:
     }
     /** Changes the state and announces it, also when it was the same before. */
     void announceLockState(int state);
+    /** The same, and nobody is told. */
+    void changeLockState(int state);
     int tokenCount(int instance) const;
     void forgetInstance(int instance);
     void forgetPeer(int peer);

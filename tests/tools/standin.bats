@@ -56,6 +56,23 @@ deep_json()
     printf '{"users":%200000s\n' '' | tr ' ' '[' >"$dir/deep.json"
 }
 
+@test "files that are written in a world with files of its own do not leave it" {
+    export HOME=$dir/home TMPDIR=$dir XDG_CACHE_HOME=$dir/cache inner='set -e; mkdir "$HOME/inside"; echo changed >"$HOME/file"
+        rm "$HOME/gone"; cat "$HOME/kept"; for d in /tmp /var/tmp; do touch "$d/$name"; done; echo "${TMPDIR-none} ${XDG_CACHE_HOME-none} $XDG_RUNTIME_DIR"
+        touch "$XDG_RUNTIME_DIR/lock"'
+    export name=authd-world-test-$$
+    mkdir "$HOME"
+    for file in file gone kept; do echo "$file" >"$HOME/$file"; done
+    for _ in 1 2; do
+        ends_with 0 '^kept none none /run/runtime$' bash -c '"$1" --no-bus --private-files -- sh -c "$inner" 2>&1 | tr "\n" " " | sed "s/ $//"' - "$W"
+    done
+    [ "$(cd "$HOME" && cat file gone kept && ls | wc -l)" = "$(printf 'file\ngone\nkept\n3')" ]
+    [ ! -e "/tmp/$name" ] && [ ! -e "/var/tmp/$name" ]
+    for home in / /nowhere ''; do
+        ends_with 0 '^/run/home$' env HOME="$home" "$W" --no-bus --private-files -- sh -c 'touch "$HOME/x" && echo "$HOME"'
+    done
+}
+
 @test "a scenario file that is no JSON object is refused with the place" {
     deep_json
     scenario '' ':1:1: expected a JSON object'
@@ -503,6 +520,13 @@ untold() # REQUEST: nobody is told before what comes next
     untold '{"do":"set-option","uid":1000,"key":"worker/show-last-login","value":false,"announce":false}'
     untold '{"do":"remove-option","uid":1000,"key":"worker/show-last-login"}'
     untold '{"do":"reset-options"}'
+}
+
+@test "nobody is told of a state that is set silently" {
+    played '{}' '^.1,. StateChanged.3,. $' '"$C" "GetState ()" "<StateChanged>" >"$dir/told" & client=$!
+    ctl "{\"do\":\"wait-calls\",\"method\":\"GetState\",\"count\":1}" "{\"do\":\"set-lock\",\"state\":2,\"announce\":false}" \
+        "{\"do\":\"set-lock\",\"state\":3}" >&-; wait $client; tr "\n" " " <"$dir/told"'
+    played '{}' '^.ok:true. .2,.$' 'ctl "{\"do\":\"set-lock\",\"state\":2,\"announce\":false}" | flat; "$C" "GetState ()"'
 }
 
 @test "a control request resets the secrets and the count of wrong ones" {
