@@ -3,6 +3,7 @@
 #include "play.h"
 
 #include <QtCore/QJsonArray>
+#include <QtCore/QRegularExpression>
 
 #include <algorithm>
 #include <initializer_list>
@@ -178,13 +179,14 @@ void ordinary(Play &play)
 }
 
 /** The host is started again, as its supervisor would; the device has been locked meanwhile. */
-void startedAgain(Play &play)
+void startedAgain(Play &play, const std::function<void()> &end)
 {
     play.start();
     play.unlock();
-    play.end();
+    end();
     play.setLock(Locked);
     play.start();
+    play.leaveAlone(5000);
     play.usable();
 }
 
@@ -194,7 +196,8 @@ void wrongCodesLockOut(Play &play)
     const auto lockedOut = [&play] { return play.lockState() == CodeEntryLockout; };
     for (int i = 1; i < 10 && !lockedOut(); ++i)
         play.enterUntil(play.wrongCode(), [&] { return play.wasCalled("Authenticate", i); });
-    play.await(lockedOut, 1000, QStringLiteral("wrong codes did not lock out"));
+    if (!lockedOut())
+        throw Outcome{Outcome::NotReached, QStringLiteral("the host has not passed on enough wrong codes")};
     play.enter(play.rightCode());
     play.quiet();
     play.daemon(R"({"do":"lockout","kind":"none"})");
@@ -312,7 +315,10 @@ std::vector<Day> makeDays()
     const QByteArray handoverKeepingOld = R"({"do":"handover","keep-old":true})";
 
     add("ordinary", "a wrong code, the right one, a locking, the right one", ordinary);
-    add("started-again", "locks while the host, which is ended and started again, is not there", startedAgain);
+    add("started-again", "locks while the host, which is ended and started again, is not there",
+        [](Play &play) { startedAgain(play, [&play] { play.end(); }); });
+    add("killed", "the same with a host that is killed",
+        [](Play &play) { startedAgain(play, [&play] { play.kill(); }); });
 
     for (const Call &call : calls)
         add("crash-" + call.name, "dies at " + title(call) + ", returns later", goesAt(call.method, call.nth, "crash"));
@@ -386,6 +392,10 @@ std::vector<Day> makeDays()
         addAnswers(method, {{"error", ""}, {"text", "('code',)"}, {"number", "(1,)"}, {"empty", "()"}});
 
     add("restart-idle", "restarts while the device is locked", idles(asks(restart)));
+    add("restart-announced", "the same, and announces the state, which it need not", idles([=](Play &play) {
+            play.daemon(restart);
+            play.setLock(Locked);
+        }));
     add("restart-unlocked", "goes while the device is in use, returns later", loses(asks(stop), asks(start)));
     add("restart-during-challenge", "restarts while a challenge is asked for",
         during("RequestChallenge", asks(restart)));
@@ -407,10 +417,10 @@ std::vector<Day> makeDays()
                 play.misbehave("Authenticate", how);
                 play.start();
                 play.reach("Authenticate");
-                play.leaveAlone();
+                play.leaveAlone(65000);
                 play.usable();
             },
-            Day::GivesUp);
+            Day::Lasts);
     }
     add("restart-with-token", "restarts while the token is being used", during("SetDevlockState", asks(restart)));
     add("away", "is away when the code is entered, returns later", idles([=](Play &play) {
@@ -519,6 +529,9 @@ std::vector<Day> makeDays()
         idles([](Play &play) { play.emitSignal("AuthDataChanged", "()"); }));
     add("spoof-state-type", "announces states of other types", idles(otherTypes));
     add("spoof-state-place", "announces Unlocked from other objects, and on the socket", idles(otherPlaces));
+
+    const std::vector<Day> lasting = lastingDays();
+    days.insert(days.end(), lasting.begin(), lasting.end());
     return days;
 }
 
@@ -535,4 +548,15 @@ const Day *findDay(const QByteArray &name)
     const auto &days = allDays();
     const auto found = std::find_if(days.begin(), days.end(), [&](const Day &day) { return day.name == name; });
     return found == days.end() ? nullptr : &*found;
+}
+
+std::vector<const Day *> matchingDays(const QString &pattern)
+{
+    const QRegularExpression expression(QRegularExpression::wildcardToRegularExpression(pattern));
+    std::vector<const Day *> found;
+    for (const Day &day : allDays()) {
+        if (expression.match(QString::fromUtf8(day.name)).hasMatch())
+            found.push_back(&day);
+    }
+    return found;
 }

@@ -8,8 +8,8 @@
 #include <QtCore/QFileInfo>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QTemporaryDir>
-#include <QtCore/QThread>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -46,6 +46,9 @@ claimed to be unlocked while the daemon was not.
 HOST tells what it claims, and takes codes, over the descriptor that the
 environment variable AUTHD_HOSTCHECK_FD names; see authd-hostcheck(1).
 
+Times are in the host's own time: what its processes wait for a processor does
+not count. Each day has its own /tmp, HOME and XDG directories.
+
 Exit status: 0 no findings, 1 findings, 2 wrong usage, 125 the check could not
 be made.)";
 
@@ -58,22 +61,34 @@ void addOptions(QCommandLineParser *parser)
             option.setFlags(QCommandLineOption::HiddenFromHelp);
         parser->addOption(option);
     };
-    add("day", "name", "Plays this day alone (may be given several times).");
+    add("day", "pattern", "Plays these days alone; * stands for any text (may be given several times).");
+    add("thorough", "", "Plays the days that last for minutes, too.");
     add("list", "", "Prints the days.");
+    add("grace", "seconds", "A host may know for so long that it is locked before it says so (default: 1.5).");
     add("code", "code", "A right code of the default factor (default: 1234).");
     add("scenario", "file", "The stand-in's users and factors (default: built in).");
-    add("jobs", "n", "So many days side by side (default: number of processors); days that only wait come on top.");
+    add("jobs", "n", "So many days side by side (default: as many as the machine carries).");
     add("junit", "file", "Writes the results as JUnit XML, too.");
     add("logs", "directory", "Keeps what the host and the stand-in wrote, a file a day.");
     add("h help", "", "Prints this.");
     add("version", "", "Prints the version.");
-    // The program itself asks for this, in the world of the day: --inside DAY -- CODE HOST ARGUMENT...
+    // The program itself asks for this, in the world of the day: --inside DAY --grace SECONDS -- CODE HOST ARGUMENT...
     add("inside", "day", "");
     parser->addPositionalArgument(QStringLiteral("HOST"), QStringLiteral("The host's program."));
     parser->addPositionalArgument(QStringLiteral("ARGUMENT..."), QStringLiteral("Its arguments."));
     parser->setApplicationDescription(QLatin1String(description));
     // The host's options are its own.
     parser->setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+}
+
+/** In milliseconds; -1 for what is no time. */
+int graceOf(const QCommandLineParser &parser)
+{
+    if (!parser.isSet(QStringLiteral("grace")))
+        return 1500;
+    bool isNumber = false;
+    const double seconds = parser.value(QStringLiteral("grace")).toDouble(&isNumber);
+    return isNumber && seconds >= 0 && seconds <= 60 ? qRound(seconds * 1000) : -1;
 }
 
 Options readOptions(const QCommandLineParser &parser)
@@ -84,23 +99,35 @@ Options readOptions(const QCommandLineParser &parser)
         options.problem = problem;
         return options;
     };
-    for (const char *name : {"day", "code", "scenario", "jobs", "junit", "logs"}) {
+    for (const char *name : {"day", "grace", "code", "scenario", "jobs", "junit", "logs"}) {
         if (parser.values(QLatin1String(name)).contains(QString()))
             return fail(QStringLiteral("--%1 wants a value").arg(QLatin1String(name)));
     }
-    const QStringList days = parser.values(QStringLiteral("day"));
-    for (const QString &name : days) {
-        const Day *day = findDay(name.toUtf8());
-        if (!day)
-            return fail(QStringLiteral("there is no day %1 (see --list)").arg(name));
-        check.days.push_back(day);
+    const bool thorough = parser.isSet(QStringLiteral("thorough"));
+    const QStringList patterns = parser.values(QStringLiteral("day"));
+    for (const QString &pattern : patterns.isEmpty() ? QStringList{QStringLiteral("*")} : patterns) {
+        const std::vector<const Day *> days = matchingDays(pattern);
+        if (days.empty())
+            return fail(QStringLiteral("there is no day %1 (see --list)").arg(pattern));
+        for (const Day *day : days) {
+            // A day that lasts for minutes is played when it is meant.
+            if (day->isThorough && !thorough && QString::fromUtf8(day->name) != pattern)
+                ++check.leftOut;
+            else if (std::find(check.days.begin(), check.days.end(), day) == check.days.end())
+                check.days.push_back(day);
+        }
     }
+    if (check.days.empty())
+        return fail(QStringLiteral("these days last for minutes; they want --thorough"));
     const auto given = [&parser](const char *name, const QString &otherwise = QString()) {
         return parser.isSet(QLatin1String(name)) ? parser.value(QLatin1String(name)) : otherwise;
     };
-    check.jobs = given("jobs", QString::number(QThread::idealThreadCount())).toInt();
-    if (check.jobs < 1)
+    check.jobs = parser.isSet(QStringLiteral("jobs")) ? given("jobs").toInt() : 0;
+    if (parser.isSet(QStringLiteral("jobs")) && check.jobs < 1)
         return fail(QStringLiteral("--jobs wants a number from 1"));
+    check.grace = graceOf(parser);
+    if (check.grace < 0)
+        return fail(QStringLiteral("--grace wants seconds, from 0 to 60"));
     check.code = given("code", QStringLiteral("1234"));
     check.scenario = given("scenario");
     check.logs = given("logs");
@@ -108,10 +135,6 @@ Options readOptions(const QCommandLineParser &parser)
     check.host = parser.positionalArguments();
     if (check.host.isEmpty())
         return fail(QStringLiteral("no host given"));
-    if (check.days.empty()) {
-        for (const Day &day : allDays())
-            check.days.push_back(&day);
-    }
     return options;
 }
 
@@ -129,9 +152,9 @@ QString hostProblem(const QString &host)
 int check(Options options)
 {
     Check &check = options.check;
-    const QString problem = hostProblem(check.host.first());
-    if (!problem.isEmpty())
-        return refuse(problem, NotMade);
+    const QString missing = hostProblem(check.host.first());
+    if (!missing.isEmpty())
+        return refuse(missing, NotMade);
 
     const QString beside = QCoreApplication::applicationDirPath();
     const QString worldName = QStringLiteral("authd-world");
@@ -153,14 +176,23 @@ int check(Options options)
         return refuse(QStringLiteral("%1 cannot be written: %2").arg(options.junit, junit.errorString()), NotMade);
 
     Report report(check);
-    if (!playDays(check, held, [&report](const Result &result) { report.add(result); }))
-        return NotMade;
-    report.finish();
+    QString problem;
+    const Costs costs = playDays(
+        check, held, [&report](const Result &result) { report.add(result); }, &problem);
+    report.finish(costs);
+    if (!problem.isEmpty())
+        fprintf(stderr, "authd-hostcheck: %s\n", qPrintable(problem));
+    if (held.isAnyWaiting())
+        fputs("authd-hostcheck: broken off\n", stderr);
     if (junit.isOpen() && !(report.writeJUnit(&junit) && junit.flush()))
         return refuse(QStringLiteral("%1 cannot be written: %2").arg(options.junit, junit.errorString()), NotMade);
-    if (report.count(Outcome::NotMade) > 0)
+    if (report.count(Outcome::NotMade) > 0 || held.isAnyWaiting())
         return NotMade;
-    return report.count(Outcome::Failed) > 0 ? Findings : AllPassed;
+    if (report.count(Outcome::Failed) > 0)
+        return Findings;
+    if (report.count(Outcome::Passed) > 0)
+        return AllPassed;
+    return refuse(QStringLiteral("no day has shown anything"), NotMade);
 }
 
 } // namespace
@@ -176,7 +208,7 @@ int main(int argc, char **argv)
     if (parser.isSet(QStringLiteral("inside"))) {
         const Day *day = findDay(parser.value(QStringLiteral("inside")).toUtf8());
         const QStringList words = parser.positionalArguments();
-        return day ? playInside(*day, words.value(0), words.mid(1)) : int(WrongUsage);
+        return day ? playInside(*day, graceOf(parser), words.value(0), words.mid(1)) : int(WrongUsage);
     }
     if (parser.isSet(QStringLiteral("help")))
         parser.showHelp(AllPassed);

@@ -57,7 +57,7 @@ void Report::add(const Result &result)
 {
     m_results.append(result);
     printf("%-*s  %-11s  %5.1f s  %s\n", m_nameWidth, result.day->name.constData(), word(result.outcome.verdict),
-           result.seconds, result.outcome.text.toLocal8Bit().constData());
+           result.seconds, printable(result.outcome.fullText()).toLocal8Bit().constData());
     fflush(stdout);
 }
 
@@ -67,7 +67,7 @@ int Report::count(Outcome::Verdict verdict) const
                              [=](const Result &result) { return result.outcome.verdict == verdict; }));
 }
 
-void Report::finish()
+void Report::finish(const Costs &costs)
 {
     // The results have come in the order in which the days ended.
     std::sort(m_results.begin(), m_results.end(), [this](const Result &left, const Result &right) {
@@ -75,17 +75,34 @@ void Report::finish()
         return at(left.day) < at(right.day);
     });
     for (const Result &result : qAsConst(m_results)) {
-        if (result.outcome.verdict == Outcome::Failed || result.outcome.verdict == Outcome::NotMade) {
-            printf("\n%s: %s\n%s", result.day->name.constData(), result.outcome.text.toLocal8Bit().constData(),
-                   endOfLog(*result.day, 20).constData());
-        }
+        if (result.outcome.verdict == Outcome::Failed || result.outcome.verdict == Outcome::NotMade)
+            explain(result);
     }
     printf("\n%d %s: %d passed, %d failed, %d not reached", m_results.size(), m_results.size() == 1 ? "day" : "days",
            count(Outcome::Passed), count(Outcome::Failed), count(Outcome::NotReached));
     if (count(Outcome::NotMade) > 0)
         printf(", %d not made", count(Outcome::NotMade));
+    const int unplayed = int(m_check.days.size()) - m_results.size();
+    if (unplayed > 0)
+        printf(", %d not played", unplayed);
     puts("");
+    if (m_check.leftOut > 0)
+        printf("%d days that last for minutes were left out; --thorough plays them\n", m_check.leftOut);
+    printf("%.1f s, at most %d days at once, %.1f s of processor time, %ld MiB for the largest process\n",
+           costs.seconds, costs.mostAtOnce, costs.processorSeconds, costs.largestProcess);
     fflush(stdout);
+}
+
+void Report::explain(const Result &result) const
+{
+    const Outcome &outcome = result.outcome;
+    printf("\n%s: %s\n", result.day->name.constData(), printable(outcome.fullText()).toLocal8Bit().constData());
+    if (outcome.rule != Rule::None) {
+        printf("  rule:   %s\n  likely: %s\n  cure:   %s\n", qPrintable(sentenceOf(outcome.rule)),
+               qPrintable(mistakeOf(outcome.rule, result.day->name)), qPrintable(cureOf(outcome.rule)));
+    }
+    const QByteArray log = endOfLog(*result.day, 20);
+    fwrite(log.constData(), size_t(log.size()), 1, stdout);
 }
 
 bool Report::writeJUnit(QIODevice *file) const
@@ -115,7 +132,7 @@ bool Report::writeJUnit(QIODevice *file) const
         xml.writeAttribute(QStringLiteral("name"), QString::fromUtf8(result.day->name));
         xml.writeAttribute(QStringLiteral("classname"), QStringLiteral("authd-hostcheck"));
         xml.writeAttribute(QStringLiteral("time"), seconds(result.seconds));
-        const QString message = printable(result.outcome.text);
+        const QString message = printable(result.outcome.fullText());
         const QString log = printable(QString::fromLocal8Bit(endOfLog(*result.day, 200)));
         switch (result.outcome.verdict) {
         case Outcome::Passed:
@@ -129,6 +146,13 @@ bool Report::writeJUnit(QIODevice *file) const
             xml.writeStartElement(result.outcome.verdict == Outcome::Failed ? QStringLiteral("failure")
                                                                             : QStringLiteral("error"));
             xml.writeAttribute(QStringLiteral("message"), message);
+            if (result.outcome.rule != Rule::None) {
+                xml.writeAttribute(QStringLiteral("type"), QString::fromLatin1(nameOf(result.outcome.rule)));
+                xml.writeCharacters(QStringLiteral("Rule: %1\nLikely: %2\nCure: %3\n")
+                                        .arg(sentenceOf(result.outcome.rule),
+                                             mistakeOf(result.outcome.rule, result.day->name),
+                                             cureOf(result.outcome.rule)));
+            }
             xml.writeCharacters(log);
             xml.writeEndElement();
             break;

@@ -12,12 +12,13 @@ public:
 
     /** A line of the table. */
     void add(const Result &result);
-    /** The failing days' logs, and the sums. */
-    void finish();
+    /** What the failing days have found and their logs, what was left out, the sums and the costs. */
+    void finish(const Costs &costs);
     bool writeJUnit(QIODevice *file) const;
     int count(Outcome::Verdict verdict) const;
 
 private:
+    void explain(const Result &result) const;
     QByteArray endOfLog(const Day &day, int lines) const;
 
     const Check &m_check;

@@ -5,34 +5,55 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QEventLoop>
+#include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
 #include <QtCore/QSet>
 #include <QtCore/QSocketNotifier>
+#include <QtCore/QThread>
+#include <QtCore/QTimer>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <deque>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace {
 
-// By Day::pace. An unanswered call holds a host up for 25 seconds.
-const Patience patiences[] = {{30000, 2000, 30000}, {30000, 2000, 60000}, {60000, 27000, 110000}};
-// Hosts that wait take no processor, except to start.
+// A call that is not answered holds a host up for 25 seconds. What waits takes no processor, except to start.
 const int MostWaiting = 12;
+const int MostWorlds = 64;
+const qint64 LeastMemory = 512; // MiB
+const int LoadPause = 100;      // milliseconds
+const double EnoughIdle = 0.15;
 
-Outcome playDay(const Day &day, const QString &code, const QStringList &host)
+Patience patienceOf(Day::Pace pace, int grace)
+{
+    switch (pace) {
+    case Day::Quick:
+        return {30000, 2000, 30000, grace};
+    case Day::GivesUp:
+    case Day::Lasts:
+        return {30000, 2000, 60000, grace};
+    case Day::Freezes:
+        break;
+    }
+    // It may be held up when the daemon locks.
+    return {60000, 27000, 110000, std::max(grace, 5000)};
+}
+
+Outcome playDay(const Day &day, int grace, const QString &code, const QStringList &host)
 {
     QList<QByteArray> command;
     for (const QString &word : host)
         command.append(word.toLocal8Bit());
     try {
-        Play play(command, code.toUtf8(), patiences[day.pace]);
+        Play play(command, code.toUtf8(), patienceOf(day.pace, grace));
         try {
             day.play(play);
             return play.finish();
@@ -42,6 +63,44 @@ Outcome playDay(const Day &day, const QString &code, const QStringList &host)
     } catch (const Outcome &outcome) {
         return outcome;
     }
+}
+
+QByteArray contents(const char *path)
+{
+    QFile file(QString::fromLatin1(path));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/** How much of the processors is idle, from one look to the next. */
+class Load
+{
+public:
+    double idle()
+    {
+        const QList<QByteArray> fields = contents("/proc/stat").split('\n').value(0).simplified().split(' ');
+        qint64 sum = 0;
+        for (int i = 1; i < fields.size(); ++i)
+            sum += fields.at(i).toLongLong();
+        const qint64 idle = fields.value(4).toLongLong() + fields.value(5).toLongLong();
+        const double share = sum > m_sum ? double(idle - m_idle) / double(sum - m_sum) : 0;
+        m_sum = sum;
+        m_idle = idle;
+        return share;
+    }
+
+private:
+    qint64 m_sum = 0;
+    qint64 m_idle = 0;
+};
+
+/** In MiB; much where the system does not tell. */
+qint64 availableMemory()
+{
+    for (const QByteArray &line : contents("/proc/meminfo").split('\n')) {
+        if (line.startsWith("MemAvailable:"))
+            return line.simplified().split(' ').value(1).toLongLong() / 1024;
+    }
+    return LeastMemory;
 }
 
 /** What is to end a process that has not been told to ignore it, as nohup does. */
@@ -77,14 +136,15 @@ public:
         , m_held(held)
         , m_tell(tell)
     {
+        m_clock.start();
         for (const Day *day : check.days)
             (day->pace == Day::Quick ? m_quick : m_waiting).push_back(day);
         // The longest begin first.
         std::stable_sort(m_waiting.begin(), m_waiting.end(),
-                         [](const Day *left, const Day *right) { return left->pace > right->pace; });
+                         [](const Day *left, const Day *right) { return lengthOf(left) > lengthOf(right); });
     }
 
-    bool run()
+    Costs run(QString *problem)
     {
         QSocketNotifier interruption(m_held.descriptor(), QSocketNotifier::Read);
         QObject::connect(&interruption, &QSocketNotifier::activated, &m_loop, [&] {
@@ -92,37 +152,66 @@ public:
             for (QProcess *world : qAsConst(m_worlds))
                 world->terminate();
         });
-        startMore();
-        if (!m_worlds.isEmpty())
+        QTimer timer;
+        QObject::connect(&timer, &QTimer::timeout, &m_loop, [this] { startMore(); });
+
+        const Day *first = m_check.days.front();
+        m_quick.erase(std::remove(m_quick.begin(), m_quick.end(), first), m_quick.end());
+        m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), first), m_waiting.end());
+        m_isFirst = true;
+        start(first);
+        m_loop.exec();
+        *problem = m_problem;
+        m_isFirst = false;
+        if (m_problem.isEmpty() && !m_held.isAnyWaiting() && !(m_quick.empty() && m_waiting.empty())) {
+            m_load.idle();
+            startMore();
+            timer.start(LoadPause);
             m_loop.exec();
-        return !m_held.isAnyWaiting();
+        }
+        return costs();
     }
 
 private:
-    void startMore()
+    static int lengthOf(const Day *day)
     {
-        while (!m_waiting.empty() && m_runningWaiting < MostWaiting)
-            start(take(m_waiting));
-        while (!m_quick.empty() && m_worlds.size() - m_runningWaiting < m_check.jobs)
-            start(take(m_quick));
+        return day->pace + (day->isThorough ? Day::Lasts : 0);
     }
 
-    static const Day *take(std::deque<const Day *> &days)
+    /** As many as may run on any machine, and two more where the processors have nothing to do. */
+    void startMore()
     {
-        const Day *day = days.front();
-        days.pop_front();
-        return day;
+        int more = m_load.idle() > EnoughIdle ? 2 : 0;
+        const auto next = [&](std::deque<const Day *> &days, int running, int most) {
+            for (; !days.empty() && mayStart() && (m_check.jobs > 0 || running < most || more > 0); ++running) {
+                more -= running >= most;
+                start(days.front());
+                days.pop_front();
+            }
+        };
+        next(m_waiting, m_runningWaiting, MostWaiting);
+        next(m_quick, m_worlds.size() - m_runningWaiting, 2 * QThread::idealThreadCount());
+    }
+
+    bool mayStart() const
+    {
+        if (m_held.isAnyWaiting())
+            return false;
+        return m_check.jobs > 0
+            ? m_worlds.size() < m_check.jobs
+            : m_worlds.size() < MostWorlds && (m_worlds.isEmpty() || availableMemory() > LeastMemory);
     }
 
     void start(const Day *day)
     {
-        QStringList arguments = {QStringLiteral("--standin")};
+        QStringList arguments = {QStringLiteral("--standin"), QStringLiteral("--private-files")};
         if (day->world == Day::WithoutBus)
             arguments.append(QStringLiteral("--no-bus"));
         if (!m_check.scenario.isEmpty())
             arguments.append({QStringLiteral("--scenario"), m_check.scenario});
         arguments.append({QStringLiteral("--"), QCoreApplication::applicationFilePath(), QStringLiteral("--inside"),
-                          QString::fromUtf8(day->name), QStringLiteral("--"), m_check.code});
+                          QString::fromUtf8(day->name), QStringLiteral("--grace"),
+                          QString::number(double(m_check.grace) / 1000), QStringLiteral("--"), m_check.code});
         arguments.append(m_check.host);
 
         auto *world = new World;
@@ -130,6 +219,7 @@ private:
         QElapsedTimer timer;
         timer.start();
         m_worlds.insert(world);
+        m_mostAtOnce = std::max(m_mostAtOnce, m_worlds.size());
         m_runningWaiting += day->pace != Day::Quick;
         const auto finished = [this, world, day, timer] {
             const double seconds = double(timer.elapsed()) / 1000;
@@ -138,8 +228,12 @@ private:
             m_runningWaiting -= day->pace != Day::Quick;
             // Ctrl-C reaches the worlds, too: how the worlds ended says nothing about the host then.
             if (!m_held.isAnyWaiting()) {
-                m_tell({day, outcomeOf(*world), seconds});
-                startMore();
+                const Outcome outcome = outcomeOf(*world);
+                m_tell({day, outcome, seconds});
+                if (m_isFirst)
+                    m_problem = problemOf(*world, outcome);
+                else
+                    startMore();
             }
             if (m_worlds.isEmpty())
                 m_loop.quit();
@@ -165,16 +259,45 @@ private:
                         : QStringLiteral("the world ended with status %1").arg(world.exitCode())};
         }
         return {Outcome::Verdict(outcome.value(QLatin1String("verdict")).toInt()),
-                outcome.value(QLatin1String("text")).toString()};
+                outcome.value(QLatin1String("text")).toString(), Rule(outcome.value(QLatin1String("rule")).toInt())};
+    }
+
+    /** Why the other days would show nothing either; empty if they may. */
+    static QString problemOf(const QProcess &world, const Outcome &outcome)
+    {
+        if (outcome.rule == Rule::NoClaim) {
+            return QStringLiteral(
+                       "the host tells nothing. It has to write \"locked\" or \"unlocked\" to the socket whose "
+                       "descriptor\nthe environment variable AUTHD_HOSTCHECK_FD names: the probe, a few lines in "
+                       "C++, QML, Python or shell.\nThe recipe is in %1")
+                .arg(cureOf(Rule::NoClaim));
+        }
+        if (world.error() == QProcess::FailedToStart || (outcome.verdict == Outcome::NotMade && world.exitCode() != 0))
+            return QStringLiteral("no world for a day can be made; what is shown above says why");
+        return QString();
+    }
+
+    Costs costs() const
+    {
+        rusage used = {};
+        getrusage(RUSAGE_CHILDREN, &used);
+        const auto seconds = [](const timeval &time) { return double(time.tv_sec) + double(time.tv_usec) / 1e6; };
+        return {double(m_clock.elapsed()) / 1000, seconds(used.ru_utime) + seconds(used.ru_stime),
+                used.ru_maxrss / 1024, m_mostAtOnce};
     }
 
     const Check &m_check;
     const SignalsHeld &m_held;
     const std::function<void(const Result &)> &m_tell;
+    QElapsedTimer m_clock;
+    Load m_load;
     std::deque<const Day *> m_waiting;
     std::deque<const Day *> m_quick;
     QSet<QProcess *> m_worlds; ///< those that run
     int m_runningWaiting = 0;
+    int m_mostAtOnce = 0;
+    bool m_isFirst = false;
+    QString m_problem;
     QEventLoop m_loop;
 };
 
@@ -199,15 +322,18 @@ bool SignalsHeld::isAnyWaiting() const
     return poll(&source, 1, 0) > 0;
 }
 
-bool playDays(const Check &check, const SignalsHeld &held, const std::function<void(const Result &)> &tell)
+Costs playDays(const Check &check, const SignalsHeld &held, const std::function<void(const Result &)> &tell,
+               QString *problem)
 {
-    return Runner(check, held, tell).run();
+    return Runner(check, held, tell).run(problem);
 }
 
-int playInside(const Day &day, const QString &code, const QStringList &host)
+int playInside(const Day &day, int grace, const QString &code, const QStringList &host)
 {
-    const Outcome outcome = playDay(day, code, host);
-    const QJsonObject object = {{QStringLiteral("verdict"), outcome.verdict}, {QStringLiteral("text"), outcome.text}};
+    const Outcome outcome = playDay(day, grace, code, host);
+    const QJsonObject object = {{QStringLiteral("verdict"), outcome.verdict},
+                                {QStringLiteral("text"), outcome.text},
+                                {QStringLiteral("rule"), int(outcome.rule)}};
     fputs(QJsonDocument(object).toJson(QJsonDocument::Compact).constData(), stdout);
     return fflush(stdout) == 0 ? 0 : 1;
 }

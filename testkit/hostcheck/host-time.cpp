@@ -1,0 +1,99 @@
+#include "host-time.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QList>
+
+#include <algorithm>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <functional>
+#include <unistd.h>
+
+namespace {
+
+// Reading what all threads have waited takes a millisecond.
+const qint64 SamplePause = 200;
+const double LeastShare = 1.0 / 16;
+
+QByteArray contents(const char *path)
+{
+    char buffer[4096];
+    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+        return QByteArray();
+    const ssize_t count = read(file, buffer, sizeof buffer);
+    close(file);
+    return count > 0 ? QByteArray(buffer, int(count)) : QByteArray();
+}
+
+void forEachNumber(const char *directory, const std::function<void(int)> &function)
+{
+    DIR *entries = opendir(directory);
+    if (!entries)
+        return;
+    while (const dirent *entry = readdir(entries)) {
+        if (const int number = atoi(entry->d_name))
+            function(number);
+    }
+    closedir(entries);
+}
+
+/** The time that other machines have taken away from this one. */
+qint64 stolen()
+{
+    const QList<QByteArray> fields = contents("/proc/stat").split('\n').value(0).simplified().split(' ');
+    return fields.value(8).toLongLong() * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+} // namespace
+
+HostTime::HostTime()
+{
+    m_clock.start();
+    m_stolen = stolen();
+    waited();
+}
+
+qint64 HostTime::elapsed()
+{
+    if (m_clock.elapsed() - m_sampledAt >= SamplePause)
+        sample();
+    return qint64(m_hostTime) + m_clock.elapsed() - m_sampledAt;
+}
+
+qint64 HostTime::measured()
+{
+    sample();
+    return qint64(m_hostTime);
+}
+
+void HostTime::sample()
+{
+    const qint64 waits = waited();
+    const qint64 stolenNow = stolen();
+    const qint64 now = m_clock.elapsed();
+    const double passed = double(now - m_sampledAt);
+    const double held = double(waits) / 1e6 + double(stolenNow - m_stolen);
+    m_hostTime += std::max(passed - held, passed * LeastShare);
+    m_stolen = stolenNow;
+    m_sampledAt = now;
+}
+
+/** The nanoseconds that the threads of this world, which has a /proc of its own, have waited since the last call. */
+qint64 HostTime::waited()
+{
+    QHash<int, qint64> waits;
+    qint64 sum = 0;
+    forEachNumber("/proc", [&](int process) {
+        const QByteArray tasks = "/proc/" + QByteArray::number(process) + "/task";
+        forEachNumber(tasks.constData(), [&](int thread) {
+            const QByteArray file = tasks + '/' + QByteArray::number(thread) + "/schedstat";
+            const qint64 wait = contents(file.constData()).split(' ').value(1).toLongLong();
+            waits.insert(thread, wait);
+            sum += std::max(wait - m_waits.value(thread), qint64(0));
+        });
+    });
+    m_waits = waits;
+    return sum;
+}

@@ -1,0 +1,69 @@
+#include "judgement.h"
+
+#include "outcome.h"
+
+namespace {
+
+// A host that speaks of a time that is over has gone on since: what has ended that time is the next thing it hears.
+const int Reaction = 1000;
+
+} // namespace
+
+void Judgement::observe(bool isUnlocked, qint64 now, bool byDay)
+{
+    if (!m_truth.isEmpty() && isUnlocked == m_truth.last().isUnlocked)
+        return;
+    if (isUnlocked && !byDay && m_entries == 0)
+        throwFinding(Rule::OpensByItself,
+                     QStringLiteral("unlocked the device, and nobody had entered a code since it was locked"));
+    // Of several entries a slow host may still hold one.
+    if (isUnlocked)
+        m_lateClaim = -1;
+    else
+        m_entries = m_entries > 1 ? 1 : 0;
+    m_truth.append({isUnlocked, now});
+}
+
+void Judgement::begin()
+{
+    m_seen = m_truth.size() - 1;
+    m_lateClaim = -1;
+    forgetClaim();
+}
+
+void Judgement::claim(bool isUnlocked, qint64 now, const QString &daemonState)
+{
+    m_claimsUnlocked = isUnlocked;
+    m_lateClaim = -1;
+    if (!isUnlocked) {
+        if (m_truth.at(m_seen).isUnlocked && m_seen + 1 < m_truth.size())
+            ++m_seen;
+        return;
+    }
+    // The host may be late. Its claim is about one of the times in which the daemon was Unlocked: the first one that no
+    // earlier claim was later than, and that has not been over for longer than the grace.
+    for (int i = m_seen; i < m_truth.size(); ++i) {
+        const bool isOver = i + 1 < m_truth.size();
+        if (!m_truth.at(i).isUnlocked || (isOver && now - m_truth.at(i + 1).since > m_grace))
+            continue;
+        m_seen = i;
+        if (!this->isUnlocked())
+            m_lateClaim = now;
+        return;
+    }
+    throwFinding(Rule::FalseClaim, QStringLiteral("claimed to be unlocked while the daemon was ") + daemonState);
+}
+
+qint64 Judgement::end() const
+{
+    return m_lateClaim < 0 ? m_truth.last().since + m_grace : m_lateClaim + Reaction;
+}
+
+void Judgement::check(qint64 now, const QString &daemonState) const
+{
+    if (!isClaimOpen() || now <= end())
+        return;
+    throwFinding(Rule::StaleClaim,
+                 QStringLiteral("still claimed to be unlocked after the daemon had been %1 for %2")
+                     .arg(daemonState, secondsText(end() - m_truth.last().since)));
+}

@@ -1,0 +1,242 @@
+#include "days.h"
+
+#include "play.h"
+
+namespace {
+
+using Action = std::function<void(Play &play)>;
+
+// Longer than a screen would put its user off that "opens rather than shut the user out".
+const int Long = 64000;
+const int VeryLong = 300000;
+// In which a host that retries by itself does so.
+const int Meanwhile = 45000;
+const int MostWrongCodes = 40;
+const int WrongCodesTime = 60000;
+
+constexpr char stop[] = R"({"do":"stop"})";
+constexpr char start[] = R"({"do":"start"})";
+
+Action asks(const char *request)
+{
+    return [=](Play &play) { play.daemon(request); };
+}
+
+/** Something holds for so long, while nobody touches the host or the right code is entered again and again. */
+struct Spell
+{
+    Action begin;
+    Action end = [](Play &) {};
+    std::function<void(Play &play)> each = [](Play &) {}; ///< before each code
+    bool withEntries = false;
+    bool isUnlocked = false; ///< The device is in use when the spell begins, which ends that.
+    bool mayEnd = false;
+};
+
+Action lasts(const Spell &spell, int milliseconds)
+{
+    return [=](Play &play) {
+        if (spell.isUnlocked) {
+            play.start();
+            play.unlock();
+        } else {
+            play.startIdle();
+        }
+        if (spell.mayEnd)
+            play.mayEnd();
+        spell.begin(play);
+        play.awaitLocked();
+        if (spell.withEntries)
+            play.keepEntering(milliseconds, [&] { spell.each(play); });
+        else
+            play.leaveAlone(milliseconds);
+        spell.end(play);
+        play.usable();
+    };
+}
+
+Action goes(const QByteArray &method, const QByteArray &how, const QByteArray &value = QByteArray())
+{
+    return [=](Play &play) {
+        if (value.isEmpty())
+            play.misbehave(method, how);
+        else
+            play.answer(method, value);
+    };
+}
+
+/** The device is locked without a word, and the host can find out by looking alone. */
+Action unheard(
+    const Action &besides, const Action &later = [](Play &) {})
+{
+    return [=](Play &play) {
+        play.start();
+        play.unlock();
+        play.lockUnheard();
+        besides(play);
+        play.awaitLook();
+        later(play);
+        play.usable();
+    };
+}
+
+/** A code has no effect, then the device is locked once more: nothing may unlock it that was wished before. */
+Action retries(const Action &begin)
+{
+    return [=](Play &play) {
+        play.start();
+        begin(play);
+        play.reach("Authenticate");
+        play.quiet();
+        // Tokens end when the state becomes Locked, and the state is Locked already.
+        play.setLock(ManagerLockout);
+        play.setLock(Locked);
+        play.forgetEntries();
+        play.daemon(R"({"do":"behave"})");
+        play.leaveAlone(Long);
+        play.usable();
+    };
+}
+
+void enterWrongly(Play &play, const QByteArray &code)
+{
+    play.enterOnce(code);
+    if (play.lockState() == CodeEntryLockout)
+        play.daemon(R"({"do":"lockout","kind":"none"})");
+}
+
+void manyWrongCodes(Play &play)
+{
+    play.start();
+    const qint64 begin = play.elapsed();
+    enterWrongly(play, QByteArray());
+    enterWrongly(play, QByteArray(300, '7'));
+    for (int i = 0; i < MostWrongCodes && play.elapsed() - begin < WrongCodesTime; ++i)
+        enterWrongly(play, play.wrongCode());
+    play.usable();
+}
+
+void wrongCodesStartedAgain(Play &play)
+{
+    play.start();
+    const qint64 begin = play.elapsed();
+    for (int i = 1; i <= 24 && play.elapsed() - begin < WrongCodesTime; ++i) {
+        enterWrongly(play, play.wrongCode());
+        if (i % 4 == 0) {
+            play.end();
+            play.start();
+        }
+    }
+    play.usable();
+}
+
+/** The device is locked while the daemon, which goes when it was in use, is away. */
+void awayLocked(Play &play)
+{
+    play.start();
+    play.unlock();
+    play.daemon(stop);
+    play.awaitLocked();
+    play.daemon(R"({"do":"set-lock","announce":false,"state":1})");
+    play.leaveAlone(15000);
+    play.daemon(start);
+    play.leaveAlone(Meanwhile);
+    play.usable();
+}
+
+void lockedForLong(Play &play, int milliseconds)
+{
+    play.start();
+    play.unlock();
+    play.lock();
+    play.leaveAlone(milliseconds);
+    play.usable();
+}
+
+// Code entry is locked for a time that the scenario gives; it begins anew when the manager's lockout has come between.
+void keepLockedOut(Play &play)
+{
+    play.setLock(ManagerLockout);
+    play.daemon(R"({"do":"lockout","kind":"code-entry"})");
+}
+
+} // namespace
+
+std::vector<Day> lastingDays()
+{
+    std::vector<Day> days;
+    const auto add = [&days](const QByteArray &name, const QByteArray &description, const Action &play) {
+        days.push_back({name, description, play, Day::Lasts});
+    };
+    // Every spell lasts for a minute, and on demand for five.
+    const auto addSpell = [&days](const QByteArray &name, const QByteArray &description, const Spell &spell) {
+        const QByteArray besides = spell.withEntries ? "-entries" : spell.isUnlocked ? "-unlocked" : "";
+        const QByteArray told = spell.withEntries ? " while codes are entered" : "";
+        days.push_back(
+            {name + "-long" + besides, description + " for a minute" + told, lasts(spell, Long), Day::Lasts});
+        days.push_back({name + "-very-long" + besides, description + " for five minutes" + told, lasts(spell, VeryLong),
+                        Day::Lasts, Day::WithBus, true});
+    };
+    const auto entered = [](Spell spell) {
+        spell.withEntries = true;
+        return spell;
+    };
+
+    const Spell away = {asks(stop), asks(start)};
+    addSpell("away", "is away", away);
+    addSpell("away", "is away", entered(away));
+    Spell awayUnlocked = away;
+    awayUnlocked.isUnlocked = true;
+    addSpell("away", "goes while the device is in use, and is away", awayUnlocked);
+    add("away-locked-long", "goes while the device is in use, which is locked when it returns", awayLocked);
+
+    const Spell mute = {goes("*", "mute")};
+    addSpell("mute", "answers no call", mute);
+    addSpell("mute", "answers no call", entered(mute));
+    addSpell("error", "answers all calls with an error", entered({goes("*", "error")}));
+    addSpell("refuse", "takes no code", entered({goes("Authenticate", "reply", "(false,)")}));
+    addSpell("refuse-unlock", "takes codes, and unlocks for none",
+             entered({goes("SetDevlockState", "reply", "(false,)")}));
+    Spell refused = {[](Play &play) {
+                         play.daemon(R"({"do":"accept","how":"refuse"})");
+                         play.daemon(R"({"do":"drop-peers"})");
+                     },
+                     [](Play &play) {
+                         play.daemon(R"({"do":"accept","how":"normal"})");
+                         play.daemon(R"({"do":"restart"})");
+                     }};
+    refused.mayEnd = true;
+    addSpell("connections-refused", "closes all connections and takes no new ones", entered(refused));
+    addSpell("undefined", "announces Undefined, and keeps to it",
+             entered({[](Play &play) { play.setLock(Undefined); }}));
+    Spell lockout = entered({keepLockedOut});
+    lockout.each = [](Play &play) {
+        if (play.lockState() != CodeEntryLockout)
+            keepLockedOut(play);
+    };
+    addSpell("lockout", "has locked code entry", lockout);
+    addSpell("manager-lockout", "the manager locks the user out",
+             entered({asks(R"({"do":"lockout","kind":"manager"})")}));
+
+    add("locked-long", "locks after the device was in use, and nobody touches the host for a minute",
+        [](Play &play) { lockedForLong(play, Long); });
+    days.push_back({"locked-very-long", "the same for five minutes", [](Play &play) { lockedForLong(play, VeryLong); },
+                    Day::Lasts, Day::WithBus, true});
+
+    add("wrong-codes-many", "takes forty wrong codes, and locks code entry now and then", manyWrongCodes);
+    add("wrong-codes-started-again", "the same while the host is started again and again", wrongCodesStartedAgain);
+
+    add("retries-false", "refuses the right code, and the device is locked once more",
+        retries(goes("Authenticate", "reply", "(false,)")));
+    add("retries-error", "answers the right code with an error, and the device is locked once more",
+        retries(goes("Authenticate", "error")));
+    add("retries-mute", "does not answer the right code, and the device is locked once more",
+        retries(goes("Authenticate", "mute")));
+
+    add("locks-unheard", "locks, and the announcement is lost", unheard([](Play &) {}));
+    add("locks-unheard-mute", "locks, the announcement is lost, and no call is answered any more",
+        unheard(goes("*", "mute")));
+    add("locks-unheard-deaf", "locks, and nothing gets through the system bus any more",
+        unheard([](Play &play) { play.freezeBus(); }, [](Play &play) { play.thawBus(); }));
+    return days;
+}
