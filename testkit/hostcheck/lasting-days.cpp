@@ -11,6 +11,10 @@ const int Long = 64000;
 const int VeryLong = 300000;
 // In which a host that retries by itself does so.
 const int Meanwhile = 45000;
+// For two looks, one every 30 seconds, the second of which waits for its answer; a client that is made while the system
+// bus is stuck waits for 50 seconds.
+const int LookPatience = 75000;
+const int DeafPatience = 110000;
 const int MostWrongCodes = 40;
 const int WrongCodesTime = 60000;
 
@@ -67,12 +71,12 @@ Action goes(const QByteArray &method, const QByteArray &how, const QByteArray &v
 
 /** The device is locked without a word, and the host can find out by looking alone. */
 Action unheard(
-    const Action &besides, const Action &later = [](Play &) {})
+    int patience, const Action &besides, const Action &later = [](Play &) {})
 {
     return [=](Play &play) {
         play.start();
         play.unlock();
-        play.lockUnheard();
+        play.lockUnheard(patience);
         besides(play);
         play.awaitLook();
         later(play);
@@ -182,6 +186,14 @@ std::vector<Day> lastingDays()
         return spell;
     };
 
+    // The longest day begins first.
+    add("locks-unheard-deaf", "locks, and nothing gets through the system bus any more",
+        unheard(
+            DeafPatience, [](Play &play) { play.freezeBus(); }, [](Play &play) { play.thawBus(); }));
+    add("locks-unheard", "locks, and the announcement is lost", unheard(LookPatience, [](Play &) {}));
+    add("locks-unheard-mute", "locks, the announcement is lost, and no call is answered any more",
+        unheard(LookPatience, goes("*", "mute")));
+
     const Spell away = {asks(stop), asks(start)};
     addSpell("away", "is away", away);
     addSpell("away", "is away", entered(away));
@@ -232,11 +244,5 @@ std::vector<Day> lastingDays()
         retries(goes("Authenticate", "error")));
     add("retries-mute", "does not answer the right code, and the device is locked once more",
         retries(goes("Authenticate", "mute")));
-
-    add("locks-unheard", "locks, and the announcement is lost", unheard([](Play &) {}));
-    add("locks-unheard-mute", "locks, the announcement is lost, and no call is answered any more",
-        unheard(goes("*", "mute")));
-    add("locks-unheard-deaf", "locks, and nothing gets through the system bus any more",
-        unheard([](Play &play) { play.freezeBus(); }, [](Play &play) { play.thawBus(); }));
     return days;
 }

@@ -15,8 +15,6 @@ const int Moment = 5000;
 const int Quiet = 1000;
 const int EntryPause = 2000;
 const int OutcomeTime = 100;
-// A look every 30 seconds that waits for its answer for as long as D-Bus does, and one more.
-const int LookPatience = 75000;
 const int Tick = 20;
 const int SlowTick = 100;
 
@@ -71,10 +69,10 @@ void Play::setLock(int state)
     daemon(R"({"do":"set-lock","state":)" + QByteArray::number(state) + '}');
 }
 
-void Play::lockUnheard()
+void Play::lockUnheard(int patience)
 {
     // The announcement is the one thing that a host learns of at once.
-    m_judgement.setGrace(LookPatience);
+    m_judgement.setGrace(patience);
     daemon(R"({"do":"set-lock","announce":false,"state":)" + QByteArray::number(Locked) + '}');
 }
 
@@ -428,8 +426,8 @@ void Play::hear(const QByteArray &line)
     observe();
     m_isUp = true;
     if (line != "locked" && line != "unlocked") {
-        throwFinding(Rule::BadProbe,
-                     QStringLiteral("told neither locked nor unlocked, but \"%1\"").arg(QString::fromUtf8(line)));
+        const QString told = QString::fromUtf8(line.left(60)) + (line.size() > 60 ? QStringLiteral("…") : QString());
+        throwFinding(Rule::BadProbe, QStringLiteral("told neither locked nor unlocked, but \"%1\"").arg(told));
     }
     m_judgement.claim(line == "unlocked", m_time.measured(), daemonState());
 }

@@ -47,8 +47,8 @@ public:
     void answer(const QByteArray &method, const QByteArray &value);
     void emitSignal(const QByteArray &name, const QByteArray &args, const QByteArray &more = QByteArray());
     void setLock(int state);
-    /** The device becomes Locked, and nobody is told. */
-    void lockUnheard();
+    /** The device becomes Locked, and nobody is told: the host finds out within @p patience, by looking. */
+    void lockUnheard(int patience);
     /** Kills the system bus of the world: from now on the daemon is away. */
     void killBus();
     /** Nothing gets through the system bus until thawBus(). */
