@@ -11,9 +11,10 @@ const int Reaction = 1000;
 
 void Judgement::observe(bool isUnlocked, qint64 now, bool byDay)
 {
-    if (!m_truth.isEmpty() && isUnlocked == m_truth.last().isUnlocked)
+    const bool isFirst = m_truth.isEmpty();
+    if (!isFirst && isUnlocked == m_truth.last().isUnlocked)
         return;
-    if (isUnlocked && !byDay && m_entries == 0)
+    if (isUnlocked && !isFirst && !byDay && m_entries == 0)
         throwFinding(Rule::OpensByItself,
                      QStringLiteral("unlocked the device, and nobody had entered a code since it was locked"));
     // Of several entries a slow host may still hold one.

@@ -231,7 +231,7 @@ private:
                 const Outcome outcome = outcomeOf(*world);
                 m_tell({day, outcome, seconds});
                 if (m_isFirst)
-                    m_problem = problemOf(*world, outcome);
+                    m_problem = problemOf(outcome);
                 else
                     startMore();
             }
@@ -263,7 +263,7 @@ private:
     }
 
     /** Why the other days would show nothing either; empty if they may. */
-    static QString problemOf(const QProcess &world, const Outcome &outcome)
+    static QString problemOf(const Outcome &outcome)
     {
         if (outcome.rule == Rule::NoClaim) {
             return QStringLiteral(
@@ -272,8 +272,8 @@ private:
                        "C++, QML, Python or shell.\nThe recipe is in %1")
                 .arg(cureOf(Rule::NoClaim));
         }
-        if (world.error() == QProcess::FailedToStart || (outcome.verdict == Outcome::NotMade && world.exitCode() != 0))
-            return QStringLiteral("no world for a day can be made; what is shown above says why");
+        if (outcome.verdict == Outcome::NotMade)
+            return QStringLiteral("no day can be made here; what is shown above says why");
         return QString();
     }
 

@@ -57,15 +57,16 @@ public:
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert("TMPDIR"_s, temporary);
+        environment.insert("HOSTCHECK_JOB"_s, temporary);
         setProcessEnvironment(environment);
         start(QStringLiteral(HOSTCHECK), arguments);
         waitForStarted();
     }
 
     /** The processes of this check, or those alone that have the variable as well. */
-    int count(const QByteArray &variable = "TMPDIR") const
+    int count(const QByteArray &variable = "HOSTCHECK_JOB") const
     {
-        const QString wanted = "TMPDIR="_s + processEnvironment().value("TMPDIR"_s);
+        const QString wanted = "HOSTCHECK_JOB="_s + processEnvironment().value("HOSTCHECK_JOB"_s);
         int count = 0;
         for (const QString &process : QDir("/proc"_s).entryList(QDir::Dirs)) {
             QFile file("/proc/%1/environ"_s.arg(process));
@@ -159,7 +160,7 @@ QString difference(const QStringList &actual, const QStringList &expected)
 
 QString sums(const QString &output)
 {
-    return output.trimmed().section(QLatin1Char('\n'), -1);
+    return QRegularExpression("^\\d+ days?: .*$"_s, QRegularExpression::MultilineOption).match(output).captured();
 }
 
 // QTestLog of Qt 5.15 cuts long messages off: what matters comes first.
@@ -178,10 +179,11 @@ QStringList on(const QStringList &names, const QString &happened)
     return result;
 }
 
-const QString openWhenLocked = "claimed to be unlocked while the daemon was Locked"_s;
-const QString openWhenAway = "claimed to be unlocked while the daemon was away"_s;
-const QString openAfterLocking = "still claimed to be unlocked after the daemon had been Locked for 5 s"_s;
-const QString codeIsUseless = "the right code did not unlock within 30 s"_s;
+const QString openWhenLocked = "claimed to be unlocked while the daemon was Locked [false-claim]"_s;
+const QString openWhenAway = "claimed to be unlocked while the daemon was away [false-claim]"_s;
+const QString openAfterLocking =
+    "still claimed to be unlocked after the daemon had been Locked for 1.5 s [stale-claim]"_s;
+const QString codeIsUseless = "the right code did not unlock within 30 s [no-use]"_s;
 
 QString written(const QTemporaryDir &directory, const QString &name, const QByteArray &text)
 {
@@ -216,6 +218,13 @@ private Q_SLOTS:
     void hostThatWorksOnce();
     void claimOfLongAgo();
     void slowHostPasses();
+    void graceIsGiven();
+    void patterns();
+    void silentHostStopsTheCheck();
+    void oneMessageWhereNoWorldCanBeMade();
+    void findingIsExplained();
+    void costsAreTold();
+    void onlyNotReachedIsNoSuccess();
     void hostEndsByItselfAsItIsAskedTo();
     void ordinaryProcessPasses();
     void hostStartsWithNoSignalBlocked();
@@ -329,6 +338,19 @@ void TestHostCheck::slowHostPasses()
     QCOMPARE(sums(check.output), "1 day: 1 passed, 0 failed, 0 not reached"_s);
 }
 
+void TestHostCheck::graceIsGiven()
+{
+    const QStringList day = "--day ordinary"_words;
+    Run check = run(day + QStringList{wrongHost, "takes-back-late"_s});
+    COMPARE_RUN(check, 1);
+    QCOMPARE(rows(check.output, "FAILED"), on({"ordinary"_s}, openAfterLocking));
+    check = run(day + QStringList{"--grace"_s, "0.2"_s, wrongHost, "takes-back-late"_s});
+    COMPARE_RUN(check, 1);
+    QVERIFY2(check.output.contains("for 0.2 s [stale-claim]"_s), qPrintable(check.output));
+    check = run(day + QStringList{"--grace=20"_s, wrongHost, "takes-back-late"_s});
+    COMPARE_RUN(check, 0);
+}
+
 void TestHostCheck::hostEndsByItselfAsItIsAskedTo()
 {
     const Run check = run("--day start-without-bus"_words << wrongHost << "ends-meanwhile"_s);
@@ -357,7 +379,7 @@ void TestHostCheck::hostStartsWithNoSignalBlocked()
     // A shell would unblock them.
     const Run check = run("--day restart-idle grep -q ^SigBlk:[[:space:]]0*$ /proc/self/status"_words);
     COMPARE_RUN(check, 1);
-    QCOMPARE(rows(check.output, "FAILED"), QStringList{"restart-idle: ended with status 0 before it was up"_s});
+    QCOMPARE(rows(check.output, "FAILED"), QStringList{"restart-idle: ended with status 0 before it was up [ends]"_s});
 }
 
 void TestHostCheck::findings_data()
@@ -370,7 +392,7 @@ void TestHostCheck::findings_data()
     };
     add("keeps-its-claim", "ordinary", openAfterLocking);
     add("keeps-its-claim-of-nobody", "restart-unlocked",
-        "still claimed to be unlocked after the daemon had been away for 5 s"_s, "keeps-its-claim");
+        "still claimed to be unlocked after the daemon had been away for 1.5 s [stale-claim]"_s, "keeps-its-claim");
     add("takes-back-late", "ordinary", openAfterLocking);
     add("claims-at-a-code", "restart-idle", openWhenLocked);
     add("claims-at-its-end", "start-without-daemon", openWhenAway);
@@ -378,29 +400,32 @@ void TestHostCheck::findings_data()
     for (const char *day : {"left-alone-mute", "left-alone-lose-signals", "left-alone-error"})
         add(day, day, openWhenLocked, "gives-up-open");
     add("remembers", "started-again", openWhenLocked);
-    add("ignores-sigterm", "restart-idle", "did not end within 5 s of SIGTERM"_s);
-    add("leaves-a-process", "restart-idle", "left processes behind"_s);
+    add("ignores-sigterm", "restart-idle", "did not end within 5 s of SIGTERM [no-end]"_s);
+    add("leaves-a-process", "restart-idle", "left processes behind [left-processes]"_s);
     // A day on which the right host ends by itself.
-    add("leaves-a-process-early", "start-without-daemon", "left processes behind"_s, "leaves-a-process");
-    add("crashes", "restart-idle", "was ended by signal 11 (Segmentation fault)"_s);
-    add("ends", "restart-idle", "ended with status 3"_s);
+    add("leaves-a-process-early", "start-without-daemon", "left processes behind [left-processes]"_s,
+        "leaves-a-process");
+    add("crashes", "restart-idle", "was ended by signal 11 (Segmentation fault) [ends]"_s);
+    add("ends", "restart-idle", "ended with status 3 [ends]"_s);
     // A day on which status 1 would be right.
-    add("ends-otherwise", "start-without-daemon", "ended with status 3"_s, "ends");
+    add("ends-otherwise", "start-without-daemon", "ended with status 3 [ends]"_s, "ends");
     // Days on which status 1 would be right at another time.
-    add("ends-at-a-code", "crash-Introspect-1", "ended with status 1"_s);
-    add("ends-when-away", "crash-Authenticate", "ended with status 1"_s);
-    add("crashes-at-sigterm", "restart-idle", "was ended by signal 11 (Segmentation fault) when asked to end"_s);
-    add("ends-at-sigterm", "restart-idle", "ended with status 1 when asked to end"_s);
-    add("ends-at-once", "restart-idle", "ended with status 1 before it was up"_s);
+    add("ends-at-a-code", "crash-Introspect-1", "ended with status 1 [ends]"_s);
+    add("ends-when-away", "crash-Authenticate", "ended with status 1 [ends]"_s);
+    add("crashes-at-sigterm", "restart-idle",
+        "was ended by signal 11 (Segmentation fault) when asked to end [no-end]"_s);
+    add("ends-at-sigterm", "restart-idle", "ended with status 1 when asked to end [no-end]"_s);
+    add("ends-at-once", "restart-idle", "ended with status 1 before it was up [ends]"_s);
     add("ends-with-claim", "ordinary",
-        "ended with status 1 while it claimed to be unlocked and the daemon was Locked"_s);
-    add("is-silent", "restart-idle", "told no claim within 30 s of its start"_s);
-    add("mumbles", "restart-idle", "told neither locked nor unlocked, but \"open\""_s);
-    add("drones", "restart-idle", "told more than 4096 bytes without the end of a line"_s);
+        "ended with status 1 while it claimed to be unlocked and the daemon was Locked [ends]"_s);
+    add("is-silent", "restart-idle", "told no claim within 30 s of its start [no-claim]"_s);
+    add("mumbles", "restart-idle", "told neither locked nor unlocked, but \"open\" [bad-probe]"_s);
+    add("drones", "restart-idle", "told more than 4096 bytes without the end of a line [bad-probe]"_s);
     add("ignores-codes", "restart-idle", codeIsUseless);
-    add("ignores-codes-to-reach", "crash-Authenticate", "the right code had no effect within 30 s"_s, "ignores-codes");
+    add("ignores-codes-to-reach", "crash-Authenticate", "the right code had no effect within 30 s [no-use]"_s,
+        "ignores-codes");
     add("ignores-codes-from-the-start", "start-without-daemon", codeIsUseless, "ignores-codes");
-    add("hides-success", "restart-idle", "did not tell within 30 s that the right code had unlocked"_s);
+    add("hides-success", "restart-idle", "did not tell within 30 s that the right code had unlocked [not-told]"_s);
 }
 
 void TestHostCheck::findings()
@@ -451,7 +476,7 @@ void TestHostCheck::endOfALongLog()
             text += xml.text();
     }
     QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
-    QCOMPARE(message, "told neither locked nor unlocked, but \"\ufffdopen\""_s);
+    QCOMPARE(message, "told neither locked nor unlocked, but \"\ufffdopen\" [bad-probe]"_s);
     for (const char *line : {"line 110.", "line 300."})
         QVERIFY2(text.contains(QLatin1String(line)), qPrintable(text));
     QVERIFY2(!text.contains(QLatin1String("line 90.")), qPrintable(text));
@@ -463,6 +488,97 @@ void TestHostCheck::noSuchCall()
     COMPARE_RUN(check, 0);
     QCOMPARE(rows(check.output, "not reached"), QStringList{"crash-GetOption: the host made no such call"_s});
     QCOMPARE(sums(check.output), "2 days: 1 passed, 0 failed, 1 not reached"_s);
+}
+
+void TestHostCheck::onlyNotReachedIsNoSuccess()
+{
+    const Run check = run("--day crash-GetOption"_words << rightHost);
+    COMPARE_RUN(check, 125);
+    QCOMPARE(sums(check.output), "1 day: 0 passed, 0 failed, 1 not reached"_s);
+    QCOMPARE(check.errors, "authd-hostcheck: no day has shown anything\n"_s);
+}
+
+void TestHostCheck::patterns()
+{
+    const auto played = [](const Run &check) {
+        QStringList names = rows(check.output, "passed") + rows(check.output, "not reached");
+        for (QString &name : names)
+            name = name.section(QLatin1Char(':'), 0, 0);
+        return names;
+    };
+    Run check = run({"--day"_s, "start-without-b*"_s, "--day"_s, "*-idle"_s, "--day"_s, "restart-id*"_s, rightHost});
+    COMPARE_RUN(check, 0);
+    QCOMPARE(played(check), "handover-idle restart-idle start-without-bus"_words);
+    QVERIFY(!check.output.contains(QLatin1String("left out")));
+    check = run({"--day"_s, "start-without-bus"_s, "--day"_s, "locked-very-l*"_s, rightHost});
+    COMPARE_RUN(check, 0);
+    QCOMPARE(played(check), "start-without-bus"_words);
+    QVERIFY(check.output.contains(QLatin1String("\n1 day that lasts for minutes was left out; --thorough plays it\n")));
+    check = run({"--day"_s, "*-very-*"_s, rightHost});
+    COMPARE_RUN(check, 2);
+    QVERIFY2(check.errors.contains(QLatin1String("they want --thorough")), qPrintable(check.errors));
+}
+
+void TestHostCheck::silentHostStopsTheCheck()
+{
+    const Run check = run({wrongHost, "is-silent"_s});
+    COMPARE_RUN(check, 1);
+    QCOMPARE(rows(check.output, "FAILED"), on({"ordinary"_s}, "told no claim within 30 s of its start [no-claim]"_s));
+    QCOMPARE(sums(check.output).section(QLatin1Char(':'), 0, 0), "1 day"_s);
+    for (const char *text : {"AUTHD_HOSTCHECK_FD", "docs/testing-a-screen.md:", "probe"})
+        QVERIFY2(check.errors.contains(QLatin1String(text)), qPrintable(check.errors));
+}
+
+void TestHostCheck::oneMessageWhereNoWorldCanBeMade()
+{
+    const QTemporaryDir directory;
+    const QString path = written(directory, "unshare"_s, "#!/bin/sh\necho unshare: not today >&2\nexit 1\n");
+    QVERIFY(QFile::setPermissions(path, QFile::ReadOwner | QFile::ExeOwner));
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("PATH"_s, directory.path() + QLatin1Char(':') + environment.value("PATH"_s));
+    process.setProcessEnvironment(environment);
+    process.start(program, {rightHost});
+    QVERIFY(process.waitForFinished(-1));
+    QCOMPARE(process.exitCode(), 125);
+    const QString output = QString::fromLocal8Bit(process.readAllStandardOutput());
+    QCOMPARE(rows(output, "NOT MADE"), QStringList{"ordinary: the world ended with status 125"_s});
+    QCOMPARE(output.count(QLatin1String("not today")), 1);
+    QCOMPARE(QString::fromLocal8Bit(process.readAllStandardError()),
+             "authd-hostcheck: no day can be made here; what is shown above says why\n"_s);
+}
+
+// The documentation has a heading at the line that the finding names.
+void TestHostCheck::findingIsExplained()
+{
+    const Run check = run({"--day"_s, "restart-idle"_s, wrongHost, "ends"_s});
+    COMPARE_RUN(check, 1);
+    const QRegularExpressionMatch match =
+        QRegularExpression("\n  rule:   \\S.*\n  likely: \\S.*\n  cure:   docs/testing-a-screen.md:(\\d+)\n"_s)
+            .match(check.output);
+    QVERIFY2(match.hasMatch(), qPrintable(check.output));
+    QFile guide(QStringLiteral(GUIDE));
+    QVERIFY(guide.open(QIODevice::ReadOnly));
+    QCOMPARE(guide.readAll().split('\n').value(match.captured(1).toInt() - 1), QByteArray("#### ends"));
+}
+
+// A host may write much to its standard output: that costs neither memory nor disk.
+void TestHostCheck::costsAreTold()
+{
+    const QTemporaryDir directory;
+    const QString logs = directory.filePath("logs"_s);
+    const Run check = run({"--day"_s, "ordinary"_s, "--logs"_s, logs, wrongHost, "drones"_s});
+    COMPARE_RUN(check, 1);
+    QVERIFY(QFileInfo(logs + "/ordinary.log"_s).size() < 5 << 20);
+    const QRegularExpressionMatch costs =
+        QRegularExpression("\n([0-9.]+) s, at most 1 day at once, ([0-9.]+) s of processor time, (\\d+) MiB for the "
+                           "largest process\n$"_s)
+            .match(check.output);
+    QVERIFY2(costs.hasMatch(), qPrintable(check.output));
+    QVERIFY(costs.captured(1).toDouble() > 0);
+    QVERIFY(costs.captured(2).toDouble() > 0);
+    QVERIFY2(costs.captured(3).toInt() > 0 && (costs.captured(3).toInt() < 60 || IS_SANITIZED),
+             qPrintable(check.output));
 }
 
 void TestHostCheck::jUnit()
@@ -546,14 +662,15 @@ void TestHostCheck::standInDies()
         done
         exec sleep 600
     )"_s;
-    const Run check = run("--day ordinary --day start-without-bus sh -c"_words << script);
+    const Run check = run("--day start-without-bus --day ordinary sh -c"_words << script);
     COMPARE_RUN(check, 125);
     const QStringList notMade = rows(check.output, "NOT MADE");
     QCOMPARE(notMade.size(), 1);
     // As it comes: before the check asks, or when it waits for the answer.
     const QRegularExpression text("^ordinary: (there is no stand-in at .*|the stand-in has gone) \\(\\{.*\\}\\)$"_s);
     QVERIFY2(text.match(notMade.first()).hasMatch(), qPrintable(notMade.first()));
-    QCOMPARE(rows(check.output, "FAILED"), QStringList{"start-without-bus: ended with status 3 before it was up"_s});
+    QCOMPARE(rows(check.output, "FAILED"),
+             QStringList{"start-without-bus: ended with status 3 before it was up [ends]"_s});
     QCOMPARE(sums(check.output), "2 days: 0 passed, 1 failed, 0 not reached, 1 not made"_s);
 }
 
@@ -573,6 +690,7 @@ void TestHostCheck::badScenario()
 {
     const Run check = run("--day ordinary --scenario /nowhere.json"_words << rightHost);
     COMPARE_RUN(check, 125);
+    QCOMPARE(check.errors, "authd-hostcheck: no day can be made here; what is shown above says why\n"_s);
     QCOMPARE(rows(check.output, "NOT MADE"), QStringList{"ordinary: the world ended with status 3"_s});
     QVERIFY2(check.output.contains(QLatin1String("/nowhere.json")), qPrintable(check.output));
     QCOMPARE(sums(check.output), "1 day: 0 passed, 0 failed, 0 not reached, 1 not made"_s);
@@ -641,9 +759,13 @@ void TestHostCheck::brokenOff()
     QFETCH(int, leftDirectories);
     const QTemporaryDir temporary;
     const auto directories = [&] { return QDir(temporary.path()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); };
+    const QString results = temporary.filePath("results.xml"_s);
+    // The first day is over at once, the others are not.
+    const QString script = R"([ "${AUTHD_WORLD_BUS_PID-}" ] || exit 1; exec "$0" ignores-sigterm "$0" is-silent)"_s;
     Job job(temporary.path(),
-            "--day ordinary --day start-without-bus --day mute-GetState --jobs 2"_words
-                << wrongHost << "ignores-sigterm"_s << wrongHost << "is-silent"_s);
+            "--day start-without-bus --day ordinary --day mute-GetState --day restart-idle --junit"_words
+                << results << "sh"_s
+                << "-c"_s << script << wrongHost);
     QTRY_COMPARE_WITH_TIMEOUT(directories(), 1, 25000);
     QVERIFY(job.waitForHosts(hosts));
     QCOMPARE(kill(pid_t(toGroup ? -job.processId() : job.processId()), signal), 0);
@@ -651,10 +773,30 @@ void TestHostCheck::brokenOff()
     QVERIFY(job.waitForFinished(20000));
     QCOMPARE(job.exitStatus(), QProcess::CrashExit);
     QCOMPARE(job.exitCode(), signal);
-    QCOMPARE(QString::fromLocal8Bit(job.readAllStandardOutput()), QString());
-    QCOMPARE(QString::fromLocal8Bit(job.readAllStandardError()), QString());
     QCOMPARE(directories(), leftDirectories);
     QTRY_COMPARE(job.count(), 0);
+    if (signal == SIGKILL)
+        return;
+    const QString output = QString::fromLocal8Bit(job.readAllStandardOutput());
+    QCOMPARE(QString::fromLocal8Bit(job.readAllStandardError()), "authd-hostcheck: broken off\n"_s);
+    QFile file(results);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QXmlStreamReader xml(&file);
+    QStringList names;
+    while (!xml.atEnd()) {
+        xml.readNext();
+        if (xml.isStartElement() && xml.name() == QLatin1String("testcase"))
+            names << xml.attributes().value(QLatin1String("name")).toString();
+    }
+    QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
+    // At once may be after the first day.
+    const int done = names.size();
+    QVERIFY(done == 1 || (done == 0 && hosts == 0));
+    QCOMPARE(names, QStringList{"start-without-bus"_s}.mid(1 - done));
+    QCOMPARE(sums(output),
+             "%1: %2 passed, 0 failed, 0 not reached, %3 not played"_s.arg(done ? "1 day"_s : "0 days"_s)
+                 .arg(done)
+                 .arg(4 - done));
 }
 
 // As under nohup.
@@ -696,6 +838,8 @@ void TestHostCheck::wrongUsage_data()
     wrong("unknown day", {"--day"_s, "sunday"_s, rightHost}, "there is no day sunday \\(see --list\\)");
     wrong("no value", {"--junit"_s}, "Missing value after '--junit'\\.");
     wrong("empty value", {"--junit="_s, rightHost}, "--junit wants a value");
+    wrong("no grace", {"--grace"_s, "soon"_s, rightHost}, "--grace wants seconds, from 0 to 60");
+    wrong("too much grace", {"--grace"_s, "61"_s, rightHost}, "--grace wants seconds, from 0 to 60");
     wrong("no jobs", {"--jobs"_s, "0"_s, rightHost}, "--jobs wants a number from 1");
     wrong("odd jobs", {"--jobs=many"_s, rightHost}, "--jobs wants a number from 1");
     QTest::newRow("help") << QStringList{"--help"_s} << 0 << "^Usage: \\S*authd-hostcheck \\[options\\] HOST "_s

@@ -4,7 +4,7 @@
 //     believes-errors    takes setLocked() for done whatever it answers
 //     keeps-its-claim    never takes its claim back
 //     takes-back-late    takes its claim back after 8 s
-//     is-slow            takes its claim back after 2 s, as it may
+//     is-slow            takes its claim back after half a second, as it may
 //     claims-again       takes its claim back, and claims again
 //     claims-late        tells after 6 s that it is unlocked, and nothing before
 //     claims-at-a-code   claims to be unlocked when a code is entered; it stops the check for a second, so that the
@@ -112,8 +112,8 @@ public:
         QObject::connect(&m_notifier, &QSocketNotifier::activated, &m_notifier, [this] {
             const QList<QByteArray> lines = readCode().split('\n');
             for (const QByteArray &line : lines) {
-                // What it believes is the same every time only if it knows the state before.
-                if (line.startsWith("enter ") && m_devlock && m_devlock->state() != AuthDevlockClient::Undefined)
+                // What it believes is the same every time only if it has learnt the state before.
+                if (line.startsWith("enter ") && m_isReady)
                     enter(line.mid(6));
             }
         });
@@ -158,7 +158,8 @@ private:
                 claim(true);
         });
         QObject::connect(m_devlock.get(), &AuthDevlockClient::stateChanged, m_devlock.get(), [this] {
-            const int late = m_fault == "takes-back-late" ? 8000 : m_fault == "is-slow" ? 2000 : 0;
+            m_isReady = true;
+            const int late = m_fault == "takes-back-late" ? 8000 : m_fault == "is-slow" ? 500 : 0;
             if (m_devlock->state() == AuthDevlockClient::Unlocked && m_fault == "remembers")
                 close(creat(memory, 0600));
             if (m_devlock->state() == AuthDevlockClient::Unlocked && m_fault != "hides-success")
@@ -189,6 +190,7 @@ private:
     std::unique_ptr<AuthClient> m_client;
     std::unique_ptr<AuthDevlockClient> m_devlock;
     int m_codes = 0;
+    bool m_isReady = false;
     bool m_isUnlocked = false;
 };
 
