@@ -1,0 +1,23 @@
+// Takes its page away when it is asked to end.
+
+#include "../screen.h"
+
+#include <QtCore/QCoreApplication>
+
+namespace {
+
+class OpensAtItsEnd : public Screen
+{
+public:
+    OpensAtItsEnd()
+    {
+        atSigterm([this] {
+            claim(true);
+            after(100, [] { QCoreApplication::quit(); });
+        });
+    }
+};
+
+const Wrong<OpensAtItsEnd> opensAtItsEnd("opens-at-its-end", "ordinary,started-again", "false-claim");
+
+} // namespace

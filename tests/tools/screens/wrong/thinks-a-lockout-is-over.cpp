@@ -1,0 +1,23 @@
+// Shows a lockout for forty seconds at most, and what was there before after that: at first that is nothing.
+
+#include "../screen.h"
+
+namespace {
+
+class ThinksALockoutIsOver : public Screen
+{
+    void handleState(int state) override
+    {
+        Screen::handleState(state);
+        if (state != AuthDevlockClient::CodeEntryLockout)
+            return;
+        after(40000, [this] {
+            if (this->state() == AuthDevlockClient::CodeEntryLockout)
+                claim(true);
+        });
+    }
+};
+
+const Wrong<ThinksALockoutIsOver> thinksALockoutIsOver("thinks-a-lockout-is-over", "lockout-long", "false-claim");
+
+} // namespace
