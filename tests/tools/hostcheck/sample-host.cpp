@@ -5,59 +5,109 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QSocketNotifier>
+#include <QtCore/QTimer>
 
+#include <atomic>
+#include <csignal>
+#include <memory>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
+// For a signal handler, too.
+int probe = -1;
+std::atomic<bool> isUnlocked{false};
+
+void claim(bool claimed)
+{
+    if (isUnlocked.exchange(claimed) != claimed)
+        send(probe, claimed ? "unlocked\n" : "locked\n", claimed ? 9 : 7, MSG_NOSIGNAL);
+}
+
 class Host
 {
 public:
-    explicit Host(int probe)
-        : m_probe(probe)
-        , m_notifier(probe, QSocketNotifier::Read)
+    Host()
+        : m_notifier(probe, QSocketNotifier::Read)
     {
         // A token is good for one thing here: to unlock. Whether it has, the device-lock state tells, and nothing else.
         QObject::connect(&m_client, &AuthClient::authenticatedChanged, &m_client, [this] {
-            if (m_client.authenticated())
+            if (m_client.authenticated() && m_client.progress())
                 m_client.setLocked(AuthDevlockClient::Unlocked);
         });
-        QObject::connect(&m_devlock, &AuthDevlockClient::stateChanged, &m_devlock, [this] { tell(); });
+        QObject::connect(&m_retry, &QTimer::timeout, &m_retry, [this] { follow(); });
+        QObject::connect(&m_look, &QTimer::timeout, &m_look, [this] { look(); });
+        QObject::connect(&m_verdict, &QTimer::timeout, &m_verdict, [this] { endLook(); });
         QObject::connect(&m_notifier, &QSocketNotifier::activated, &m_notifier, [this] { read(); });
-        write("locked\n");
+        m_retry.setSingleShot(true);
+        m_verdict.setSingleShot(true);
+        follow();
+        send(probe, "locked\n", 7, MSG_NOSIGNAL);
     }
 
 private:
-    void tell()
+    void follow()
     {
-        const bool isUnlocked = m_devlock.state() == AuthDevlockClient::Unlocked;
-        if (isUnlocked == m_isUnlocked)
-            return;
-        m_isUnlocked = isUnlocked;
-        write(isUnlocked ? "unlocked\n" : "locked\n");
+        m_devlock = std::make_unique<AuthDevlockClient>();
+        QObject::connect(m_devlock.get(), &AuthDevlockClient::stateChanged, &m_retry, [this] { handleState(); });
+        handleState();
     }
 
-    void write(const QByteArray &line)
+    // A daemon that has come back need not announce anything. A client that knows no state is replaced, less and less
+    // often.
+    void handleState()
     {
-        if (::write(m_probe, line.constData(), size_t(line.size())) != line.size())
-            m_notifier.setEnabled(false);
+        const bool isKnown = m_devlock->state() != AuthDevlockClient::Undefined;
+        if (isKnown) {
+            m_retry.stop();
+            m_pause = 1000;
+        } else if (!m_retry.isActive()) {
+            m_pause = qMin(2 * m_pause, 30000);
+            m_retry.start(m_pause);
+        }
+        claim(m_devlock->state() == AuthDevlockClient::Unlocked);
+        if (isUnlocked)
+            m_look.start(30000);
+        else
+            m_look.stop();
+    }
+
+    // A locking may go unheard. No answer counts as locked, and so does a bus that hangs: it holds up for most of a minute
+    // whoever makes a client.
+    void look()
+    {
+        if (m_witness)
+            return;
+        m_verdict.start(10000);
+        alarm(10);
+        m_witness = std::make_unique<AuthDevlockClient>();
+        alarm(0);
+        QObject::connect(m_witness.get(), &AuthDevlockClient::stateChanged, &m_verdict, [this] { m_verdict.start(0); });
+    }
+
+    void endLook()
+    {
+        const bool isStillUnlocked = isUnlocked && m_witness->state() == AuthDevlockClient::Unlocked;
+        m_witness.reset();
+        if (!isStillUnlocked)
+            follow();
     }
 
     void read()
     {
-        char buffer[256];
-        const ssize_t count = ::read(m_probe, buffer, sizeof buffer);
+        char buffer[4096];
+        const ssize_t count = recv(probe, buffer, sizeof buffer, 0);
         if (count <= 0) {
             m_notifier.setEnabled(false);
             return;
         }
         m_input.append(buffer, int(count));
-        for (int end = m_input.indexOf('\n'); end >= 0; end = m_input.indexOf('\n')) {
-            const QByteArray line = m_input.left(end);
-            m_input.remove(0, end + 1);
-            if (line.startsWith("enter "))
-                enter(QString::fromUtf8(line.mid(6)));
-        }
+        QList<QByteArray> lines = m_input.split('\n');
+        m_input = lines.takeLast();
+        // Of the codes that were entered while the host was held up only the last counts.
+        if (!lines.isEmpty() && lines.last().startsWith("enter "))
+            enter(QString::fromUtf8(lines.last().mid(6)));
     }
 
     void enter(const QString &code)
@@ -66,12 +116,15 @@ private:
                               {{QStringLiteral("factor"), QStringLiteral("code")}, {QStringLiteral("data"), code}});
     }
 
-    const int m_probe;
     QSocketNotifier m_notifier;
     QByteArray m_input;
     AuthClient m_client;
-    AuthDevlockClient m_devlock;
-    bool m_isUnlocked = false;
+    std::unique_ptr<AuthDevlockClient> m_devlock;
+    std::unique_ptr<AuthDevlockClient> m_witness;
+    int m_pause = 1000; ///< in milliseconds, doubled before it is waited for
+    QTimer m_retry;
+    QTimer m_look;
+    QTimer m_verdict;
 };
 
 } // namespace
@@ -80,9 +133,10 @@ int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
     bool isProbed = false;
-    const int probe = qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD", &isProbed);
+    probe = qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD", &isProbed);
     if (!isProbed)
         return 2;
-    const Host host(probe);
+    signal(SIGALRM, [](int) { claim(false); });
+    const Host host;
     return QCoreApplication::exec();
 }
