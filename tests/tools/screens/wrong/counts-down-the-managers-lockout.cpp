@@ -30,6 +30,6 @@ class CountsDownTheManagersLockout : public Screen
 };
 
 const Wrong<CountsDownTheManagersLockout> countsDownTheManagersLockout("counts-down-the-managers-lockout",
-                                                                       "manager-lockout-long", "false-claim");
+                                                                       "manager-lockout-long-entries", "false-claim");
 
 } // namespace

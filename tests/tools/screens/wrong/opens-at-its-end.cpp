@@ -18,6 +18,6 @@ public:
     }
 };
 
-const Wrong<OpensAtItsEnd> opensAtItsEnd("opens-at-its-end", "ordinary,started-again", "false-claim");
+const Wrong<OpensAtItsEnd> opensAtItsEnd("opens-at-its-end", "wrong-codes-started-again,ordinary", "false-claim");
 
 } // namespace

@@ -20,7 +20,10 @@ public:
 private:
     void handleState(int state) override
     {
-        claim(state == AuthDevlockClient::Unlocked || (state == AuthDevlockClient::Undefined && !isBusThere()));
+        Screen::handleState(state);
+        // What has died may take a moment to be gone.
+        if (state == AuthDevlockClient::Undefined)
+            after(300, [this] { claim(!isBusThere()); });
     }
 
     static bool isBusThere()

@@ -18,6 +18,7 @@ class ThinksALockoutIsOver : public Screen
     }
 };
 
-const Wrong<ThinksALockoutIsOver> thinksALockoutIsOver("thinks-a-lockout-is-over", "lockout-long", "false-claim");
+const Wrong<ThinksALockoutIsOver> thinksALockoutIsOver("thinks-a-lockout-is-over", "lockout-long-entries",
+                                                       "false-claim");
 
 } // namespace

@@ -17,7 +17,14 @@ class TriesAgainAtEachLocking : public Screen
         Screen::handleState(state);
         if (state == AuthDevlockClient::Unlocked)
             m_code.clear();
-        else if (state == AuthDevlockClient::Locked && !m_code.isEmpty())
+        else if (state == AuthDevlockClient::Locked)
+            after(300, [this] { askAgain(); });
+    }
+
+    // The locking has ended what was under way by now.
+    void askAgain()
+    {
+        if (state() == AuthDevlockClient::Locked && !m_code.isEmpty())
             ask(m_code);
     }
 

@@ -21,7 +21,7 @@ class UnlocksAgainAtOnce : public Screen
             m_use.start();
         } else if (state == AuthDevlockClient::Locked && m_use.isValid() && !m_use.hasExpired(10000)) {
             m_use.invalidate();
-            ask(m_code);
+            after(500, [this] { ask(m_code); });
         }
     }
 
