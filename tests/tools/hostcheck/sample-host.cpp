@@ -7,29 +7,17 @@
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QTimer>
 
-#include <atomic>
-#include <csignal>
 #include <memory>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-// For a signal handler, too.
-int probe = -1;
-std::atomic<bool> isUnlocked{false};
-
-void claim(bool claimed)
-{
-    if (isUnlocked.exchange(claimed) != claimed)
-        send(probe, claimed ? "unlocked\n" : "locked\n", claimed ? 9 : 7, MSG_NOSIGNAL);
-}
-
 class Host
 {
 public:
-    Host()
-        : m_notifier(probe, QSocketNotifier::Read)
+    explicit Host(int probe)
+        : m_probe(probe)
+        , m_notifier(probe, QSocketNotifier::Read)
     {
         // A token is good for one thing here: to unlock. Whether it has, the device-lock state tells, and nothing else.
         QObject::connect(&m_client, &AuthClient::authenticatedChanged, &m_client, [this] {
@@ -43,7 +31,7 @@ public:
         m_retry.setSingleShot(true);
         m_verdict.setSingleShot(true);
         follow();
-        send(probe, "locked\n", 7, MSG_NOSIGNAL);
+        write("locked\n");
     }
 
 private:
@@ -66,29 +54,40 @@ private:
             m_pause = qMin(2 * m_pause, 30000);
             m_retry.start(m_pause);
         }
-        claim(m_devlock->state() == AuthDevlockClient::Unlocked);
+        tell(m_devlock->state() == AuthDevlockClient::Unlocked);
+    }
+
+    void tell(bool isUnlocked)
+    {
+        if (isUnlocked == m_isUnlocked)
+            return;
+        m_isUnlocked = isUnlocked;
+        write(isUnlocked ? "unlocked\n" : "locked\n");
         if (isUnlocked)
             m_look.start(30000);
         else
             m_look.stop();
     }
 
-    // A locking may go unheard. No answer counts as locked, and so does a bus that hangs: it holds up for most of a minute
-    // whoever makes a client.
+    void write(const QByteArray &line)
+    {
+        if (::write(m_probe, line.constData(), size_t(line.size())) != line.size())
+            m_notifier.setEnabled(false);
+    }
+
+    // A locking may go unheard. No answer within ten seconds counts as locked.
     void look()
     {
         if (m_witness)
             return;
         m_verdict.start(10000);
-        alarm(10);
         m_witness = std::make_unique<AuthDevlockClient>();
-        alarm(0);
         QObject::connect(m_witness.get(), &AuthDevlockClient::stateChanged, &m_verdict, [this] { m_verdict.start(0); });
     }
 
     void endLook()
     {
-        const bool isStillUnlocked = isUnlocked && m_witness->state() == AuthDevlockClient::Unlocked;
+        const bool isStillUnlocked = m_witness->state() == AuthDevlockClient::Unlocked;
         m_witness.reset();
         if (!isStillUnlocked)
             follow();
@@ -97,7 +96,7 @@ private:
     void read()
     {
         char buffer[4096];
-        const ssize_t count = recv(probe, buffer, sizeof buffer, 0);
+        const ssize_t count = ::read(m_probe, buffer, sizeof buffer);
         if (count <= 0) {
             m_notifier.setEnabled(false);
             return;
@@ -116,6 +115,7 @@ private:
                               {{QStringLiteral("factor"), QStringLiteral("code")}, {QStringLiteral("data"), code}});
     }
 
+    const int m_probe;
     QSocketNotifier m_notifier;
     QByteArray m_input;
     AuthClient m_client;
@@ -125,6 +125,7 @@ private:
     QTimer m_retry;
     QTimer m_look;
     QTimer m_verdict;
+    bool m_isUnlocked = false;
 };
 
 } // namespace
@@ -133,10 +134,9 @@ int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
     bool isProbed = false;
-    probe = qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD", &isProbed);
+    const int probe = qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD", &isProbed);
     if (!isProbed)
         return 2;
-    signal(SIGALRM, [](int) { claim(false); });
-    const Host host;
+    const Host host(probe);
     return QCoreApplication::exec();
 }

@@ -2,27 +2,10 @@
 
 #include <QtCore/QCoreApplication>
 
-#include <atomic>
 #include <csignal>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-namespace {
-
-// For a signal handler, too.
-std::atomic<int> probe{-1};
-std::atomic<bool> isClaimedUnlocked{false};
-
-void tellClaim(bool isUnlocked)
-{
-    if (isClaimedUnlocked.exchange(isUnlocked) == isUnlocked)
-        return;
-    const char *line = isUnlocked ? "unlocked\n" : "locked\n";
-    send(probe, line, isUnlocked ? 9 : 7, MSG_NOSIGNAL);
-}
-
-} // namespace
 
 std::vector<Entry> &collection()
 {
@@ -34,8 +17,6 @@ Screen::Screen()
     : m_probe(qEnvironmentVariableIntValue("AUTHD_HOSTCHECK_FD"))
     , m_notifier(m_probe, QSocketNotifier::Read)
 {
-    probe = m_probe;
-    signal(SIGALRM, [](int) { tellClaim(false); });
     QObject::connect(&m_notifier, &QSocketNotifier::activated, &m_context, [this] { read(); });
     m_retry.setSingleShot(true);
     QObject::connect(&m_retry, &QTimer::timeout, &m_context, [this] { askAnew(); });
@@ -102,18 +83,13 @@ void Screen::handleLook(int state)
         askAnew();
 }
 
-// While the bus hangs the making of a client takes most of a minute.
+// The time that a stuck bus takes to make the client counts.
 void Screen::look()
 {
     if (m_witness)
         return;
-    const bool wasOpen = claimsUnlocked();
     m_verdict.start(habits.lookPatience);
-    alarm(unsigned(habits.lookPatience / 1000));
     m_witness = new AuthDevlockClient(&m_context);
-    alarm(0);
-    if (wasOpen != claimsUnlocked())
-        askAnew();
     QObject::connect(m_witness, &AuthDevlockClient::stateChanged, &m_context, [this] { endLook(m_witness->state()); });
 }
 
@@ -177,7 +153,9 @@ AuthClient *Screen::client() const
 
 void Screen::claim(bool isUnlocked)
 {
-    tellClaim(isUnlocked);
+    if (isUnlocked != m_claimsUnlocked)
+        tell(isUnlocked ? "unlocked\n" : "locked\n");
+    m_claimsUnlocked = isUnlocked;
     if (!isUnlocked)
         m_look.stop();
     else if (!m_look.isActive() && !m_witness)
@@ -186,7 +164,7 @@ void Screen::claim(bool isUnlocked)
 
 bool Screen::claimsUnlocked() const
 {
-    return isClaimedUnlocked;
+    return m_claimsUnlocked;
 }
 
 void Screen::tell(const QByteArray &text)

@@ -86,6 +86,7 @@ private:
     AuthDevlockClient *m_follower = nullptr; ///< belongs to the context
     AuthDevlockClient *m_witness = nullptr;  ///< the same
     int m_state = AuthDevlockClient::Undefined;
+    bool m_claimsUnlocked = false;
     int m_pause = 0;
     QTimer m_retry;
     QTimer m_look;
