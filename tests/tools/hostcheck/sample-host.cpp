@@ -89,8 +89,11 @@ private:
     {
         const bool isStillUnlocked = m_witness->state() == AuthDevlockClient::Unlocked;
         m_witness.reset();
-        if (!isStillUnlocked)
-            follow();
+        if (isStillUnlocked)
+            return;
+        // Before another client is made: a stuck bus holds that up.
+        tell(false);
+        follow();
     }
 
     void read()

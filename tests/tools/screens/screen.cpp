@@ -114,12 +114,14 @@ void Screen::makeClient()
     QObject::connect(client(), &AuthClient::discredit, client(), [this] { handleDiscredit(); });
 }
 
+// A stuck bus holds up who makes a client: what is not known any more is told before.
 void Screen::askAnew()
 {
     if (m_follower) {
         m_follower->disconnect(&m_context);
         m_follower->deleteLater();
     }
+    change(AuthDevlockClient::Undefined);
     m_follower = new AuthDevlockClient(&m_context);
     QObject::connect(m_follower, &AuthDevlockClient::stateChanged, &m_context, [this] { follow(); });
     follow();
@@ -135,10 +137,15 @@ void Screen::follow()
         m_pause = m_pause ? qMin(2 * m_pause, habits.longestPause) : habits.firstPause;
         m_retry.start(m_pause);
     }
-    if (told == m_state)
+    change(told);
+}
+
+void Screen::change(int state)
+{
+    if (state == m_state)
         return;
-    m_state = told;
-    handleState(told);
+    m_state = state;
+    handleState(state);
 }
 
 int Screen::state() const

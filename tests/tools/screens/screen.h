@@ -76,6 +76,7 @@ protected:
 private:
     void read();
     void follow();
+    void change(int state);
     void endLook(int state);
 
     const int m_probe;

@@ -141,7 +141,7 @@ void TestScreens::rightScreens()
 {
     std::vector<Screen> right = screens(true);
     QVERIFY(right.size() >= 12);
-    check(right, 3);
+    check(right, 5);
     compare(right, hasPassed);
 }
 
