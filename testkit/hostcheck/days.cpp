@@ -176,6 +176,8 @@ void ordinary(Play &play)
     play.quiet();
     play.unlock();
     play.usable();
+    // What the host says when it ends is said before a locked device.
+    play.lock();
 }
 
 /** The host is started again, as its supervisor would; the device has been locked meanwhile. */
@@ -188,6 +190,7 @@ void startedAgain(Play &play, const std::function<void()> &end)
     play.start();
     play.leaveAlone(5000);
     play.usable();
+    play.lock();
 }
 
 void wrongCodesLockOut(Play &play)
@@ -200,18 +203,18 @@ void wrongCodesLockOut(Play &play)
         throw Outcome{Outcome::NotReached, QStringLiteral("the host has not passed on enough wrong codes")};
     play.enter(play.rightCode());
     play.quiet();
-    play.daemon(R"({"do":"lockout","kind":"none"})");
+    play.setLock(Locked);
     play.usable();
 }
 
-Action lockedOut(const QByteArray &kind)
+Action lockedOut(int state)
 {
     return [=](Play &play) {
         play.startIdle();
-        play.daemon(R"({"do":"lockout","kind":")" + kind + R"("})");
+        play.setLock(state);
         play.enter(play.rightCode());
         play.quiet();
-        play.daemon(R"({"do":"lockout","kind":"none"})");
+        play.setLock(Locked);
         play.usable();
     };
 }
@@ -490,10 +493,11 @@ std::vector<Day> makeDays()
     add("bus-dies-unlocked", "the system bus dies while the device is in use", busDiesUnlocked);
 
     add("lockout-by-wrong-codes", "locks code entry after wrong codes; the right one is entered", wrongCodesLockOut);
-    add("lockout-code-entry", "has locked code entry when the right code is entered", lockedOut("code-entry"));
-    add("lockout-manager", "the manager has locked the user out when the right code is entered", lockedOut("manager"));
+    add("lockout-code-entry", "has locked code entry when the right code is entered", lockedOut(CodeEntryLockout));
+    add("lockout-manager", "the manager has locked the user out when the right code is entered",
+        lockedOut(ManagerLockout));
     add("announces-manager-lockout", "the manager locks the user out while the device is in use",
-        loses(asks(R"({"do":"lockout","kind":"manager"})")));
+        loses(announces(ManagerLockout)));
     add("announces-undefined", "announces Undefined while the device is in use", loses(announces(Undefined)));
     add("announces-security-ui", "announces SecurityUi while the device is in use", loses(announces(SecurityUi)));
     add("announces-6", "announces a state that there is not, 6", loses(announces(6)));

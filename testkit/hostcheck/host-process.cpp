@@ -9,7 +9,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <iterator>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -196,6 +198,12 @@ bool HostProcess::takeLine(QByteArray *line)
     *line = m_input.left(end);
     m_input.remove(0, end + 1);
     return true;
+}
+
+bool HostProcess::hasUnreadCodes() const
+{
+    int unread = 0;
+    return m_probe >= 0 && ioctl(m_probe, SIOCOUTQ, &unread) == 0 && unread > 0;
 }
 
 void HostProcess::drain()

@@ -23,6 +23,13 @@ public:
     void wait(int milliseconds);
     /** The next line that it has told over the probe. False when there is none. */
     bool takeLine(QByteArray *line);
+    /** Whether it has told something that is no line yet. */
+    bool hasUnfinishedLine() const
+    {
+        return !m_input.isEmpty();
+    }
+    /** Whether codes wait for it to read them. */
+    bool hasUnreadCodes() const;
 
     bool hasEnded() const
     {

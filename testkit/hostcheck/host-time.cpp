@@ -13,7 +13,7 @@
 namespace {
 
 // Reading what all threads have waited takes a millisecond.
-const qint64 SamplePause = 200;
+const qint64 SamplePause = 500;
 const double LeastShare = 1.0 / 16;
 
 QByteArray contents(const char *path)

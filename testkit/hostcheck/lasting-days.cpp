@@ -40,9 +40,12 @@ struct Spell
 Action lasts(const Spell &spell, int milliseconds)
 {
     return [=](Play &play) {
-        if (spell.isUnlocked) {
+        if (spell.withEntries || spell.isUnlocked) {
             play.start();
             play.unlock();
+            // The host knows a good code now.
+            if (!spell.isUnlocked)
+                play.lock();
         } else {
             play.startIdle();
         }
@@ -94,9 +97,9 @@ Action retries(const Action &begin)
         play.quiet();
         // Tokens end when the state becomes Locked, and the state is Locked already.
         play.setLock(ManagerLockout);
-        play.setLock(Locked);
-        play.forgetEntries();
         play.daemon(R"({"do":"behave"})");
+        play.forgetEntries();
+        play.setLock(Locked);
         play.leaveAlone(Long);
         play.usable();
     };
@@ -106,7 +109,7 @@ void enterWrongly(Play &play, const QByteArray &code)
 {
     play.enterOnce(code);
     if (play.lockState() == CodeEntryLockout)
-        play.daemon(R"({"do":"lockout","kind":"none"})");
+        play.setLock(Locked);
 }
 
 void manyWrongCodes(Play &play)
@@ -141,7 +144,7 @@ void awayLocked(Play &play)
     play.unlock();
     play.daemon(stop);
     play.awaitLocked();
-    play.daemon(R"({"do":"set-lock","announce":false,"state":1})");
+    play.setLockUntold(Locked);
     play.leaveAlone(15000);
     play.daemon(start);
     play.leaveAlone(Meanwhile);
@@ -161,7 +164,7 @@ void lockedForLong(Play &play, int milliseconds)
 void keepLockedOut(Play &play)
 {
     play.setLock(ManagerLockout);
-    play.daemon(R"({"do":"lockout","kind":"code-entry"})");
+    play.setLock(CodeEntryLockout);
 }
 
 } // namespace
@@ -219,8 +222,11 @@ std::vector<Day> lastingDays()
                      }};
     refused.mayEnd = true;
     addSpell("connections-refused", "closes all connections and takes no new ones", entered(refused));
-    addSpell("undefined", "announces Undefined, and keeps to it",
-             entered({[](Play &play) { play.setLock(Undefined); }}));
+    Spell undefined = {[](Play &play) { play.setLock(Undefined); }};
+    addSpell("undefined", "announces Undefined, and keeps to it", undefined);
+    // A right code unlocks all the same.
+    undefined.each = undefined.begin;
+    addSpell("undefined", "announces Undefined again and again", entered(undefined));
     Spell lockout = entered({keepLockedOut});
     lockout.each = [](Play &play) {
         if (play.lockState() != CodeEntryLockout)
@@ -228,7 +234,7 @@ std::vector<Day> lastingDays()
     };
     addSpell("lockout", "has locked code entry", lockout);
     addSpell("manager-lockout", "the manager locks the user out",
-             entered({asks(R"({"do":"lockout","kind":"manager"})")}));
+             entered({[](Play &play) { play.setLock(ManagerLockout); }}));
 
     add("locked-long", "locks after the device was in use, and nobody touches the host for a minute",
         [](Play &play) { lockedForLong(play, Long); });

@@ -16,7 +16,7 @@ const int Quiet = 1000;
 const int EntryPause = 2000;
 const int OutcomeTime = 100;
 const int Tick = 20;
-const int SlowTick = 100;
+const int SlowTick = 200;
 
 } // namespace
 
@@ -43,8 +43,19 @@ QJsonObject Play::daemon(const QByteArray &json)
     observe();
     say("daemon: " + json);
     QJsonObject answer = m_daemon.request(json);
-    observe(true);
+    observe();
     return answer;
+}
+
+void Play::changeState(int state, const QByteArray &json)
+{
+    observe();
+    say("daemon: " + json);
+    m_daemon.request(json);
+    // A host may have answered to it by now.
+    m_lockState = state;
+    m_judgement.observe(m_hasOwner && state == Unlocked, m_time.elapsed(), true);
+    observe();
 }
 
 void Play::misbehave(const QByteArray &method, const QByteArray &how, const QByteArray &more)
@@ -66,14 +77,19 @@ void Play::emitSignal(const QByteArray &name, const QByteArray &args, const QByt
 
 void Play::setLock(int state)
 {
-    daemon(R"({"do":"set-lock","state":)" + QByteArray::number(state) + '}');
+    changeState(state, R"({"do":"set-lock","state":)" + QByteArray::number(state) + '}');
 }
 
 void Play::lockUnheard(int patience)
 {
     // The announcement is the one thing that a host learns of at once.
     m_judgement.setGrace(patience);
-    daemon(R"({"do":"set-lock","announce":false,"state":)" + QByteArray::number(Locked) + '}');
+    setLockUntold(Locked);
+}
+
+void Play::setLockUntold(int state)
+{
+    changeState(state, R"({"do":"set-lock","announce":false,"state":)" + QByteArray::number(state) + '}');
 }
 
 void Play::killBus()
@@ -81,7 +97,7 @@ void Play::killBus()
     say("the system bus is killed");
     m_isBusKilled = true;
     ::kill(qEnvironmentVariableIntValue("AUTHD_WORLD_BUS_PID"), SIGKILL);
-    observe(true);
+    observe();
 }
 
 void Play::freezeBus()
@@ -109,8 +125,12 @@ void Play::start()
     m_judgement.begin();
     m_process.start(m_host);
     say("the host is started");
-    await([this] { return m_isUp; }, m_patience.up, Rule::NoClaim,
-          QStringLiteral("told no claim within %1 of its start").arg(secondsText(m_patience.up)));
+    const QString patience = secondsText(m_patience.up);
+    if (!until([this] { return m_isUp; }, m_patience.up)) {
+        if (m_process.hasUnfinishedLine())
+            throwFinding(Rule::BadProbe, QStringLiteral("told no line that ends within %1 of its start").arg(patience));
+        throwFinding(Rule::NoClaim, QStringLiteral("told no claim within %1 of its start").arg(patience));
+    }
     m_peersAtStart = m_peers;
 }
 
@@ -190,8 +210,7 @@ void Play::reach(const QByteArray &method, int nth)
     if (!reached()
         && !enterUntil(
             m_code, [&] { return reached() || isUnlocked(); }, EntryPause)) {
-        throwFinding(Rule::NoUse,
-                     QStringLiteral("the right code had no effect within %1").arg(secondsText(m_patience.code)));
+        throwUselessness(QStringLiteral("the right code had no effect within %1").arg(secondsText(m_patience.code)));
     }
     if (!reached())
         throw Outcome{Outcome::NotReached, QStringLiteral("the host made no such call")};
@@ -257,7 +276,14 @@ void Play::failToUnlock()
         throwFinding(Rule::NotTold,
                      QStringLiteral("did not tell within %1 that the right code had unlocked").arg(patience));
     }
-    throwFinding(Rule::NoUse, QStringLiteral("the right code did not unlock within %1").arg(patience));
+    throwUselessness(QStringLiteral("the right code did not unlock within %1").arg(patience));
+}
+
+void Play::throwUselessness(const QString &finding)
+{
+    if (m_process.hasUnreadCodes())
+        throwFinding(Rule::BadProbe, QStringLiteral("did not read from the probe"));
+    throwFinding(Rule::NoUse, finding);
 }
 
 void Play::lock()
@@ -360,7 +386,7 @@ Outcome Play::judgeEnd(const HostEnded &end)
     return {Outcome::Passed, endText(end.status)};
 }
 
-void Play::observe(bool byDay)
+void Play::observe()
 {
     const QJsonObject state = m_daemon.state();
     const bool hadOwner = m_hasOwner;
@@ -371,7 +397,7 @@ void Play::observe(bool byDay)
     if (m_hasOwner && !hadOwner)
         m_ownerSince = m_time.wall();
     // A daemon that returns to a device that was unlocked before has not unlocked it.
-    m_judgement.observe(m_hasOwner && m_lockState == Unlocked, m_time.elapsed(), byDay || formerState == Unlocked);
+    m_judgement.observe(m_hasOwner && m_lockState == Unlocked, m_time.elapsed(), formerState == Unlocked);
 }
 
 QString Play::daemonState() const

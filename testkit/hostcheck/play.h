@@ -47,6 +47,8 @@ public:
     void answer(const QByteArray &method, const QByteArray &value);
     void emitSignal(const QByteArray &name, const QByteArray &args, const QByteArray &more = QByteArray());
     void setLock(int state);
+    /** The same, and nobody is told. */
+    void setLockUntold(int state);
     /** The device becomes Locked, and nobody is told: the host finds out within @p patience, by looking. */
     void lockUnheard(int patience);
     /** Kills the system bus of the world: from now on the daemon is away. */
@@ -139,7 +141,8 @@ private:
     bool mayHaveEnded(int status) const;
     int callCount(const QByteArray &method);
     void say(const QByteArray &text);
-    void observe(bool byDay = false);
+    void observe();
+    void changeState(int state, const QByteArray &json);
     bool until(const std::function<bool()> &condition, qint64 milliseconds);
     void turn(int milliseconds);
     void hear(const QByteArray &line);
@@ -147,6 +150,7 @@ private:
     void settleClaim();
     void closeHost();
     [[noreturn]] void failToUnlock();
+    [[noreturn]] void throwUselessness(const QString &finding);
     void awaitConnections();
     QString daemonState() const;
 
