@@ -129,6 +129,9 @@ void HostProcess::signal(int number) const
 
 void HostProcess::enter(const QByteArray &code)
 {
+    // Looked at before there is more to be read.
+    readsNothing();
+    m_hasCodes = true;
     const QByteArray line = "enter " + code + '\n';
     // reap() is where the end of a host is noticed.
     const ssize_t sent = send(m_probe, line.constData(), size_t(line.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -200,10 +203,12 @@ bool HostProcess::takeLine(QByteArray *line)
     return true;
 }
 
-bool HostProcess::hasUnreadCodes() const
+bool HostProcess::readsNothing()
 {
     int unread = 0;
-    return m_probe >= 0 && ioctl(m_probe, SIOCOUTQ, &unread) == 0 && unread > 0;
+    if (m_probe >= 0 && ioctl(m_probe, SIOCOUTQ, &unread) == 0 && m_hasCodes && unread == 0)
+        m_reads = true;
+    return m_hasCodes && !m_reads;
 }
 
 void HostProcess::drain()

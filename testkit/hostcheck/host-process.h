@@ -28,8 +28,8 @@ public:
     {
         return !m_input.isEmpty();
     }
-    /** Whether codes wait for it to read them. */
-    bool hasUnreadCodes() const;
+    /** Whether it has been given codes, and has not read any of them. */
+    bool readsNothing();
 
     bool hasEnded() const
     {
@@ -56,6 +56,8 @@ private:
     int m_output = -1;
     QByteArray m_input;
     qint64 m_logged = 0;
+    bool m_hasCodes = false;
+    bool m_reads = false;
     int m_lines = 0; ///< that it has told over the probe
     bool m_hasEnded = false;
     int m_status = 0;

@@ -12,9 +12,9 @@ const int VeryLong = 300000;
 // In which a host that retries by itself does so.
 const int Meanwhile = 45000;
 // For two looks, one every 30 seconds, the second of which waits for its answer; a client that is made while the system
-// bus is stuck waits for 50 seconds.
+// bus is stuck waits for 50 seconds, and a screen may make two of them.
 const int LookPatience = 75000;
-const int DeafPatience = 110000;
+const int DeafPatience = 150000;
 const int MostWrongCodes = 40;
 const int WrongCodesTime = 60000;
 

@@ -265,7 +265,7 @@ void Play::forgetEntries()
 
 void Play::unlock()
 {
-    if (!enterUntil(m_code, [this] { return isUnlocked(); }))
+    if (!isUnlocked() && !enterUntil(m_code, [this] { return isUnlocked(); }))
         failToUnlock();
 }
 
@@ -281,7 +281,7 @@ void Play::failToUnlock()
 
 void Play::throwUselessness(const QString &finding)
 {
-    if (m_process.hasUnreadCodes())
+    if (m_process.readsNothing())
         throwFinding(Rule::BadProbe, QStringLiteral("did not read from the probe"));
     throwFinding(Rule::NoUse, finding);
 }
