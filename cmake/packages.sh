@@ -5,7 +5,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkgconf qtbase5-dev libdbus-1-dev)
 STANDIN_PACKAGES=(libglib2.0-dev libjson-glib-dev dbus-daemon util-linux mount)
 SCREEN_PACKAGES=(qtdeclarative5-dev qml-module-qtqml-models2 qml-module-qtquick2 qml-module-qtquick-window2
     qml-module-qtquick-layouts qml-module-qtquick-controls2 fonts-dejavu-core)
-TEST_PACKAGES=("${SCREEN_PACKAGES[@]}" qml-module-qttest qtdeclarative5-dev-tools bats zsh)
+TEST_PACKAGES=("${SCREEN_PACKAGES[@]}" qml-module-qttest qtdeclarative5-dev-tools qml bats zsh)
 VALGRIND_PACKAGES=(valgrind)
 BENCHMARK_PACKAGES=(libsystemd-dev)
 LINT_PACKAGES=(clang clang-format-14 clang-tidy-14 clazy shellcheck)

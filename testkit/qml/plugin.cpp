@@ -1,5 +1,6 @@
 #include "auth-stand-in.h"
 #include "bus-round-trip.h"
+#include "probe.h"
 
 #include <QtQml/QJSEngine>
 #include <QtQml/qqml.h>
@@ -37,6 +38,8 @@ class VantoraAuthTestingPlugin : public QQmlExtensionPlugin
 public:
     void registerTypes(const char *uri) override
     {
+        Probe::takeDescriptor();
+        qmlRegisterType<Probe>(uri, 1, 0, "Probe");
         qmlRegisterType<StandIn>(uri, 1, 0, "StandIn");
     }
 };
