@@ -8,6 +8,8 @@ class ClientForEachAttempt : public Screen
 {
     void enter(const QString &code) override
     {
+        if (claimsUnlocked())
+            return;
         m_code = code;
         makeClient();
         // The new client says once that the device is locked, and the new follower follows it in that.
