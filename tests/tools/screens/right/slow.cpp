@@ -27,6 +27,16 @@ class Slow : public Screen
     {
         after(500, [this, state] { claim(state == AuthDevlockClient::Unlocked); });
     }
+
+    void handleLook(int state) override
+    {
+        if (state == AuthDevlockClient::Unlocked)
+            return;
+        after(500, [this] {
+            claim(false);
+            askAnew();
+        });
+    }
 };
 
 const Right<Slow> slow("slow");
