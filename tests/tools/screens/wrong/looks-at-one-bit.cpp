@@ -1,4 +1,4 @@
-// Reads the state as two flags: "locked", and "by the manager".
+// Reads the state as flags, of which the lowest is "locked".
 
 #include "../screen.h"
 

@@ -1,5 +1,4 @@
-// Counts the tries that are left in a byte without a sign, five a lockout, and asks for no code when the number is odd
-// to it.
+// Counts the tries that are left in an unsigned byte, and takes a number above the first for "no limit, no code".
 
 #include "../screen.h"
 

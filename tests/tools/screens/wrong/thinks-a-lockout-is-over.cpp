@@ -1,4 +1,4 @@
-// Shows a lockout for forty seconds at most, and what was there before after that: at first that is nothing.
+// Takes the page of a lockout away after forty seconds, as that is over by then, and shows nothing in its place.
 
 #include "../screen.h"
 
