@@ -1,6 +1,7 @@
 #include "host-process.h"
 
 #include "outcome.h"
+#include "proc.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -171,6 +172,17 @@ void HostProcess::reap()
 bool HostProcess::hasLeftProcesses()
 {
     return waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD;
+}
+
+void HostProcess::killLeftProcesses()
+{
+    const QByteArray parent = QByteArray::number(getpid());
+    forEachNumber("/proc", [&](int process) {
+        // After the name, which may hold anything, come the state and the parent.
+        const QByteArray stat = contents("/proc/" + QByteArray::number(process) + "/stat");
+        if (stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(1) == parent)
+            ::kill(process, SIGKILL);
+    });
 }
 
 void HostProcess::readProbe()

@@ -42,6 +42,8 @@ public:
     }
     /** Whether processes that it has started are still there. */
     static bool hasLeftProcesses();
+    /** Kills those that are, as a supervisor does with a service that it kills. */
+    static void killLeftProcesses();
     /** Drops what it has told and closes its probe. */
     void forget();
 

@@ -1,13 +1,10 @@
 #include "host-time.h"
 
-#include <QtCore/QByteArray>
+#include "proc.h"
+
 #include <QtCore/QList>
 
 #include <algorithm>
-#include <cstdlib>
-#include <dirent.h>
-#include <fcntl.h>
-#include <functional>
 #include <unistd.h>
 
 namespace {
@@ -15,29 +12,6 @@ namespace {
 // Reading what all threads have waited takes a millisecond.
 const qint64 SamplePause = 500;
 const double LeastShare = 1.0 / 16;
-
-QByteArray contents(const char *path)
-{
-    char buffer[4096];
-    const int file = open(path, O_RDONLY | O_CLOEXEC);
-    if (file < 0)
-        return QByteArray();
-    const ssize_t count = read(file, buffer, sizeof buffer);
-    close(file);
-    return count > 0 ? QByteArray(buffer, int(count)) : QByteArray();
-}
-
-void forEachNumber(const char *directory, const std::function<void(int)> &function)
-{
-    DIR *entries = opendir(directory);
-    if (!entries)
-        return;
-    while (const dirent *entry = readdir(entries)) {
-        if (const int number = atoi(entry->d_name))
-            function(number);
-    }
-    closedir(entries);
-}
 
 /** The time that other machines have taken away from this one. */
 qint64 stolen()
@@ -87,9 +61,9 @@ qint64 HostTime::waited()
     qint64 sum = 0;
     forEachNumber("/proc", [&](int process) {
         const QByteArray tasks = "/proc/" + QByteArray::number(process) + "/task";
-        forEachNumber(tasks.constData(), [&](int thread) {
+        forEachNumber(tasks, [&](int thread) {
             const QByteArray file = tasks + '/' + QByteArray::number(thread) + "/schedstat";
-            const qint64 wait = contents(file.constData()).split(' ').value(1).toLongLong();
+            const qint64 wait = contents(file).split(' ').value(1).toLongLong();
             waits.insert(thread, wait);
             sum += std::max(wait - m_waits.value(thread), qint64(0));
         });

@@ -338,6 +338,12 @@ void Play::kill()
     say("the host is killed");
     m_process.signal(SIGKILL);
     await([this] { return m_process.hasEnded(); }, Moment, Rule::NoEnd, QStringLiteral("did not end by SIGKILL"));
+    await(
+        [] {
+            HostProcess::killLeftProcesses();
+            return !HostProcess::hasLeftProcesses();
+        },
+        Moment, Rule::LeftProcesses, QStringLiteral("has processes that SIGKILL does not end"));
     m_judgement.forgetClaim();
     m_process.forget();
 }

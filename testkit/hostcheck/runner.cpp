@@ -1,11 +1,11 @@
 #include "runner.h"
 
 #include "play.h"
+#include "proc.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QEventLoop>
-#include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
@@ -63,12 +63,6 @@ Outcome playDay(const Day &day, int grace, const QString &code, const QStringLis
     } catch (const Outcome &outcome) {
         return outcome;
     }
-}
-
-QByteArray contents(const char *path)
-{
-    QFile file(QString::fromLatin1(path));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 /** How much of the processors is idle, from one look to the next. */
