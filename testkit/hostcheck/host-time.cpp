@@ -54,19 +54,24 @@ void HostTime::sample()
     m_sampledAt = now;
 }
 
-/** The nanoseconds that the threads of this world, which has a /proc of its own, have waited since the last call. */
+/**
+ * The nanoseconds that the processes of this world, which has a /proc of its own, have waited since the last call: what
+ * happens goes from one process to the next, while the threads of one wait side by side.
+ */
 qint64 HostTime::waited()
 {
     QHash<int, qint64> waits;
     qint64 sum = 0;
     forEachNumber("/proc", [&](int process) {
         const QByteArray tasks = "/proc/" + QByteArray::number(process) + "/task";
+        qint64 longest = 0;
         forEachNumber(tasks, [&](int thread) {
             const QByteArray file = tasks + '/' + QByteArray::number(thread) + "/schedstat";
             const qint64 wait = contents(file).split(' ').value(1).toLongLong();
             waits.insert(thread, wait);
-            sum += std::max(wait - m_waits.value(thread), qint64(0));
+            longest = std::max(longest, wait - m_waits.value(thread));
         });
+        sum += longest;
     });
     m_waits = waits;
     return sum;

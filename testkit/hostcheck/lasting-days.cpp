@@ -77,8 +77,10 @@ Action unheard(
     int patience, const Action &besides, const Action &later = [](Play &) {})
 {
     return [=](Play &play) {
-        play.start();
+        // A first question that is still on its way would be answered by silence, as if the host had looked.
+        play.startIdle();
         play.unlock();
+        play.quiet();
         play.lockUnheard(patience);
         besides(play);
         play.awaitLook();
