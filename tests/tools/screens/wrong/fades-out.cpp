@@ -1,4 +1,4 @@
-// Lets the desk fade for two seconds.
+// Lets the desk fade for three seconds.
 
 #include "../screen.h"
 
@@ -11,10 +11,10 @@ class FadesOut : public Screen
         if (state == AuthDevlockClient::Unlocked)
             claim(true);
         else
-            after(2000, [this] { claim(this->state() == AuthDevlockClient::Unlocked); });
+            after(3000, [this] { claim(this->state() == AuthDevlockClient::Unlocked); });
     }
 };
 
-const Wrong<FadesOut> fadesOut("fades-out", "locked-long,ordinary", "stale-claim");
+const Wrong<FadesOut> fadesOut("fades-out", "ordinary,announces-*", "stale-claim");
 
 } // namespace
