@@ -3,5 +3,9 @@ BEGIN { print "#pragma once" >output }
 /^#### [a-z-]+$/ {
     name = toupper($2)
     gsub("-", "_", name)
-    print "#define CURE_" name " " NR >output
+}
+# The cure is the first example below the rule's heading.
+/^```[a-z]+$/ && name {
+    print "#define CURE_" name " " NR + 1 >output
+    name = ""
 }

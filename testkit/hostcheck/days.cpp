@@ -180,19 +180,6 @@ void ordinary(Play &play)
     play.lock();
 }
 
-/** The host is started again, as its supervisor would; the device has been locked meanwhile. */
-void startedAgain(Play &play, const std::function<void()> &end)
-{
-    play.start();
-    play.unlock();
-    end();
-    play.setLock(Locked);
-    play.start();
-    play.leaveAlone(5000);
-    play.usable();
-    play.lock();
-}
-
 void wrongCodesLockOut(Play &play)
 {
     play.start();
@@ -318,11 +305,6 @@ std::vector<Day> makeDays()
     const QByteArray handoverKeepingOld = R"({"do":"handover","keep-old":true})";
 
     add("ordinary", "a wrong code, the right one, a locking, the right one", ordinary);
-    add("started-again", "locks while the host, which is ended and started again, is not there",
-        [](Play &play) { startedAgain(play, [&play] { play.end(); }); });
-    add("killed", "the same with a host that is killed",
-        [](Play &play) { startedAgain(play, [&play] { play.kill(); }); });
-
     for (const Call &call : calls)
         add("crash-" + call.name, "dies at " + title(call) + ", returns later", goesAt(call.method, call.nth, "crash"));
     for (const Call &call : calls)
@@ -395,7 +377,9 @@ std::vector<Day> makeDays()
         addAnswers(method, {{"error", ""}, {"text", "('code',)"}, {"number", "(1,)"}, {"empty", "()"}});
 
     add("restart-idle", "restarts while the device is locked", idles(asks(restart)));
-    add("restart-announced", "the same, and announces the state, which it need not", idles([=](Play &play) {
+    add("restart-in-use", "restarts while the device is in use", loses(asks(restart)));
+    add("restart-announced", "restarts while the device is locked, and announces the state, which it need not",
+        idles([=](Play &play) {
             play.daemon(restart);
             play.setLock(Locked);
         }));

@@ -28,6 +28,11 @@ public:
     {
         return !m_input.isEmpty();
     }
+    /** Whether its end of the probe is open. */
+    bool hasProbe() const
+    {
+        return m_probe >= 0;
+    }
     /** Whether it has been given codes, and has not read any of them. */
     bool readsNothing();
 

@@ -13,11 +13,11 @@ namespace {
 const qint64 SamplePause = 500;
 const double LeastShare = 1.0 / 16;
 
-/** The time that other machines have taken away from this one. */
+/** The time that other machines have taken away from each processor of this one. */
 qint64 stolen()
 {
     const QList<QByteArray> fields = contents("/proc/stat").split('\n').value(0).simplified().split(' ');
-    return fields.value(8).toLongLong() * 1000 / sysconf(_SC_CLK_TCK);
+    return fields.value(8).toLongLong() * 1000 / sysconf(_SC_CLK_TCK) / sysconf(_SC_NPROCESSORS_ONLN);
 }
 
 } // namespace

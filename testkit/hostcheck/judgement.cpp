@@ -2,6 +2,8 @@
 
 #include "outcome.h"
 
+#include <algorithm>
+
 namespace {
 
 // A host that speaks of a time that is over has gone on since: what has ended that time is the next thing it hears.
@@ -16,10 +18,10 @@ void Judgement::observe(bool isUnlocked, qint64 now, bool byDay)
         return;
     if (isUnlocked && !isFirst && !byDay && m_entries == 0)
         throwFinding(Rule::OpensByItself,
-                     QStringLiteral("unlocked the device, and nobody had entered a code since it was locked"));
+                     QStringLiteral("unlocked the device, and nobody had entered a right code since it was locked"));
     // Of several entries a slow host may still hold one.
     if (isUnlocked)
-        m_lateClaim = -1;
+        m_end = -1;
     else
         m_entries = m_entries > 1 ? 1 : 0;
     m_truth.append({isUnlocked, now});
@@ -28,28 +30,30 @@ void Judgement::observe(bool isUnlocked, qint64 now, bool byDay)
 void Judgement::begin()
 {
     m_seen = m_truth.size() - 1;
-    m_lateClaim = -1;
+    m_end = -1;
     forgetClaim();
 }
 
 void Judgement::claim(bool isUnlocked, qint64 now, const QString &daemonState)
 {
+    // What the host repeats does not give it more time.
+    const qint64 end = isClaimOpen() ? std::min(this->end(), now + Reaction) : now + Reaction;
     m_claimsUnlocked = isUnlocked;
-    m_lateClaim = -1;
+    m_end = -1;
     if (!isUnlocked) {
         if (m_truth.at(m_seen).isUnlocked && m_seen + 1 < m_truth.size())
             ++m_seen;
         return;
     }
     // The host may be late. Its claim is about one of the times in which the daemon was Unlocked: the first one that no
-    // earlier claim was later than, and that has not been over for longer than the grace.
+    // earlier claim was later than, and that has not been over for longer than a grace for each change since.
     for (int i = m_seen; i < m_truth.size(); ++i) {
-        const bool isOver = i + 1 < m_truth.size();
-        if (!m_truth.at(i).isUnlocked || (isOver && now - m_truth.at(i + 1).since > m_grace))
+        const int changes = m_truth.size() - 1 - i;
+        if (!m_truth.at(i).isUnlocked || (changes > 0 && now - m_truth.at(i + 1).since > qint64(m_grace) * changes))
             continue;
         m_seen = i;
         if (!this->isUnlocked())
-            m_lateClaim = now;
+            m_end = end;
         return;
     }
     throwFinding(Rule::FalseClaim, QStringLiteral("claimed to be unlocked while the daemon was ") + daemonState);
@@ -57,7 +61,7 @@ void Judgement::claim(bool isUnlocked, qint64 now, const QString &daemonState)
 
 qint64 Judgement::end() const
 {
-    return m_lateClaim < 0 ? m_truth.last().since + m_grace : m_lateClaim + Reaction;
+    return m_end < 0 ? m_truth.last().since + m_grace : m_end;
 }
 
 void Judgement::check(qint64 now, const QString &daemonState) const

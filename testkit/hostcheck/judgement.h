@@ -30,7 +30,7 @@ public:
     void observe(bool isUnlocked, qint64 now, bool byDay);
     /** A host has been started: what it claims is about what is true from now on. */
     void begin();
-    /** The user has entered a code. */
+    /** The user has entered a right code. */
     void enter()
     {
         ++m_entries;
@@ -52,7 +52,7 @@ public:
     {
         return m_claimsUnlocked && !isUnlocked();
     }
-    /** When the claim that stands has to have been taken back. */
+    /** When the claim that stands, and is not true, has to have been taken back. */
     qint64 end() const;
     /** Throws when it is over. */
     void check(qint64 now, const QString &daemonState) const;
@@ -77,6 +77,6 @@ private:
     QVector<Truth> m_truth;
     int m_seen = 0; ///< the earliest time in m_truth that the host may still speak of
     bool m_claimsUnlocked = false;
-    qint64 m_lateClaim = -1; ///< when the claim that stands was made, if that was about a time that was over
-    int m_entries = 0;       ///< since the device was locked
+    qint64 m_end = -1; ///< when the claim that stands has to have been taken back, if it is about a time that is over
+    int m_entries = 0; ///< of right codes, since the device was locked
 };

@@ -8,7 +8,7 @@ using Action = std::function<void(Play &play)>;
 
 // Longer than a screen would put its user off that "opens rather than shut the user out".
 const int Long = 64000;
-const int VeryLong = 300000;
+const int VeryLong = 330000;
 // In which a host that retries by itself does so.
 const int Meanwhile = 45000;
 // For two looks, one every 30 seconds, the second of which waits for its answer; a client that is made while the system
@@ -16,7 +16,7 @@ const int Meanwhile = 45000;
 const int LookPatience = 75000;
 const int DeafPatience = 150000;
 const int MostWrongCodes = 40;
-const int WrongCodesTime = 60000;
+const int WrongCodesTime = 70000;
 
 constexpr char stop[] = R"({"do":"stop"})";
 constexpr char start[] = R"({"do":"start"})";
@@ -117,6 +117,9 @@ void enterWrongly(Play &play, const QByteArray &code)
 void manyWrongCodes(Play &play)
 {
     play.start();
+    play.unlock();
+    play.lock();
+    play.forgetEntries();
     const qint64 begin = play.elapsed();
     enterWrongly(play, QByteArray());
     enterWrongly(play, QByteArray(300, '7'));
@@ -128,6 +131,9 @@ void manyWrongCodes(Play &play)
 void wrongCodesStartedAgain(Play &play)
 {
     play.start();
+    play.unlock();
+    play.lock();
+    play.forgetEntries();
     const qint64 begin = play.elapsed();
     for (int i = 1; i <= 24 && play.elapsed() - begin < WrongCodesTime; ++i) {
         enterWrongly(play, play.wrongCode());
@@ -148,6 +154,7 @@ void awayLocked(Play &play)
     play.awaitLocked();
     play.setLockUntold(Locked);
     play.leaveAlone(15000);
+    play.forgetEntries();
     play.daemon(start);
     play.leaveAlone(Meanwhile);
     play.usable();
@@ -158,8 +165,27 @@ void lockedForLong(Play &play, int milliseconds)
     play.start();
     play.unlock();
     play.lock();
+    play.forgetEntries();
     play.leaveAlone(milliseconds);
     play.usable();
+}
+
+/** The host is started again, as its supervisor would; the device has been locked meanwhile. */
+Action startedAgain(const Action &end, bool isMute = false)
+{
+    return [=](Play &play) {
+        play.start();
+        play.unlock();
+        end(play);
+        play.setLock(Locked);
+        play.forgetEntries();
+        if (isMute)
+            play.misbehave("*", "mute");
+        play.start();
+        play.leaveAlone(Meanwhile);
+        play.usable();
+        play.lock();
+    };
 }
 
 // Code entry is locked for a time that the scenario gives; it begins anew when the manager's lockout has come between.
@@ -242,6 +268,12 @@ std::vector<Day> lastingDays()
         [](Play &play) { lockedForLong(play, Long); });
     days.push_back({"locked-very-long", "the same for five minutes", [](Play &play) { lockedForLong(play, VeryLong); },
                     Day::Lasts, Day::WithBus, true});
+
+    add("started-again", "locks while the host, which is ended and started again, is not there",
+        startedAgain([](Play &play) { play.end(); }));
+    add("killed", "the same with a host that is killed", startedAgain([](Play &play) { play.kill(); }));
+    add("started-again-mute", "the same as started-again, and answers no call for a while",
+        startedAgain([](Play &play) { play.end(); }, true));
 
     add("wrong-codes-many", "takes forty wrong codes, and locks code entry now and then", manyWrongCodes);
     add("wrong-codes-started-again", "the same while the host is started again and again", wrongCodesStartedAgain);

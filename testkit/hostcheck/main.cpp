@@ -129,6 +129,8 @@ Options readOptions(const QCommandLineParser &parser)
     if (check.grace < 0)
         return fail(QStringLiteral("--grace wants seconds, from 0 to 60"));
     check.code = given("code", QStringLiteral("1234"));
+    if (check.code.contains(QLatin1Char('\n')))
+        return fail(QStringLiteral("--code wants a single line"));
     check.scenario = given("scenario");
     check.logs = given("logs");
     options.junit = given("junit");

@@ -15,6 +15,7 @@ const int Moment = 5000;
 const int Quiet = 1000;
 const int EntryPause = 2000;
 const int OutcomeTime = 100;
+const int EntryTime = 3000;
 const int Tick = 20;
 const int SlowTick = 200;
 
@@ -149,7 +150,8 @@ void Play::enter(const QByteArray &code)
     observe();
     // A host that makes its client now finds no socket, and the library ends it.
     m_enteredWhileAway = m_enteredWhileAway || !m_hasOwner;
-    m_judgement.enter();
+    if (code == m_code)
+        m_judgement.enter();
     m_process.enter(code);
 }
 
@@ -163,9 +165,8 @@ void Play::enterOnce(const QByteArray &code)
 
 QByteArray Play::wrongCode() const
 {
-    QByteArray code = m_code;
-    code[code.size() - 1] = code.endsWith('0') ? '1' : '0';
-    return code;
+    const QString code = QString::fromUtf8(m_code);
+    return code.chopped(1).toUtf8() + (code.endsWith(QLatin1Char('0')) ? '1' : '0');
 }
 
 bool Play::enterUntil(const QByteArray &code, const std::function<bool()> &condition)
@@ -260,6 +261,10 @@ void Play::awaitEnd()
 
 void Play::forgetEntries()
 {
+    // A slow host may hold one that was made twice.
+    leaveAlone(EntryTime);
+    if (isDaemonUnlocked())
+        lock();
     m_judgement.forgetEntries();
 }
 
@@ -281,6 +286,8 @@ void Play::failToUnlock()
 
 void Play::throwUselessness(const QString &finding)
 {
+    if (!m_process.hasProbe())
+        throwFinding(Rule::BadProbe, QStringLiteral("has closed the probe"));
     if (m_process.readsNothing())
         throwFinding(Rule::BadProbe, QStringLiteral("did not read from the probe"));
     throwFinding(Rule::NoUse, finding);

@@ -108,7 +108,7 @@ public:
         qint64 milliseconds, const std::function<void()> &each = [] {});
     /** Gives a host that may end the time to do so. */
     void awaitEnd();
-    /** The codes up to now are no reason for an unlocking any more. */
+    /** The codes up to now have had their time, and are no reason for an unlocking any more. */
     void forgetEntries();
     /** How long the host has been played with. */
     qint64 elapsed()

@@ -20,7 +20,7 @@ const RuleText &textOf(Rule rule)
         {"false-claim", "a screen claims to be unlocked only while the daemon is there and says so", CURE_FALSE_CLAIM},
         {"stale-claim", "a screen takes its claim back as soon as it can know that it is not true any more",
          CURE_STALE_CLAIM},
-        {"opens-by-itself", "nothing unlocks the device unless somebody has entered a code since it was locked",
+        {"opens-by-itself", "nothing unlocks the device unless somebody has entered a right code since it was locked",
          CURE_OPENS_BY_ITSELF},
         {"ends", "a screen stays up, except where the library itself ends the process with status 1", CURE_ENDS},
         {"no-use", "when the daemon is well again, a right code unlocks, and nobody helps but the user", CURE_NO_USE},

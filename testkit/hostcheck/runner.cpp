@@ -26,10 +26,11 @@
 namespace {
 
 // A call that is not answered holds a host up for 25 seconds. What waits takes no processor, except to start.
-const int MostWaiting = 12;
+const int MostWaiting = 24;
 const int MostWorlds = 64;
 const qint64 LeastMemory = 512; // MiB
 const int LoadPause = 100;      // milliseconds
+const int KillPause = 10000;
 const double EnoughIdle = 0.15;
 
 Patience patienceOf(Day::Pace pace, int grace)
@@ -94,7 +95,7 @@ qint64 availableMemory()
         if (line.startsWith("MemAvailable:"))
             return line.simplified().split(' ').value(1).toLongLong() / 1024;
     }
-    return LeastMemory;
+    return LeastMemory + 1;
 }
 
 /** What is to end a process that has not been told to ignore it, as nohup does. */
@@ -145,11 +146,15 @@ public:
             interruption.setEnabled(false);
             for (QProcess *world : qAsConst(m_worlds))
                 world->terminate();
+            QTimer::singleShot(KillPause, &m_loop, [this] {
+                for (QProcess *world : qAsConst(m_worlds))
+                    world->kill();
+            });
         });
         QTimer timer;
         QObject::connect(&timer, &QTimer::timeout, &m_loop, [this] { startMore(); });
 
-        const Day *first = m_check.days.front();
+        const Day *first = firstDay();
         m_quick.erase(std::remove(m_quick.begin(), m_quick.end(), first), m_quick.end());
         m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), first), m_waiting.end());
         m_isFirst = true;
@@ -167,6 +172,16 @@ public:
     }
 
 private:
+    /** The day that shows whether there is something to be checked: the plainest, and over soon. */
+    const Day *firstDay() const
+    {
+        const auto &days = m_check.days;
+        const auto ordinary = std::find(days.begin(), days.end(), findDay("ordinary"));
+        if (ordinary != days.end())
+            return *ordinary;
+        return m_quick.empty() ? days.front() : m_quick.front();
+    }
+
     static int lengthOf(const Day *day)
     {
         return day->pace + (day->isThorough ? Day::Lasts : 0);
@@ -259,9 +274,11 @@ private:
     /** Why the other days would show nothing either; empty if they may. */
     static QString problemOf(const Outcome &outcome)
     {
-        if (outcome.rule == Rule::NoClaim) {
+        if (outcome.rule == Rule::Ends && outcome.text.endsWith(QLatin1String(" before it was up")))
+            return QStringLiteral("the host ends before it tells anything; what is shown above says why");
+        if (outcome.rule == Rule::NoClaim || outcome.rule == Rule::BadProbe) {
             return QStringLiteral(
-                       "the host tells nothing. It has to write \"locked\" or \"unlocked\" to the socket whose "
+                       "the host cannot be understood. It has to write \"locked\" or \"unlocked\" to the socket whose "
                        "descriptor\nthe environment variable AUTHD_HOSTCHECK_FD names: the probe, a few lines in "
                        "C++, QML, Python or shell.\nThe recipe is in %1")
                 .arg(cureOf(Rule::NoClaim));

@@ -66,6 +66,8 @@ deep_json()
     for _ in 1 2; do
         ends_with 0 '^kept none none /run/runtime$' bash -c '"$1" --no-bus --private-files -- sh -c "$inner" 2>&1 | tr "\n" " " | sed "s/ $//"' - "$W"
     done
+    ends_with 0 '' env -C "$HOME" "$W" --no-bus --private-files -- sh -c 'touch relative /dev/shm/$name /run/lock/x'
+    [ ! -e "$HOME/relative" ] && [ ! -e "/dev/shm/$name" ]
     [ "$(cd "$HOME" && cat file gone kept && ls | wc -l)" = "$(printf 'file\ngone\nkept\n3')" ]
     [ ! -e "/tmp/$name" ] && [ ! -e "/var/tmp/$name" ]
     for home in / /nowhere ''; do
