@@ -91,7 +91,8 @@ private:
 /** In MiB; much where the system does not tell. */
 qint64 availableMemory()
 {
-    for (const QByteArray &line : contents("/proc/meminfo").split('\n')) {
+    const QList<QByteArray> lines = contents("/proc/meminfo").split('\n');
+    for (const QByteArray &line : lines) {
         if (line.startsWith("MemAvailable:"))
             return line.simplified().split(' ').value(1).toLongLong() / 1024;
     }

@@ -68,7 +68,7 @@ deep_json()
     done
     ends_with 0 '' env -C "$HOME" "$W" --no-bus --private-files -- sh -c 'touch relative /dev/shm/$name /run/lock/x'
     [ ! -e "$HOME/relative" ] && [ ! -e "/dev/shm/$name" ]
-    [ "$(cd "$HOME" && cat file gone kept && ls | wc -l)" = "$(printf 'file\ngone\nkept\n3')" ]
+    [ "$(cd "$HOME" && cat file gone kept && printf '%s\n' * | wc -l)" = "$(printf 'file\ngone\nkept\n3')" ]
     [ ! -e "/tmp/$name" ] && [ ! -e "/var/tmp/$name" ]
     for home in / /nowhere ''; do
         ends_with 0 '^/run/home$' env HOME="$home" "$W" --no-bus --private-files -- sh -c 'touch "$HOME/x" && echo "$HOME"'
