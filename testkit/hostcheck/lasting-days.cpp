@@ -9,6 +9,7 @@ using Action = std::function<void(Play &play)>;
 // Longer than a screen would put its user off that "opens rather than shut the user out".
 const int Long = 64000;
 const int VeryLong = 330000;
+const int LateTime = 5000;
 // In which a host that retries by itself does so.
 const int Meanwhile = 45000;
 // For two looks, one every 30 seconds, the second of which waits for its answer; a client that is made while the system
@@ -105,6 +106,22 @@ Action retries(const Action &begin)
         play.leaveAlone(Long);
         play.usable();
     };
+}
+
+/** The outcome of a code comes when the device has been locked once more, and the user has gone. */
+void takesLate(Play &play)
+{
+    play.misbehave("Authenticate", "hold");
+    play.start();
+    play.reach("Authenticate");
+    play.setLock(ManagerLockout);
+    play.daemon(R"({"do":"behave"})");
+    play.forgetEntries();
+    play.setLock(Locked);
+    play.quiet();
+    play.daemon(R"({"do":"release"})");
+    play.leaveAlone(LateTime);
+    play.usable();
 }
 
 void enterWrongly(Play &play, const QByteArray &code)
@@ -282,6 +299,9 @@ std::vector<Day> lastingDays()
         retries(goes("Authenticate", "reply", "(false,)")));
     add("retries-error", "answers the right code with an error, and the device is locked once more",
         retries(goes("Authenticate", "error")));
+    // Many a screen that is right otherwise takes every token for one that it has asked for.
+    days.push_back({"retries-late", "takes the right code when the device has been locked once more", takesLate,
+                    Day::Lasts, Day::WithBus, true});
     add("retries-mute", "does not answer the right code, and the device is locked once more",
         retries(goes("Authenticate", "mute")));
     return days;

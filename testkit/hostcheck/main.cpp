@@ -62,7 +62,7 @@ void addOptions(QCommandLineParser *parser)
         parser->addOption(option);
     };
     add("day", "pattern", "Plays these days alone; * stands for any text (may be given several times).");
-    add("thorough", "", "Plays the days that last for minutes, too.");
+    add("thorough", "", "Plays the days of minutes, and of rare chances, too.");
     add("list", "", "Prints the days.");
     add("grace", "seconds", "A host may know for so long that it is locked before it says so (default: 1.5).");
     add("code", "code", "A right code of the default factor (default: 1234).");
@@ -110,7 +110,7 @@ Options readOptions(const QCommandLineParser &parser)
         if (days.empty())
             return fail(QStringLiteral("there is no day %1 (see --list)").arg(pattern));
         for (const Day *day : days) {
-            // A day that lasts for minutes is played when it is meant.
+            // Such a day is played when it is meant.
             if (day->isThorough && !thorough && QString::fromUtf8(day->name) != pattern)
                 ++check.leftOut;
             else if (std::find(check.days.begin(), check.days.end(), day) == check.days.end())
@@ -118,7 +118,7 @@ Options readOptions(const QCommandLineParser &parser)
         }
     }
     if (check.days.empty())
-        return fail(QStringLiteral("these days last for minutes; they want --thorough"));
+        return fail(QStringLiteral("these days want --thorough"));
     const auto given = [&parser](const char *name, const QString &otherwise = QString()) {
         return parser.isSet(QLatin1String(name)) ? parser.value(QLatin1String(name)) : otherwise;
     };

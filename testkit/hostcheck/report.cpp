@@ -87,9 +87,9 @@ void Report::finish(const Costs &costs)
         printf(", %d not played", unplayed);
     puts("");
     if (m_check.leftOut == 1)
-        puts("1 day that lasts for minutes was left out; --thorough plays it");
+        puts("1 day was left out; --thorough plays it");
     else if (m_check.leftOut > 0)
-        printf("%d days that last for minutes were left out; --thorough plays them\n", m_check.leftOut);
+        printf("%d days were left out; --thorough plays them\n", m_check.leftOut);
     printf("%.1f s, at most %d %s at once, %.1f s of processor time, %ld MiB for the largest process\n", costs.seconds,
            costs.mostAtOnce, costs.mostAtOnce == 1 ? "day" : "days", costs.processorSeconds, costs.largestProcess);
     fflush(stdout);
