@@ -1,0 +1,47 @@
+#pragma once
+
+#include "channel.h"
+
+#include <AuthClient>
+#include <AuthDevlockClient>
+
+/**
+ * Has the daemon judge one secret, and unlocks the device with the token if that is wanted.
+ *
+ * The daemon answers a connection and does not say which request it means, so each secret has an agent of its own.
+ */
+class Judge : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** Connects to the daemon: blocks, and ends the process where the daemon cannot be reached. */
+    explicit Judge(Channel *channel);
+
+    /** Only the first one counts. */
+    void ask(AuthScreens::Wire::Attempt *attempt);
+
+private:
+    void begin();
+    void handleToken(const QVariant &token);
+    void handleDiscredit();
+    void conclude();
+    void finish(AuthScreens::Wire::Result result);
+
+    enum Stage {
+        Idle,
+        Waiting,
+        Asked,
+        Failed,
+        Finished,
+    };
+
+    Channel *const m_channel;
+    Stage m_stage = Idle;
+    AuthClient m_client;
+    // Made after the client, and so the last to hear of a state: a new client discredits once on a locked device, and
+    // what it says after that is about the request.
+    AuthDevlockClient m_devlock;
+    bool m_isSettled = false;
+    AuthScreens::Wire::Attempt m_attempt;
+};
