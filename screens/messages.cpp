@@ -16,8 +16,7 @@ constexpr int Reserved = SizeBytes + MaxSize;
 // The most elements that a list may have.
 constexpr quint32 MaxElements = 1024;
 
-template<typename Number>
-void append(QByteArray &data, Number value)
+template <typename Number> void append(QByteArray &data, Number value)
 {
     char bytes[sizeof value];
     qToLittleEndian(value, bytes);

@@ -59,8 +59,7 @@ struct Follow
     static constexpr Kind kind = Kind::Follow;
     quint32 epoch = 0;
 
-    template<typename Visitor>
-    void visit(Visitor &fields)
+    template <typename Visitor> void visit(Visitor &fields)
     {
         fields(epoch);
     }
@@ -71,8 +70,7 @@ struct Prepare
 {
     static constexpr Kind kind = Kind::Prepare;
 
-    template<typename Visitor>
-    void visit(Visitor &)
+    template <typename Visitor> void visit(Visitor &)
     {
     }
 };
@@ -88,8 +86,7 @@ struct Attempt
     quint32 uid = 0;    ///< 0 leaves the choice to the daemon.
     bool unlocks = false;
 
-    template<typename Visitor>
-    void visit(Visitor &fields)
+    template <typename Visitor> void visit(Visitor &fields)
     {
         fields(service);
         fields(factor);
@@ -105,8 +102,7 @@ struct Lock
 {
     static constexpr Kind kind = Kind::Lock;
 
-    template<typename Visitor>
-    void visit(Visitor &)
+    template <typename Visitor> void visit(Visitor &)
     {
     }
 };
@@ -122,8 +118,7 @@ struct State
     quint64 time = 0;
     qint32 state = NothingYet;
 
-    template<typename Visitor>
-    void visit(Visitor &fields)
+    template <typename Visitor> void visit(Visitor &fields)
     {
         fields(epoch);
         fields(time);
@@ -136,8 +131,7 @@ struct Ready
 {
     static constexpr Kind kind = Kind::Ready;
 
-    template<typename Visitor>
-    void visit(Visitor &)
+    template <typename Visitor> void visit(Visitor &)
     {
     }
 };
@@ -148,8 +142,7 @@ struct Outcome
     static constexpr Kind kind = Kind::Outcome;
     Result result = Result::Done;
 
-    template<typename Visitor>
-    void visit(Visitor &fields)
+    template <typename Visitor> void visit(Visitor &fields)
     {
         fields(result);
     }
@@ -160,8 +153,7 @@ struct Gone
 {
     static constexpr Kind kind = Kind::Gone;
 
-    template<typename Visitor>
-    void visit(Visitor &)
+    template <typename Visitor> void visit(Visitor &)
     {
     }
 };
@@ -232,8 +224,7 @@ private:
     bool m_isGood = true;
 };
 
-template<typename Message>
-QByteArray encode(Message message, quint32 serial)
+template <typename Message> QByteArray encode(Message message, quint32 serial)
 {
     Encoder encoder(Message::kind);
     message.visit(encoder);
@@ -241,8 +232,7 @@ QByteArray encode(Message message, quint32 serial)
 }
 
 /** False when @p frame is of another kind or malformed; @p message is undefined then. */
-template<typename Message>
-bool decode(const Frame &frame, Message &message)
+template <typename Message> bool decode(const Frame &frame, Message &message)
 {
     Decoder decoder(frame.fields);
     message.visit(decoder);

@@ -14,7 +14,7 @@ enum Reason {
     NotGranted = 1,  ///< The daemon has accepted the secret, and the device is still locked.
     NotSendable = 2, ///< The secret is empty or too long, or has half a character. The daemon has not seen it.
     Unavailable = 3, ///< The daemon is away, or nobody knows the state of the device.
-    LockedOut = 4,   ///< Nobody can authenticate for now: too many wrong codes, or a device manager has locked the device.
+    LockedOut = 4,   ///< Nobody can authenticate for now: too many wrong codes, or a device manager's lockout.
     NoAnswer = 5,    ///< There has been no answer for too long.
     Interrupted = 6, ///< The agent has ended, or cannot be trusted. Trying again helps.
     GivenUp = 7,     ///< giveUp() has been called, or something else has been asked for.

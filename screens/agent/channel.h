@@ -16,8 +16,7 @@ class Channel : public QObject
 public:
     explicit Channel(int descriptor);
 
-    template<typename Message>
-    void send(const Message &message)
+    template <typename Message> void send(const Message &message)
     {
         sendFrame(AuthScreens::Wire::encode(message, m_serial++));
     }

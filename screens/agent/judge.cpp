@@ -11,13 +11,20 @@ Judge::Judge(Channel *channel)
 {
     connect(&m_client, &AuthClient::authenticatedChanged, this, &Judge::handleToken);
     connect(&m_client, &AuthClient::discredit, this, &Judge::handleDiscredit);
-    connect(&m_devlock, &AuthDevlockClient::stateChanged, this, [this] {
-        if (m_isSettled)
-            return;
-        m_isSettled = true;
-        m_channel->send(Wire::Ready());
-        begin();
-    });
+    connect(&m_devlock, &AuthDevlockClient::stateChanged, this, &Judge::settle);
+}
+
+// Both clients ask for the state. QDBusPendingCallWatcher of Qt 5.15 tells of an answer that comes while the watcher is being
+// made after one that comes then.
+void Judge::settle()
+{
+    const int state = m_devlock.state();
+    if (m_isSettled || state == AuthDevlockClient::Undefined
+        || (state == AuthDevlockClient::Locked && !m_isDiscredited))
+        return;
+    m_isSettled = true;
+    m_channel->send(Wire::Ready());
+    begin();
 }
 
 void Judge::ask(Wire::Attempt *attempt)
@@ -75,10 +82,14 @@ void Judge::handleToken(const QVariant &token)
         finish(Wire::Result::Done);
 }
 
-// A client that hears of a locking, or that the daemon has gone, says the same as of a secret that was not accepted.
-// The two clients here hear of that in one turn of the event loop.
+// AuthClient says the same of a locking, and of the daemon's loss, as of a secret that was not accepted. The two clients here hear of that in one turn of the event loop.
 void Judge::handleDiscredit()
 {
+    if (m_stage < Asked) {
+        m_isDiscredited = true;
+        settle();
+        return;
+    }
     if (m_stage != Asked)
         return;
     m_stage = Failed;

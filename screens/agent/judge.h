@@ -22,6 +22,7 @@ public:
     void ask(AuthScreens::Wire::Attempt *attempt);
 
 private:
+    void settle();
     void begin();
     void handleToken(const QVariant &token);
     void handleDiscredit();
@@ -39,9 +40,9 @@ private:
     Channel *const m_channel;
     Stage m_stage = Idle;
     AuthClient m_client;
-    // Made after the client, and so the last to hear of a state: a new client discredits once on a locked device, and
-    // what it says after that is about the request.
     AuthDevlockClient m_devlock;
+    // A new AuthClient discredits once on a locked device. What it says after that is about the request.
+    bool m_isDiscredited = false;
     bool m_isSettled = false;
     AuthScreens::Wire::Attempt m_attempt;
 };

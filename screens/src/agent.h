@@ -26,8 +26,7 @@ public:
     explicit Agent(QObject *parent = nullptr);
     ~Agent() override;
 
-    template<typename Message>
-    void send(const Message &message)
+    template <typename Message> void send(const Message &message)
     {
         sendFrame(Wire::encode(message, m_serial++));
     }

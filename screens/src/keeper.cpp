@@ -149,8 +149,8 @@ void Keeper::launch(Child &child)
     std::string name = child.program.substr(child.program.rfind('/') + 1);
     char *const arguments[] = {&name[0], nullptr};
     pid_t pid = 0;
-    const int error = posix_spawn(&pid, child.program.c_str(), &actions, &attributes, arguments,
-                                  pointers(child.environment).data());
+    const int error =
+        posix_spawn(&pid, child.program.c_str(), &actions, &attributes, arguments, pointers(child.environment).data());
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {

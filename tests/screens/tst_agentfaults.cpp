@@ -136,10 +136,9 @@ void TestAgentFaults::agentsGoWrong_data()
         {"outcome", Wire::Kind::Outcome, 1},
     };
     for (const auto &message : messages) {
-        for (const char *fault :
-             {"killed", "killed after it", "ended", "stopped", "stopped after it", "truncated", "shortened", "doubled",
-              "left out", "delayed", "long", "padded", "of another version", "of another kind",
-              "from a second agent"}) {
+        for (const char *fault : {"killed", "killed after it", "ended", "stopped", "stopped after it", "truncated",
+                                  "shortened", "doubled", "left out", "delayed", "long", "padded", "of another version",
+                                  "of another kind", "from a second agent"}) {
             QTest::addRow("%s %s", message.name, fault)
                 << QByteArray(fault) << int(message.kind) << message.count << false;
         }
@@ -171,14 +170,21 @@ void TestAgentFaults::agentsGoWrong()
     QVERIFY2(lock.heard.contains("Unlocked"_s), qPrintable(outcomes.join(QLatin1Char(' '))));
     QVERIFY2(!outcomes.contains("NotAccepted"_s), qPrintable(outcomes.join(QLatin1Char(' '))));
 
-    // The message may be one that comes later.
+    // The message may be one that comes later, or the device may have been unlocked before it got through.
+    const auto isDone = [this] { return QFile::exists(m_folder->filePath("done"_s)); };
     QTimer look;
     look.start(5);
-    QVERIFY(waitFor([this] { return QFile::exists(m_folder->filePath("done"_s)); }));
+    if (Wire::Kind(kind) == Wire::Kind::State)
+        QVERIFY(waitFor(isDone));
     QVERIFY(waitFor([&lock] { return lock.unlocked(); }));
-    daemon.lock();
-    QVERIFY(waitFor([&lock] { return lock.state() == DeviceLock::Locked; }));
-    QCOMPARE(lock.outcomeOf("code"_s, "1234"_s), "Unlocked"_s);
+    bool wasDone;
+    do {
+        wasDone = isDone();
+        daemon.lock();
+        QVERIFY(waitFor([&lock] { return lock.state() == DeviceLock::Locked; }));
+        const QString outcome = lock.outcomeOf("code"_s, "1234"_s);
+        QVERIFY2(outcome == "Unlocked"_s || !wasDone, qPrintable(outcome));
+    } while (!wasDone);
     QVERIFY2(!lock.heard.contains("Unlocked without the daemon"_s), qPrintable(lock.heard.join(QLatin1Char(' '))));
 }
 
@@ -360,7 +366,8 @@ void TestAgentFaults::operationsReturnAtOnce()
         measure("destruction", [&] { lock.reset(); });
     }
     for (auto what = best.cbegin(); what != best.cend(); ++what)
-        QVERIFY2(what.value() < 1000000, qPrintable(QStringLiteral("%1 %2 ns").arg(QLatin1String(what.key())).arg(what.value())));
+        QVERIFY2(what.value() < 1000000,
+                 qPrintable(QStringLiteral("%1 %2 ns").arg(QLatin1String(what.key())).arg(what.value())));
 }
 
 QTEST_GUILESS_MAIN(TestAgentFaults)

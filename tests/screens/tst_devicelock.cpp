@@ -231,7 +231,8 @@ void TestDeviceLock::requestIsWhatTheDaemonExpects()
     WatchedLock lock(&daemon);
     lock.setUid(uid);
     lock.await(DeviceLock::Locked);
-    QVERIFY(isText ? lock.attempt("code"_s, QString::fromUtf8(secret.constData(), secret.size())) : lock.attempt("code"_s, secret));
+    QVERIFY(isText ? lock.attempt("code"_s, QString::fromUtf8(secret.constData(), secret.size()))
+                   : lock.attempt("code"_s, secret));
     const QStringList calls = daemon.waitCalls("Authenticate");
     QCOMPARE(calls.size(), 1);
     QVERIFY2(calls.first().contains(expected) && calls.first().contains("'unlock'"_s), qPrintable(calls.first()));
@@ -386,8 +387,8 @@ void TestDeviceLock::lockingGivesAnAttemptUp()
 void TestDeviceLock::deletedInAHandler_data()
 {
     QTest::addColumn<QByteArray>("signal");
-    for (const char *signal : {"stateChanged()", "unlockedChanged()", "availableChanged()", "busyChanged()",
-                               "refused(AuthScreens::Reason)"})
+    for (const char *signal :
+         {"stateChanged()", "unlockedChanged()", "availableChanged()", "busyChanged()", "refused(AuthScreens::Reason)"})
         QTest::newRow(signal) << QByteArray(signal);
 }
 
