@@ -35,11 +35,13 @@ enum class Kind : quint8 {
     Prepare = 2,
     Attempt = 3,
     Lock = 4,
+    Read = 5,
     // From the agent.
     State = 32,
     Ready = 33,
     Outcome = 34,
     Gone = 35,
+    Choice = 36,
 };
 
 /** How an attempt, or a locking, has ended in the agent. */
@@ -107,6 +109,34 @@ struct Lock
     }
 };
 
+/** Say what a user can use. */
+struct Read
+{
+    static constexpr Kind kind = Kind::Read;
+    quint32 uid = 0;
+
+    template <typename Visitor> void visit(Visitor &fields)
+    {
+        fields(uid);
+    }
+};
+
+/** The answer to Read, if the daemon has given one. */
+struct Choice
+{
+    static constexpr Kind kind = Kind::Choice;
+    QStringList login;  ///< The factors chosen for signing in that are not disabled, in the daemon's order.
+    QStringList unlock; ///< The same for unlocking.
+    QString lastLogin;  ///< In the daemon's words; empty when the user does not want to see it.
+
+    template <typename Visitor> void visit(Visitor &fields)
+    {
+        fields(login);
+        fields(unlock);
+        fields(lastLogin);
+    }
+};
+
 /**
  * At this time of bootTime(), which is later than any before, the agent listens and knows that the device-lock state is
  * this one. It is said at each change and every BeatInterval. Unlocked is said by the daemon's own answer alone.
@@ -136,7 +166,7 @@ struct Ready
     }
 };
 
-/** The end of an Attempt or a Lock. */
+/** The end of an Attempt, a Lock, or a Read that has failed. */
 struct Outcome
 {
     static constexpr Kind kind = Kind::Outcome;

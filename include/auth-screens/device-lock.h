@@ -6,7 +6,7 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QObject>
 #include <QtCore/QScopedPointer>
-#include <QtCore/QString>
+#include <QtCore/QStringList>
 
 namespace AuthScreens {
 
@@ -60,6 +60,11 @@ class AUTH_SCREENS_EXPORT DeviceLock : public QObject
     Q_PROPERTY(bool overdue READ overdue NOTIFY overdueChanged)
     /** The user to unlock for; 0, as at first, leaves the choice to the daemon. It is used by the next attempt. */
     Q_PROPERTY(uint uid READ uid WRITE setUid NOTIFY uidChanged)
+    /**
+     * The names of the factors that uid() has chosen for unlocking, in the daemon's order, without those that are disabled.
+     * Empty until they have been read, and without a user. Read when the user is set, and when the daemon comes.
+     */
+    Q_PROPERTY(QStringList factors READ factors NOTIFY factorsChanged)
 
 public:
     /** The device-lock states, with the daemon's numbers. */
@@ -91,6 +96,7 @@ public:
     bool busy() const;
     bool overdue() const;
     uint uid() const;
+    QStringList factors() const;
 
     void setUid(uint uid);
 
@@ -127,6 +133,7 @@ Q_SIGNALS:
     void busyChanged();
     void overdueChanged();
     void uidChanged();
+    void factorsChanged();
 
     /** What was asked for last has not come about. */
     void refused(AuthScreens::Reason reason);

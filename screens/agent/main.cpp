@@ -1,6 +1,7 @@
 #include "channel.h"
 #include "follower.h"
 #include "judge.h"
+#include "reader.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -79,6 +80,7 @@ private:
         Wire::Prepare prepare;
         Wire::Attempt attempt;
         Wire::Lock lock;
+        Wire::Read read;
         if (decode(frame, follow) && !m_judge) {
             if (!m_follower)
                 m_follower = std::make_unique<Follower>(m_channel);
@@ -90,6 +92,12 @@ private:
         } else if (decode(frame, lock) && !m_follower && !m_judge) {
             AuthDevlockClient().setState(AuthDevlockClient::Locked);
             m_channel->send(Wire::Outcome());
+        } else if (decode(frame, read) && !m_follower && !m_judge) {
+            Wire::Choice choice;
+            if (readChoice(read.uid, &choice))
+                m_channel->send(choice);
+            else
+                m_channel->send(Wire::Outcome{Wire::Result::Unavailable});
         } else {
             m_channel->refuse();
         }

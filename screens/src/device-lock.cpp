@@ -6,38 +6,13 @@ namespace AuthScreens {
 
 namespace {
 
-/** Milliseconds until a screen offers to give an attempt up. */
-constexpr int Patience = 10000;
 /** Milliseconds until the daemon is asked whether an announcement got lost. */
 constexpr int CheckPause = 1000;
 /** Milliseconds until a device that should be unlocked, or locked, counts as refused. */
 constexpr int GrantPatience = 10000;
 constexpr int LockPatience = 3000;
-constexpr int LongestName = 1024;
-
-constexpr int Silently = -1;
-
-Reason reasonOf(Hand::End end)
-{
-    switch (end) {
-    case Hand::NotAccepted:
-        return NotAccepted;
-    case Hand::NotSendable:
-        return NotSendable;
-    case Hand::Unavailable:
-        return Unavailable;
-    case Hand::LockedOut:
-        return LockedOut;
-    case Hand::NoAnswer:
-        return NoAnswer;
-    case Hand::Interrupted:
-        return Interrupted;
-    case Hand::Done:
-    case Hand::NotGranted:
-        break;
-    }
-    return NotGranted;
-}
+/** Milliseconds until the daemon is asked again for what it has not told. */
+constexpr int ReadPause = 5000;
 
 DeviceLock::Lockout lockoutOf(DeviceLock::State state)
 {
@@ -97,12 +72,12 @@ DeviceLock::Lockout DeviceLock::lockoutReason() const
 
 bool DeviceLock::busy() const
 {
-    return d->isBusy;
+    return d->trial.isBusy();
 }
 
 bool DeviceLock::overdue() const
 {
-    return d->isOverdue;
+    return d->trial.isOverdue();
 }
 
 uint DeviceLock::uid() const
@@ -110,27 +85,29 @@ uint DeviceLock::uid() const
     return d->uid;
 }
 
+QStringList DeviceLock::factors() const
+{
+    return d->factors;
+}
+
 void DeviceLock::setUid(uint uid)
 {
-    if (uid == d->uid)
-        return;
-    d->uid = uid;
-    emit uidChanged();
+    d->setUid(uid);
 }
 
 bool DeviceLock::attempt(const QString &factor, const QString &data)
 {
-    return d->attempt(factor, data.toUtf8(), !data.contains(QChar(0)), data.isValidUtf16());
+    return d->trial.begin(d->request(factor), data, d->obstacle());
 }
 
 bool DeviceLock::attempt(const QString &factor, const QByteArray &data)
 {
-    return d->attempt(factor, QByteArray(data.constData(), data.size()), false);
+    return d->trial.begin(d->request(factor), data, d->obstacle());
 }
 
 void DeviceLock::giveUp()
 {
-    d->giveUp();
+    d->trial.end(GivenUp);
 }
 
 void DeviceLock::lock()
@@ -139,73 +116,73 @@ void DeviceLock::lock()
 }
 
 DeviceLockPrivate::DeviceLockPrivate(DeviceLock *publicObject)
-    : q(publicObject)
+    : trial(&hand)
+    , q(publicObject)
 {
     connect(&m_follower, &LockFollower::stateChanged, this, &DeviceLockPrivate::handleState);
-    connect(&m_hand, &Hand::finished, this, &DeviceLockPrivate::handleFinished);
-    const auto prepare = [this](QTimer *timer, int interval) {
-        timer->setSingleShot(true);
-        timer->setInterval(interval);
-    };
-    prepare(&m_refusal, 0);
-    prepare(&m_overdue, Patience);
-    prepare(&m_check, CheckPause);
-    prepare(&m_grant, GrantPatience);
-    prepare(&m_lockCheck, LockPatience);
-    connect(&m_refusal, &QTimer::timeout, this, [this] { endAttempt(m_obstacle); });
-    connect(&m_overdue, &QTimer::timeout, this, [this] {
-        isOverdue = true;
-        emit q->overdueChanged();
+    connect(&hand, &Hand::finished, this, &DeviceLockPrivate::handleFinished);
+    connect(&hand, &Hand::told, this, [this](const Wire::Choice &choice) {
+        m_isRead = true;
+        setFactors(choice.unlock);
     });
+    connect(&trial, &Trial::busyChanged, this, &DeviceLockPrivate::handleBusy);
+    connect(&trial, &Trial::overdueChanged, q, &DeviceLock::overdueChanged);
+    connect(&trial, &Trial::refused, q, &DeviceLock::refused);
+    connect(&trial, &Trial::accepted, this, [this] {
+        m_check.start(CheckPause);
+        m_grant.start(GrantPatience);
+    });
+    for (QTimer *timer : {&m_check, &m_grant, &m_lockCheck, &m_readAgain})
+        timer->setSingleShot(true);
     connect(&m_check, &QTimer::timeout, &m_follower, &LockFollower::look);
-    connect(&m_grant, &QTimer::timeout, this, [this] { endAttempt(NotGranted); });
+    connect(&m_grant, &QTimer::timeout, this, [this] { trial.end(NotGranted); });
     connect(&m_lockCheck, &QTimer::timeout, this, [this] { endLocking(true); });
+    connect(&m_readAgain, &QTimer::timeout, this, &DeviceLockPrivate::read);
 }
 
-bool DeviceLockPrivate::attempt(const QString &factor, QByteArray secret, bool isText, bool isSendable)
+Wire::Attempt DeviceLockPrivate::request(const QString &factor) const
 {
-    if (isBusy) {
-        Wire::wipe(secret);
-        return false;
-    }
-    isBusy = true;
-    if (secret.isEmpty() || secret.size() > Wire::MaxSecret || factor.size() > LongestName)
-        isSendable = false;
-    if (!isSendable || state != DeviceLock::Locked) {
-        Wire::wipe(secret);
-        m_obstacle = isSendable ? obstacleOf(state) : NotSendable;
-        m_refusal.start();
-    } else {
-        Wire::Attempt request;
-        request.service = QStringLiteral("unlock");
-        request.factor = factor;
-        request.secret.swap(secret);
-        request.isText = isText;
-        request.uid = uid;
-        request.unlocks = true;
-        m_hand.attempt(request);
-        Wire::wipe(request.secret);
-        m_overdue.start();
-    }
-    emit q->busyChanged();
-    return true;
+    Wire::Attempt result;
+    result.service = QStringLiteral("unlock");
+    result.factor = factor;
+    result.uid = uid;
+    result.unlocks = true;
+    return result;
 }
 
-void DeviceLockPrivate::giveUp()
+int DeviceLockPrivate::obstacle() const
 {
-    if (isBusy)
-        endAttempt(GivenUp);
+    return state == DeviceLock::Locked ? Trial::Silently : int(obstacleOf(state));
 }
 
 void DeviceLockPrivate::lock()
 {
     const QPointer<DeviceLockPrivate> self(this);
-    giveUp();
+    trial.end(GivenUp);
     if (!self)
         return;
     m_isLocking = true;
-    m_hand.lock();
-    m_lockCheck.start();
+    m_isReading = false;
+    hand.lock();
+    m_lockCheck.start(LockPatience);
+}
+
+void DeviceLockPrivate::setUid(uint newUid)
+{
+    if (newUid == uid)
+        return;
+    const QPointer<DeviceLockPrivate> self(this);
+    uid = newUid;
+    m_isRead = uid == 0;
+    if (m_isReading) {
+        m_isReading = false;
+        hand.end();
+    }
+    emit q->uidChanged();
+    if (self)
+        setFactors(QStringList());
+    if (self)
+        read();
 }
 
 void DeviceLockPrivate::handleState()
@@ -215,7 +192,10 @@ void DeviceLockPrivate::handleState()
     state = DeviceLock::State(m_follower.state());
     if (state != DeviceLock::Unlocked)
         endLocking(false);
-    m_hand.setPrepared(state == DeviceLock::Locked);
+    if (before == DeviceLock::Undefined)
+        m_isRead = uid == 0;
+    read();
+    hand.setPrepared(state == DeviceLock::Locked);
 
     emit q->stateChanged();
     if (self && (before == DeviceLock::Unlocked) != (state == DeviceLock::Unlocked))
@@ -224,8 +204,8 @@ void DeviceLockPrivate::handleState()
         emit q->availableChanged();
     if (self && lockoutOf(before) != lockoutOf(state))
         emit q->lockoutReasonChanged();
-    if (self && isBusy && state != DeviceLock::Locked)
-        endAttempt(state == DeviceLock::Unlocked ? Silently : int(obstacleOf(state)));
+    if (self && state != DeviceLock::Locked)
+        trial.end(state == DeviceLock::Unlocked ? Trial::Silently : int(obstacleOf(state)));
 }
 
 void DeviceLockPrivate::handleFinished(Hand::End end)
@@ -235,28 +215,24 @@ void DeviceLockPrivate::handleFinished(Hand::End end)
             m_follower.look();
         else
             endLocking(true);
-    } else if (end != Hand::Done) {
-        endAttempt(reasonOf(end));
+    } else if (m_isReading) {
+        m_isReading = false;
+        if (!m_isRead)
+            m_readAgain.start(ReadPause);
     } else {
-        m_check.start();
-        m_grant.start();
+        trial.tell(end);
     }
 }
 
-void DeviceLockPrivate::endAttempt(int reason)
+void DeviceLockPrivate::handleBusy()
 {
     const QPointer<DeviceLockPrivate> self(this);
-    for (QTimer *timer : {&m_refusal, &m_overdue, &m_check, &m_grant})
-        timer->stop();
-    m_hand.end();
-    const bool wasOverdue = isOverdue;
-    isBusy = false;
-    isOverdue = false;
+    m_isReading = false;
+    m_check.stop();
+    m_grant.stop();
     emit q->busyChanged();
-    if (self && wasOverdue)
-        emit q->overdueChanged();
-    if (self && reason != Silently)
-        emit q->refused(Reason(reason));
+    if (self)
+        read();
 }
 
 // The agent may still be waiting for the daemon; the state tells what becomes of that.
@@ -266,10 +242,25 @@ void DeviceLockPrivate::endLocking(bool isRefused)
         return;
     m_lockCheck.stop();
     m_isLocking = false;
-    if (!isRefused)
-        m_hand.end();
-    else if (state == DeviceLock::Unlocked)
+    hand.end();
+    if (isRefused && state == DeviceLock::Unlocked)
         emit q->refused(NotLocked);
+}
+
+void DeviceLockPrivate::read()
+{
+    if (m_isRead || m_isReading || m_isLocking || trial.isBusy() || state == DeviceLock::Undefined)
+        return;
+    m_isReading = true;
+    hand.read(uid);
+}
+
+void DeviceLockPrivate::setFactors(const QStringList &names)
+{
+    if (names == factors)
+        return;
+    factors = names;
+    emit q->factorsChanged();
 }
 
 } // namespace AuthScreens

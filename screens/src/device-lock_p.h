@@ -1,8 +1,8 @@
 #pragma once
 
 #include "DeviceLock"
-#include "hand.h"
 #include "lock-follower.h"
+#include "trial.h"
 
 namespace AuthScreens {
 
@@ -13,34 +13,37 @@ class DeviceLockPrivate : public QObject
 public:
     explicit DeviceLockPrivate(DeviceLock *publicObject);
 
-    bool attempt(const QString &factor, QByteArray secret, bool isText, bool isSendable = true);
-    void giveUp();
+    Wire::Attempt request(const QString &factor) const;
+    /** Why nothing can be judged now, for Trial::begin(). */
+    int obstacle() const;
     void lock();
+    void setUid(uint newUid);
 
     DeviceLock::State state = DeviceLock::Undefined;
-    bool isBusy = false;
-    bool isOverdue = false;
     uint uid = 0;
+    QStringList factors;
+    Hand hand;
+    Trial trial;
 
 private:
     void handleState();
     void handleFinished(Hand::End end);
-    /** Ends the attempt, and tells why when there is something to tell. */
-    void endAttempt(int reason);
+    void handleBusy();
     void endLocking(bool isRefused);
+    /** Reads the user's factors, when there is time and they are not known. */
+    void read();
+    void setFactors(const QStringList &names);
 
     DeviceLock *const q;
     LockFollower m_follower;
-    Hand m_hand;
     bool m_isLocking = false;
-    /** Why an attempt ends that cannot begin. */
-    Reason m_obstacle = NotSendable;
-    QTimer m_refusal;
-    QTimer m_overdue;
+    bool m_isReading = false;
+    bool m_isRead = true;
     /** The daemon has accepted the secret, and its announcement is awaited. */
     QTimer m_check;
     QTimer m_grant;
     QTimer m_lockCheck;
+    QTimer m_readAgain;
 };
 
 } // namespace AuthScreens

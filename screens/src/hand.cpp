@@ -1,5 +1,7 @@
 #include "hand.h"
 
+#include <QtCore/QPointer>
+
 namespace AuthScreens {
 
 namespace {
@@ -60,6 +62,13 @@ void Hand::lock()
     m_agent->send(Wire::Lock());
 }
 
+void Hand::read(quint32 uid)
+{
+    begin(Reading);
+    m_limit.start();
+    m_agent->send(Wire::Read{uid});
+}
+
 // The daemon may answer what has ended: nobody hears it.
 void Hand::end()
 {
@@ -101,6 +110,7 @@ void Hand::handleFrame(const Wire::Frame &frame)
     Wire::Ready ready;
     Wire::Gone gone;
     Wire::Outcome outcome;
+    Wire::Choice choice;
     if (decode(frame, ready) && !m_isReady && (m_task == Waiting || m_task == Attempting)) {
         m_isReady = true;
         m_silence.stop();
@@ -108,7 +118,14 @@ void Hand::handleFrame(const Wire::Frame &frame)
         m_pause = FirstPause;
     } else if (decode(frame, gone)) {
         m_isGone = true;
-    } else if (decode(frame, outcome) && ((m_task == Attempting && m_isReady) || m_task == Locking)) {
+    } else if (decode(frame, choice) && m_task == Reading) {
+        const QPointer<Hand> self(this);
+        emit told(choice);
+        if (self && m_task == Reading)
+            finish(Done);
+    } else if (decode(frame, outcome)
+               && ((m_task == Attempting && m_isReady) || m_task == Locking
+                   || (m_task == Reading && outcome.result != Wire::Result::Done))) {
         finish(End(outcome.result));
     } else {
         m_agent->distrust();

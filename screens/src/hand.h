@@ -7,7 +7,7 @@
 namespace AuthScreens {
 
 /**
- * One agent at a time that does things for a screen: an attempt, or a locking. An agent for the next attempt is started
+ * One agent at a time that does things for a screen: an attempt, a locking, or a reading. An agent for the next attempt is started
  * ahead while isWaiting().
  *
  * What is under way when another thing begins, or end() is called, is over and not heard of any more. A thing that has
@@ -35,12 +35,15 @@ public:
     void setPrepared(bool isPrepared);
     void attempt(const Wire::Attempt &attempt);
     void lock();
+    void read(quint32 uid);
     void end();
 
     bool isBusy() const;
 
 Q_SIGNALS:
     void finished(AuthScreens::Hand::End end);
+    /** What has been read, before finished() with Done. */
+    void told(const AuthScreens::Wire::Choice &choice);
 
 private:
     enum Task {
@@ -48,6 +51,7 @@ private:
         Waiting,
         Attempting,
         Locking,
+        Reading,
     };
 
     void arrange();
