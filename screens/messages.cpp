@@ -89,6 +89,11 @@ void Encoder::operator()(Result value)
     append(m_data, quint8(value));
 }
 
+void Encoder::operator()(Setting value)
+{
+    append(m_data, quint8(value));
+}
+
 void Encoder::operator()(const QByteArray &value)
 {
     append(m_data, quint32(value.size()));
@@ -136,6 +141,14 @@ quint64 Decoder::number(int bytes)
     return value;
 }
 
+template <typename Enumeration> void Decoder::choice(Enumeration &value)
+{
+    const quint64 byte = number(1);
+    m_isGood = m_isGood && byte <= quint64(Enumeration::Last);
+    if (m_isGood)
+        value = Enumeration(byte);
+}
+
 void Decoder::operator()(quint8 &value)
 {
     value = quint8(number(1));
@@ -165,9 +178,12 @@ void Decoder::operator()(quint64 &value)
 
 void Decoder::operator()(Result &value)
 {
-    const quint64 byte = number(1);
-    m_isGood = m_isGood && byte <= quint64(Result::Last);
-    value = m_isGood ? Result(byte) : Result::Unavailable;
+    choice(value);
+}
+
+void Decoder::operator()(Setting &value)
+{
+    choice(value);
 }
 
 void Decoder::operator()(QByteArray &value)

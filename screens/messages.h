@@ -36,12 +36,17 @@ enum class Kind : quint8 {
     Attempt = 3,
     Lock = 4,
     Read = 5,
+    Mirror = 6,
+    Write = 7,
+    Drop = 8,
     // From the agent.
     State = 32,
     Ready = 33,
     Outcome = 34,
     Gone = 35,
     Choice = 36,
+    Settings = 37,
+    Written = 38,
 };
 
 /** How an attempt, or a locking, has ended in the agent. */
@@ -52,7 +57,9 @@ enum class Result : quint8 {
     NotSendable = 3,
     Unavailable = 4,
     LockedOut = 5,
-    Last = LockedOut,
+    NotAllowed = 6,
+    NotAuthenticated = 7,
+    Last = NotAuthenticated,
 };
 
 /** Follow the device lock. Sent again, it begins anew: nothing that was known before counts. */
@@ -137,6 +144,94 @@ struct Choice
     }
 };
 
+/** Tell the settings of a user, now and at each change. */
+struct Mirror
+{
+    static constexpr Kind kind = Kind::Mirror;
+    quint32 uid = 0;
+
+    template <typename Visitor> void visit(Visitor &fields)
+    {
+        fields(uid);
+    }
+};
+
+/** What a Write is about. */
+enum class Setting : quint8 {
+    LoginFactor = 0,
+    UnlockFactor = 1,
+    MultiFactor = 2,
+    Notifications = 3,
+    Last = Notifications,
+};
+
+/** Change one of the user's settings. */
+struct Write
+{
+    static constexpr Kind kind = Kind::Write;
+    quint32 number = 0;
+    Setting setting = Setting::LoginFactor;
+    QString factor;
+    bool value = false;
+
+    template <typename Visitor> void visit(Visitor &fields)
+    {
+        fields(number);
+        fields(setting);
+        fields(factor);
+        fields(value);
+    }
+};
+
+/** Forget the token. */
+struct Drop
+{
+    static constexpr Kind kind = Kind::Drop;
+
+    template <typename Visitor> void visit(Visitor &)
+    {
+    }
+};
+
+/** The answer to Mirror, and each change of it. */
+struct Settings
+{
+    static constexpr Kind kind = Kind::Settings;
+    bool isRead = false;          ///< Whether the daemon has told what follows.
+    bool isAuthenticated = false; ///< Whether a token is held.
+    bool canSwitch = false;
+    bool isMultiFactor = false;
+    bool isSettable = false;
+    bool notifies = false;
+    bool warns = false;
+    QStringList offered; ///< The factors that the daemon offers for signing in.
+    QStringList login;   ///< Those that are chosen for it.
+    QStringList unlock;  ///< Those that are chosen for unlocking.
+    QStringList disabled;
+
+    template <typename Visitor> void visit(Visitor &fields)
+    {
+        for (bool *value : {&isRead, &isAuthenticated, &canSwitch, &isMultiFactor, &isSettable, &notifies, &warns})
+            fields(*value);
+        for (QStringList *names : {&offered, &login, &unlock, &disabled})
+            fields(*names);
+    }
+};
+
+/** The end of a Write; Settings with what has become of it comes first. */
+struct Written
+{
+    static constexpr Kind kind = Kind::Written;
+    quint32 number = 0;
+    Result result = Result::Done;
+
+    template <typename Visitor> void visit(Visitor &fields)
+    {
+        fields(number);
+        fields(result);
+    }
+};
+
 /**
  * At this time of bootTime(), which is later than any before, the agent listens and knows that the device-lock state is
  * this one. It is said at each change and every BeatInterval. Unlocked is said by the daemon's own answer alone.
@@ -216,6 +311,7 @@ public:
     void operator()(qint32 value);
     void operator()(quint64 value);
     void operator()(Result value);
+    void operator()(Setting value);
     void operator()(const QByteArray &value);
     void operator()(const QString &value);
     void operator()(const QStringList &value);
@@ -239,6 +335,7 @@ public:
     void operator()(qint32 &value);
     void operator()(quint64 &value);
     void operator()(Result &value);
+    void operator()(Setting &value);
     void operator()(QByteArray &value);
     void operator()(QString &value);
     void operator()(QStringList &value);
@@ -248,6 +345,7 @@ public:
 
 private:
     quint64 number(int bytes);
+    template <typename Enumeration> void choice(Enumeration &value);
 
     const QByteArray &m_data;
     int m_position = 0;

@@ -20,6 +20,8 @@ enum Reason {
     GivenUp = 7,     ///< giveUp() has been called, or something else has been asked for.
     NotNeeded = 8,   ///< The device is not locked.
     NotLocked = 9,   ///< The device should have been locked, and is still in use.
+    NotAllowed = 10, ///< No user may make this change: the factor is disabled, nothing would be left, or others decide.
+    NotAuthenticated = 11, ///< The user has not shown who they are, or that does not count any more.
 };
 Q_ENUM_NS(Reason)
 

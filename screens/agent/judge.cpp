@@ -6,11 +6,13 @@
 
 using namespace AuthScreens;
 
-Judge::Judge(Channel *channel)
-    : m_channel(channel)
+Judge::Judge(Channel *channel, AuthClient *client)
+    : QObject(client)
+    , m_channel(channel)
+    , m_client(client)
 {
-    connect(&m_client, &AuthClient::authenticatedChanged, this, &Judge::handleToken);
-    connect(&m_client, &AuthClient::discredit, this, &Judge::handleDiscredit);
+    connect(m_client, &AuthClient::authenticatedChanged, this, &Judge::handleToken);
+    connect(m_client, &AuthClient::discredit, this, &Judge::handleDiscredit);
     connect(&m_devlock, &AuthDevlockClient::stateChanged, this, &Judge::settle);
 }
 
@@ -29,7 +31,7 @@ void Judge::settle()
 
 void Judge::ask(Wire::Attempt *attempt)
 {
-    if (m_stage != Idle)
+    if (m_stage != Idle && m_stage != Finished)
         m_channel->refuse();
     m_stage = Waiting;
     qSwap(m_attempt.service, attempt->service);
@@ -59,11 +61,11 @@ void Judge::begin()
     } else {
         params.insert(QStringLiteral("data"), m_attempt.secret);
     }
-    m_client.authenticate(m_attempt.service, params);
+    m_client->authenticate(m_attempt.service, params);
     Wire::wipe(text);
     Wire::wipe(m_attempt.secret);
     // AuthClient sends nothing that D-Bus cannot carry.
-    if (m_stage == Asked && !m_client.progress())
+    if (m_stage == Asked && !m_client->progress())
         finish(Wire::Result::NotSendable);
 }
 
@@ -73,10 +75,10 @@ void Judge::handleToken(const QVariant &token)
         return;
     if (m_stage != Asked) {
         if (m_stage < Asked)
-            m_client.dropAuthentication(); // Nobody has asked for it.
+            m_client->dropAuthentication(); // Nobody has asked for it.
         return;
     }
-    if (m_attempt.unlocks && !m_client.setLocked(AuthDevlockClient::Unlocked))
+    if (m_attempt.unlocks && !m_client->setLocked(AuthDevlockClient::Unlocked))
         finish(Wire::Result::NotGranted);
     else
         finish(Wire::Result::Done);

@@ -8,17 +8,20 @@
 /**
  * Has the daemon judge one secret, and unlocks the device with the token if that is wanted.
  *
- * The daemon answers a connection and does not say which request it means, so each secret has an agent of its own.
+ * The daemon answers a connection and does not say which request it means, so a client has nothing else to ask for after
+ * a request that was given up: its agent is killed.
  */
 class Judge : public QObject
 {
     Q_OBJECT
 
 public:
-    /** Connects to the daemon: blocks, and ends the process where the daemon cannot be reached. */
-    explicit Judge(Channel *channel);
+    /**
+     * @param client what asks, just made and not heard of anything yet; the owner of the judge
+     */
+    Judge(Channel *channel, AuthClient *client);
 
-    /** Only the first one counts. */
+    /** One at a time. */
     void ask(AuthScreens::Wire::Attempt *attempt);
 
 private:
@@ -39,7 +42,7 @@ private:
 
     Channel *const m_channel;
     Stage m_stage = Idle;
-    AuthClient m_client;
+    AuthClient *const m_client;
     AuthDevlockClient m_devlock;
     // A new AuthClient discredits once on a locked device. What it says after that is about the request.
     bool m_isDiscredited = false;

@@ -2,6 +2,7 @@
 #include "follower.h"
 #include "judge.h"
 #include "reader.h"
+#include "settings.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -61,7 +62,7 @@ void tellEnd()
     _exit(EXIT_FAILURE);
 }
 
-/** Does what the screen wants; what it wants first decides what it may want later. */
+/** Does what the screen wants. */
 class Task : public QObject
 {
     Q_OBJECT
@@ -74,38 +75,95 @@ public:
     }
 
 private:
+    // What the screen may want depends on what it has wanted first.
     void handle(const Wire::Frame &frame)
+    {
+        bool isKnown;
+        if (m_follower)
+            isKnown = handleFollower(frame);
+        else if (m_judge)
+            isKnown = handleJudge(frame);
+        else if (m_settings)
+            isKnown = handleSettings(frame);
+        else
+            isKnown = handleFirst(frame);
+        if (!isKnown)
+            m_channel->refuse();
+    }
+
+    bool handleFirst(const Wire::Frame &frame)
     {
         Wire::Follow follow;
         Wire::Prepare prepare;
-        Wire::Attempt attempt;
         Wire::Lock lock;
         Wire::Read read;
-        if (decode(frame, follow) && !m_judge) {
-            if (!m_follower)
-                m_follower = std::make_unique<Follower>(m_channel);
-            m_follower->follow(follow.epoch);
-        } else if (decode(frame, prepare) && !m_follower && !m_judge) {
-            m_judge = std::make_unique<Judge>(m_channel);
-        } else if (decode(frame, attempt) && m_judge) {
-            m_judge->ask(&attempt);
-        } else if (decode(frame, lock) && !m_follower && !m_judge) {
+        Wire::Mirror mirror;
+        if (decode(frame, follow)) {
+            m_follower = std::make_unique<Follower>(m_channel);
+            return handleFollower(frame);
+        } else if (decode(frame, prepare)) {
+            m_client = std::make_unique<AuthClient>();
+            m_judge = new Judge(m_channel, m_client.get());
+        } else if (decode(frame, lock)) {
             AuthDevlockClient().setState(AuthDevlockClient::Locked);
             m_channel->send(Wire::Outcome());
-        } else if (decode(frame, read) && !m_follower && !m_judge) {
+        } else if (decode(frame, read)) {
             Wire::Choice choice;
             if (readChoice(read.uid, &choice))
                 m_channel->send(choice);
             else
                 m_channel->send(Wire::Outcome{Wire::Result::Unavailable});
+        } else if (decode(frame, mirror)) {
+            m_settings = std::make_unique<Settings>(m_channel);
+            return handleSettings(frame);
         } else {
-            m_channel->refuse();
+            return false;
         }
+        return true;
+    }
+
+    bool handleFollower(const Wire::Frame &frame)
+    {
+        Wire::Follow follow;
+        if (!decode(frame, follow))
+            return false;
+        m_follower->follow(follow.epoch);
+        return true;
+    }
+
+    bool handleJudge(const Wire::Frame &frame)
+    {
+        Wire::Attempt attempt;
+        if (!decode(frame, attempt))
+            return false;
+        m_judge->ask(&attempt);
+        return true;
+    }
+
+    bool handleSettings(const Wire::Frame &frame)
+    {
+        Wire::Mirror mirror;
+        Wire::Write write;
+        Wire::Attempt attempt;
+        Wire::Drop drop;
+        if (decode(frame, mirror))
+            m_settings->mirror(mirror.uid);
+        else if (decode(frame, write))
+            m_settings->write(write);
+        else if (decode(frame, attempt) && !attempt.unlocks)
+            m_settings->ask(&attempt);
+        else if (decode(frame, drop))
+            m_settings->drop();
+        else
+            return false;
+        return true;
     }
 
     Channel *const m_channel;
     std::unique_ptr<Follower> m_follower;
-    std::unique_ptr<Judge> m_judge;
+    std::unique_ptr<AuthClient> m_client;
+    Judge *m_judge = nullptr;
+    std::unique_ptr<Settings> m_settings;
 };
 
 } // namespace

@@ -25,6 +25,8 @@ public:
         NotSendable,
         Unavailable,
         LockedOut,
+        NotAllowed,
+        NotAuthenticated,
         NoAnswer,
         Interrupted,
     };

@@ -2,6 +2,8 @@
 
 #include <QtCore/QPointer>
 
+#include <utility>
+
 namespace AuthScreens {
 
 namespace {
@@ -10,7 +12,9 @@ namespace {
 constexpr int Patience = 10000;
 constexpr int LongestName = 1024;
 
-Reason reasonOf(Hand::End end)
+} // namespace
+
+Reason Trial::reasonOf(Hand::End end)
 {
     switch (end) {
     case Hand::NotAccepted:
@@ -25,6 +29,10 @@ Reason reasonOf(Hand::End end)
         return NoAnswer;
     case Hand::Interrupted:
         return Interrupted;
+    case Hand::NotAllowed:
+        return NotAllowed;
+    case Hand::NotAuthenticated:
+        return NotAuthenticated;
     case Hand::Done:
     case Hand::NotGranted:
         break;
@@ -32,11 +40,14 @@ Reason reasonOf(Hand::End end)
     return NotGranted;
 }
 
-} // namespace
+Trial::Trial(Hand *hand)
+    : Trial([hand](const Wire::Attempt &attempt) { hand->attempt(attempt); }, [hand] { hand->end(); })
+{
+}
 
-Trial::Trial(Hand *hand, QObject *parent)
-    : QObject(parent)
-    , m_hand(hand)
+Trial::Trial(std::function<void(const Wire::Attempt &)> start, std::function<void()> stop)
+    : m_start(std::move(start))
+    , m_stop(std::move(stop))
 {
     m_refusal.setSingleShot(true);
     connect(&m_refusal, &QTimer::timeout, this, [this] { end(m_obstacle); });
@@ -85,7 +96,7 @@ bool Trial::start(Wire::Attempt *request, bool isSendable, int obstacle)
     if (!isSendable || size == 0 || size > Wire::MaxSecret || request->factor.size() > LongestName)
         m_obstacle = NotSendable;
     if (m_obstacle == Silently) {
-        m_hand->attempt(*request);
+        m_start(*request);
         m_patience.start();
     } else {
         m_refusal.start(0);
@@ -110,10 +121,12 @@ void Trial::end(int reason)
     const QPointer<Trial> self(this);
     m_refusal.stop();
     m_patience.stop();
-    m_hand->end();
     const bool wasOverdue = m_isOverdue;
     m_isBusy = false;
     m_isOverdue = false;
+    m_stop();
+    if (!self)
+        return;
     emit busyChanged();
     if (self && wasOverdue)
         emit overdueChanged();

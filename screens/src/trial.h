@@ -3,6 +3,8 @@
 #include "auth-screens-reason.h"
 #include "hand.h"
 
+#include <functional>
+
 namespace AuthScreens {
 
 /** An attempt as a screen sees it: begun once, ended once. */
@@ -14,8 +16,13 @@ public:
     /** It ends without a reason to be told. */
     static constexpr int Silently = -1;
 
-    /** @param hand what has the attempt made; tell() is to be called with how that has ended */
-    explicit Trial(Hand *hand, QObject *parent = nullptr);
+    /**
+     * @param start has the attempt made; tell() is to be called with how that has ended
+     * @param stop  called when it has ended, or ends
+     */
+    Trial(std::function<void(const Wire::Attempt &)> start, std::function<void()> stop);
+    /** With @p hand for both. */
+    explicit Trial(Hand *hand);
 
     /**
      * Has @p data judged. It is a text or bytes, and the copies made here are overwritten.
@@ -30,6 +37,9 @@ public:
     void end(int reason);
     void tell(Hand::End end);
 
+    /** How a thing that has ended so is told. */
+    static Reason reasonOf(Hand::End end);
+
     bool isBusy() const;
     bool isOverdue() const;
 
@@ -43,7 +53,8 @@ Q_SIGNALS:
 private:
     bool start(Wire::Attempt *request, bool isSendable, int obstacle);
 
-    Hand *const m_hand;
+    const std::function<void(const Wire::Attempt &)> m_start;
+    const std::function<void()> m_stop;
     bool m_isBusy = false;
     bool m_isOverdue = false;
     int m_obstacle = Silently;
