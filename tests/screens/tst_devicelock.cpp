@@ -436,7 +436,7 @@ void TestDeviceLock::thousandAttemptsLeaveNothing()
     QTimer look;
     look.start(5);
     QVERIFY(waitFor([this] { return children().size() == 2; }));
-    QVERIFY(waitFor([&] { return descriptors() == before; }));
+    QVERIFY2(waitFor([&] { return descriptors() <= before; }), qPrintable(QString::number(descriptors() - before)));
 }
 
 QTEST_GUILESS_MAIN(TestDeviceLock)

@@ -399,7 +399,6 @@ void TestUserSettings::daemonLeavesDuringAChange()
     QVERIFY(waitFor([&settings] { return !settings->busy(); }));
     QVERIFY(settings->authenticated());
     QCOMPARE(settle(settings.get(), [&] { return settings->chooseForLogin("sudis"_s, true); }), QStringList());
-}));
 }
 
 void TestUserSettings::agentIsKilledDuringAChange()
