@@ -1,5 +1,6 @@
 #include "agent.h"
 
+#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QPointer>
@@ -21,15 +22,18 @@ namespace {
 /** So many bytes are read at a time: an agent that sends without an end must not hold up the screen. */
 constexpr int ReadAtOnce = 4 * Wire::MaxSize;
 
-/** In a build directory the agent lies beside the library; installed, it has its place. */
+/** In a build directory the agent lies beside the library; installed, it has its place, from the library if that was moved. */
 QString findProgram()
 {
     Dl_info self = {};
     if (dladdr(reinterpret_cast<const void *>(&findProgram), &self) && self.dli_fname) {
         const QFileInfo library(QFile::decodeName(self.dli_fname));
-        const QString beside = QFileInfo(library.canonicalFilePath()).path() + QStringLiteral("/auth-agent");
-        if (QFileInfo(beside).isExecutable())
-            return beside;
+        const QString folder = QFileInfo(library.canonicalFilePath()).path() + QLatin1Char('/');
+        for (const char *place : {"auth-agent", AUTH_AGENT_FROM_LIBRARY}) {
+            const QString path = QDir::cleanPath(folder + QLatin1String(place));
+            if (QFileInfo(path).isExecutable())
+                return path;
+        }
     }
     return QStringLiteral(AUTH_AGENT_PATH);
 }
