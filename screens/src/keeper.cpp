@@ -37,17 +37,25 @@ int openProcess(pid_t pid)
     return int(syscall(SYS_pidfd_open, pid, 0));
 }
 
-void sendKill(int process)
+// Where there are no descriptors of processes (Linux before 5.3, valgrind 3.19), a number has to do: nobody gets it anew
+// before the process has been waited for, which is done here, unless the host waits for all processes.
+constexpr int LookPause = 50;
+
+void sendKill(const Child &child)
 {
-    syscall(SYS_pidfd_send_signal, process, SIGKILL, nullptr, 0);
+    if (child.descriptor >= 0)
+        syscall(SYS_pidfd_send_signal, child.descriptor, SIGKILL, nullptr, 0);
+    else
+        ::kill(child.pid, SIGKILL);
 }
 
 // P_PIDFD is 3 in Linux; the C library may not name it. Where the host ignores SIGCHLD, or waits for all processes, there
 // is nobody left to wait for, which is as well.
-bool hasEnded(int process)
+bool hasEnded(const Child &child)
 {
     siginfo_t info = {};
-    const int status = waitid(idtype_t(3), id_t(process), &info, WEXITED | WNOHANG);
+    const int status = child.descriptor >= 0 ? waitid(idtype_t(3), id_t(child.descriptor), &info, WEXITED | WNOHANG)
+                                             : waitid(P_PID, id_t(child.pid), &info, WEXITED | WNOHANG);
     return status != 0 || info.si_pid != 0;
 }
 
@@ -96,18 +104,23 @@ void Keeper::run()
     std::vector<std::shared_ptr<Child>> children;
     for (;;) {
         std::vector<pollfd> polled{{m_bell, POLLIN, 0}};
-        for (const auto &child : children)
+        int limit = -1;
+        for (const auto &child : children) {
             polled.push_back({child->descriptor, POLLIN, 0});
-        poll(polled.data(), nfds_t(polled.size()), -1);
+            if (child->descriptor < 0)
+                limit = LookPause;
+        }
+        poll(polled.data(), nfds_t(polled.size()), limit);
         eventfd_t rung;
         eventfd_read(m_bell, &rung);
 
         const auto isOver = [](const std::shared_ptr<Child> &child) {
             if (child->isUnwanted)
-                sendKill(child->descriptor);
-            if (!hasEnded(child->descriptor))
+                sendKill(*child);
+            if (!hasEnded(*child))
                 return false;
-            close(child->descriptor);
+            if (child->descriptor >= 0)
+                close(child->descriptor);
             return true;
         };
         children.erase(std::remove_if(children.begin(), children.end(), isOver), children.end());
@@ -121,7 +134,7 @@ void Keeper::run()
             if (!child->isUnwanted)
                 launch(*child);
             close(child->socket);
-            if (child->descriptor >= 0)
+            if (child->pid)
                 children.push_back(child);
             // What was asked for during the launch is looked at anew.
             wake();
@@ -160,11 +173,6 @@ void Keeper::launch(Child &child)
     // A process that nobody has waited for keeps its number, and this one waits for a message.
     child.descriptor = openProcess(pid);
     child.pid = pid;
-    if (child.descriptor < 0) {
-        qCWarning(category, "Cannot keep %s: %s", child.program.c_str(), strerror(errno));
-        ::kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
 }
 
 } // namespace AuthScreens
