@@ -154,6 +154,11 @@ bool Settings::chooseForUnlocking(const QString &factor, bool isWanted, QStringL
 void Settings::write(const Wire::Write &wish)
 {
     QStringList chosen;
+    // A choice must not begin with what is not known.
+    if (!m_settings.isRead) {
+        finish(wish.number, Wire::Result::Unavailable);
+        return;
+    }
     if (!m_client->authenticated()) {
         finish(wish.number, Wire::Result::NotAuthenticated);
         return;

@@ -229,8 +229,12 @@ void UserSettingsPrivate::restart(Reason reason, int pause)
         m_restart.start(pause);
     else
         start();
-    for (const Wire::Write &wish : qAsConst(pending))
-        m_refusals.append({wish, reason});
+    for (const Wire::Write &wish : qAsConst(pending)) {
+        const bool isRefused = std::any_of(m_refusals.cbegin(), m_refusals.cend(),
+                                           [&](const auto &refusal) { return refusal.first.number == wish.number; });
+        if (!isRefused)
+            m_refusals.append({wish, reason});
+    }
     if (!m_refusals.isEmpty())
         m_refusal.start(0);
     Wire::Settings next = settings;
@@ -297,6 +301,12 @@ void UserSettingsPrivate::handleFrame(const Wire::Frame &frame)
             m_pause = FirstPause;
         if (told.isRead && !m_isAwaited && pending.isEmpty())
             m_limit.stop();
+        // What was read before stays while it cannot be read.
+        if (!told.isRead && settings.isRead) {
+            const bool isAuthenticated = told.isAuthenticated;
+            told = settings;
+            told.isAuthenticated = isAuthenticated;
+        }
         handleSettings(told);
     } else if (decode(frame, written)) {
         handleWritten(written);
