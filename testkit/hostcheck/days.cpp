@@ -16,6 +16,8 @@ using Names = std::initializer_list<QByteArray>;
 // A token that the daemon has not given out.
 constexpr char foreignToken[] = "([byte 0x01, 0x02, 0x03],)";
 constexpr char once[] = R"("times":1)";
+// Longer than calls wait for an answer, and than a host should wait for an outcome.
+const int Alone = 65000;
 
 bool isPeerCall(const QByteArray &method)
 {
@@ -185,7 +187,7 @@ void wrongCodesLockOut(Play &play)
     play.start();
     const auto lockedOut = [&play] { return play.lockState() == CodeEntryLockout; };
     for (int i = 1; i < 10 && !lockedOut(); ++i)
-        play.enterUntil(play.wrongCode(), [&] { return play.wasCalled("Authenticate", i); });
+        play.enterUntil(play.wrongCode(), [&] { return lockedOut() || play.wasCalled("Authenticate", i); });
     if (!lockedOut())
         throw Outcome{Outcome::NotReached, QStringLiteral("the host has not passed on enough wrong codes")};
     play.enter(play.rightCode());
@@ -404,7 +406,7 @@ std::vector<Day> makeDays()
                 play.misbehave("Authenticate", how);
                 play.start();
                 play.reach("Authenticate");
-                play.leaveAlone(65000);
+                play.leaveAlone(Alone);
                 play.usable();
             },
             Day::Lasts);

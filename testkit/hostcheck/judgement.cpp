@@ -19,10 +19,9 @@ void Judgement::observe(bool isUnlocked, qint64 now, bool byDay)
     if (isUnlocked && !isFirst && !byDay && m_entries == 0)
         throwFinding(Rule::OpensByItself,
                      QStringLiteral("unlocked the device, and nobody had entered a right code since it was locked"));
-    // Of several entries a slow host may still hold one.
     if (isUnlocked)
         m_end = -1;
-    else
+    else // Of several entries a slow host may still hold one.
         m_entries = m_entries > 1 ? 1 : 0;
     m_truth.append({isUnlocked, now});
 }

@@ -9,7 +9,6 @@ using Action = std::function<void(Play &play)>;
 // Longer than a screen would put its user off that "opens rather than shut the user out".
 const int Long = 64000;
 const int VeryLong = 330000;
-const int LateTime = 5000;
 // In which a host that retries by itself does so.
 const int Meanwhile = 45000;
 // For two looks, one every 30 seconds, the second of which waits for its answer; a client that is made while the system
@@ -91,7 +90,8 @@ Action unheard(
 }
 
 /** A code has no effect, then the device is locked once more: nothing may unlock it that was wished before. */
-Action retries(const Action &begin)
+Action retries(
+    const Action &begin, const Action &later = [](Play &) {})
 {
     return [=](Play &play) {
         play.start();
@@ -103,27 +103,14 @@ Action retries(const Action &begin)
         play.daemon(R"({"do":"behave"})");
         play.forgetEntries();
         play.setLock(Locked);
+        play.quiet();
+        later(play);
         play.leaveAlone(Long);
         play.usable();
     };
 }
 
-/** The outcome of a code comes when the device has been locked once more, and the user has gone. */
-void takesLate(Play &play)
-{
-    play.misbehave("Authenticate", "hold");
-    play.start();
-    play.reach("Authenticate");
-    play.setLock(ManagerLockout);
-    play.daemon(R"({"do":"behave"})");
-    play.forgetEntries();
-    play.setLock(Locked);
-    play.quiet();
-    play.daemon(R"({"do":"release"})");
-    play.leaveAlone(LateTime);
-    play.usable();
-}
-
+/** A lockout that the code has brought about is ended. */
 void enterWrongly(Play &play, const QByteArray &code)
 {
     play.enterOnce(code);
@@ -299,10 +286,11 @@ std::vector<Day> lastingDays()
         retries(goes("Authenticate", "reply", "(false,)")));
     add("retries-error", "answers the right code with an error, and the device is locked once more",
         retries(goes("Authenticate", "error")));
-    // Many a screen that is right otherwise takes every token for one that it has asked for.
-    days.push_back({"retries-late", "takes the right code when the device has been locked once more", takesLate,
-                    Day::Lasts, Day::WithBus, true});
     add("retries-mute", "does not answer the right code, and the device is locked once more",
         retries(goes("Authenticate", "mute")));
+    // Many a screen that is right otherwise takes every token for one that it has asked for.
+    days.push_back({"retries-late", "takes the right code when the device has been locked once more",
+                    retries(goes("Authenticate", "hold"), asks(R"({"do":"release"})")), Day::Lasts, Day::WithBus,
+                    true});
     return days;
 }

@@ -378,10 +378,11 @@ Outcome Play::finish()
     return {Outcome::Passed, text};
 }
 
-bool Play::mayHaveEnded(int status) const
+bool Play::mayHaveEnded(int status)
 {
     return WIFEXITED(status) && WEXITSTATUS(status) == 1
-        && (m_mayEnd() || (m_enteredWhileAway && (!m_hasOwner || m_time.wall() - m_ownerSince < qint64(2) * Moment)));
+        && (m_mayEnd()
+            || (m_enteredWhileAway && (!m_hasOwner || m_time.elapsed() - m_ownerSince < qint64(2) * Moment)));
 }
 
 Outcome Play::judgeEnd(const HostEnded &end)
@@ -408,7 +409,7 @@ void Play::observe()
     m_hasOwner = !m_isBusKilled && !state.value(QLatin1String("owner")).toString().isEmpty();
     m_peers = state.value(QLatin1String("peers")).toArray().size();
     if (m_hasOwner && !hadOwner)
-        m_ownerSince = m_time.wall();
+        m_ownerSince = m_time.elapsed();
     // A daemon that returns to a device that was unlocked before has not unlocked it.
     m_judgement.observe(m_hasOwner && m_lockState == Unlocked, m_time.elapsed(), formerState == Unlocked);
 }

@@ -138,7 +138,7 @@ public:
 
 private:
     bool enterUntil(const QByteArray &code, const std::function<bool()> &condition, int pause);
-    bool mayHaveEnded(int status) const;
+    bool mayHaveEnded(int status);
     int callCount(const QByteArray &method);
     void say(const QByteArray &text);
     void observe();

@@ -25,7 +25,7 @@
 
 namespace {
 
-// A call that is not answered holds a host up for 25 seconds. What waits takes no processor, except to start.
+// Hosts that wait take no processor, except to start.
 const int MostWaiting = 24;
 const int MostWorlds = 64;
 const qint64 LeastMemory = 512; // MiB
@@ -44,7 +44,7 @@ Patience patienceOf(Day::Pace pace, int grace)
     case Day::Freezes:
         break;
     }
-    // It may be held up when the daemon locks.
+    // A call that is not answered holds a host up for 25 seconds, perhaps when the daemon locks.
     return {60000, 27000, 110000, std::max(grace, 5000)};
 }
 
